@@ -1,0 +1,93 @@
+// The call frame shared by every exported call, and the two calls that need
+// no adapter.
+#include "frame/frame.h"
+
+#include <cstring>
+
+namespace qmx {
+
+Frame::Frame(const char *name) noexcept : name_(name) {
+    QMX_G_ERROR_CD = 0;
+    if (QMX_OpenApiTraceFile() == nullptr)
+        QMX_WriteSyslog(2, const_cast<char *>("Trace File Open Error"));
+    tracef("%s START", name_);
+}
+
+Frame::~Frame() {
+    if (!done_) fail();
+}
+
+bool Frame::lock(int target) noexcept {
+    if (QMX_ExeclusiveLock(target) == 0) {
+        lockTarget_ = target;
+        return true;
+    }
+    trace("Lock retry count overflow !!");
+    QMX_G_ERROR_CD = 5;
+    finish("END", 1);  // END on this path: tools expect it
+    return false;
+}
+
+int Frame::port(QMX_WWN wwn) noexcept { return QMX_InitRoutine(wwn); }
+
+int Frame::setterPort(QMX_WWN wwn, bool *ok) noexcept {
+    *ok = true;
+    if (isAllZero(wwn)) return -1;
+    int ind = QMX_InitRoutine(wwn);
+    if (ind < 0) *ok = false;
+    return ind;
+}
+
+void Frame::nullArg(const char *arg, const char *suffix) noexcept {
+    tracef("%s%s", arg, suffix);
+    QMX_G_ERROR_CD = 2;
+}
+
+QMX_STATUS Frame::invalid(const char *arg, const char *suffix) noexcept {
+    tracef("%s%s", arg, suffix);
+    QMX_G_ERROR_CD = 2;
+    return fail();
+}
+
+void Frame::requestFailed(const char *request) noexcept {
+    if (request != nullptr) trace(request);
+    tracef("%s Error", name_);
+}
+
+QMX_STATUS Frame::ok() noexcept {
+    finish("END", 0);
+    return 0;
+}
+
+QMX_STATUS Frame::fail() noexcept {
+    finish("ABEND", 1);
+    return 1;
+}
+
+QMX_STATUS Frame::fail(int code) noexcept {
+    QMX_G_ERROR_CD = code;
+    return fail();
+}
+
+void Frame::finish(const char *word, QMX_STATUS st) noexcept {
+    if (done_) return;
+    done_ = true;
+    status_ = st;
+    // The unlock comes before the END or ABEND line; the trace closes last.
+    if (lockTarget_ != 0) {
+        QMX_ExeclusiveUnlock(lockTarget_);
+        lockTarget_ = 0;
+    }
+    tracef("%s %s", name_, word);
+    QMX_CloseApiTraceFile();
+}
+
+}  // namespace qmx
+
+int QMX_LastErrorCode(void) { return QMX_G_ERROR_CD; }
+
+char *QMX_GetVendorAPIVersion(void) {
+    static char version[] = "06-02";
+    QMX_G_ERROR_CD = 0;
+    return version;
+}

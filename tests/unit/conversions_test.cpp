@@ -1,0 +1,91 @@
+// WWN and text conversions.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "frame/frame.h"
+
+TEST(Conversions, WwnRoundTripMostSignificantFirst) {
+    QMX_WWN w = {{0x21, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55}};
+    EXPECT_EQ(changeWWN(w), 0x2100001122334455ull);
+    QMX_WWN back{};
+    getWWN(0x2100001122334455ull, &back);
+    EXPECT_EQ(0, std::memcmp(back.wwn, w.wwn, 8));
+    EXPECT_TRUE(isAllZero(wwn_all_zero));
+    EXPECT_FALSE(isAllZero(w));
+}
+
+TEST(Conversions, ReadTblIsBigEndianAndRejectsOddSizes) {
+    uint8_t b[8] = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08};
+    EXPECT_EQ(qmx_read_tbl(b, 1), 0x01u);
+    EXPECT_EQ(qmx_read_tbl(b, 2), 0x0102u);
+    EXPECT_EQ(qmx_read_tbl(b, 4), 0x01020304u);
+    EXPECT_EQ(qmx_read_tbl(b, 8), 0x0102030405060708ull);
+    EXPECT_EQ(qmx_read_tbl(b, 3), 0u);
+    EXPECT_EQ(qmx_cnvc('Q'), 'q');
+    EXPECT_EQ(qmx_cnvc('q'), 'q');
+    EXPECT_EQ(qmx_cnvc('@'), '@');
+}
+
+TEST(Conversions, ConvertStringForms) {
+    struct Case {
+        const char *text;
+        int ok;
+        uint64_t value;
+    } cases[] = {
+        {"0x1F:", 1, 31}, {"0X1f", 1, 31}, {"12 34", 1, 12}, {"12a", 0, 12},
+        {"0x", 1, 0},     {"", 1, 0},      {":", 1, 0},      {"7\t9", 1, 7},
+        {"0xg", 0, 0},    {"-1", 0, 0},
+    };
+    for (const auto &c : cases) {
+        uint64_t v = 99;
+        EXPECT_EQ(qmx_convert_string(const_cast<char *>(c.text), &v), c.ok) << c.text;
+        EXPECT_EQ(v, c.value) << c.text;
+    }
+    // Past 64 bits the value wraps instead of failing.
+    uint64_t v = 0;
+    EXPECT_EQ(qmx_convert_string(const_cast<char *>("0x1FFFFFFFFFFFFFFFF"), &v), 1);
+    EXPECT_EQ(v, 0xFFFFFFFFFFFFFFFFull);
+}
+
+TEST(Conversions, TwoCharHex) {
+    unsigned char c = 0;
+    QMX_G_ERROR_CD = 0;
+    EXPECT_EQ(qmx_2CharTo1ByteHex(const_cast<char *>("0xFF"), &c), 0);
+    EXPECT_EQ(c, 255);
+    EXPECT_EQ(qmx_2CharTo1ByteHex(const_cast<char *>("a"), &c), 0);
+    EXPECT_EQ(c, 10);
+    c = 7;
+    EXPECT_EQ(qmx_2CharTo1ByteHex(const_cast<char *>(""), &c), 0);
+    EXPECT_EQ(c, 0);
+    EXPECT_EQ(QMX_G_ERROR_CD, 0);
+    // Three digits: the cut byte is stored, then the call fails with code 10.
+    EXPECT_EQ(qmx_2CharTo1ByteHex(const_cast<char *>("100"), &c), -1);
+    EXPECT_EQ(c, 0x00);
+    EXPECT_EQ(QMX_G_ERROR_CD, 10);
+    QMX_G_ERROR_CD = 0;
+    c = 5;
+    EXPECT_EQ(qmx_2CharTo1ByteHex(const_cast<char *>("0xZ1"), &c), -1);
+    EXPECT_EQ(c, 5);
+    EXPECT_EQ(QMX_G_ERROR_CD, 10);
+}
+
+TEST(Conversions, DiskOrderShorterNameFirst) {
+    sysfs_dev d[3] = {};
+    std::strcpy(d[0].devname, "sdb");
+    std::strcpy(d[1].devname, "sdaa");
+    std::strcpy(d[2].devname, "sda");
+    std::qsort(d, 3, sizeof d[0], compDevice);
+    EXPECT_STREQ(d[0].devname, "sda");
+    EXPECT_STREQ(d[1].devname, "sdb");
+    EXPECT_STREQ(d[2].devname, "sdaa");
+}
+
+TEST(Conversions, ShellQuoteOnlyWhenNeeded) {
+    EXPECT_EQ(qmx::shellQuote("/opt/kestrel/x.txt"), "/opt/kestrel/x.txt");
+    EXPECT_EQ(qmx::shellQuote("a b"), "'a b'");
+    EXPECT_EQ(qmx::shellQuote("x;rm -rf /"), "'x;rm -rf /'");
+    EXPECT_EQ(qmx::shellQuote("it's"), "'it'\\''s'");
+    EXPECT_EQ(qmx::shellQuote(""), "''");
+    EXPECT_EQ(qmx::shellQuote("$(id)"), "'$(id)'");
+}

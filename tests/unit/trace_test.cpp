@@ -1,0 +1,230 @@
+// The API trace ring: fixed-width lines, the marker, the wrap, message
+// splitting and the marker scan of an existing file.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/select.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "frame/frame.h"
+
+namespace {
+
+std::string tracePath(const std::string &name) {
+    struct stat st;
+    if (stat("/opt/kestrel/drivers/hba", &st) == 0 && S_ISDIR(st.st_mode))
+        return "/opt/kestrel/drivers/hba/" + name;
+    return name;
+}
+
+std::string slurp(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+// Each test writes its own trace file so that tests never share one.
+class TraceRing : public ::testing::Test {
+protected:
+    void SetUp() override {
+        name_ = std::string("trace-") + ::testing::UnitTest::GetInstance()->current_test_info()->name() +
+                ".txt";
+        path_ = tracePath(name_);
+        unlink(path_.c_str());
+        ASSERT_EQ(QMX_ChangeTraceLogFile(const_cast<char *>(name_.c_str())), 0);
+    }
+    void TearDown() override {
+        QMX_CloseApiTraceFile();
+        unlink(path_.c_str());
+    }
+    std::vector<std::string> lines() const {
+        std::string all = slurp(path_);
+        EXPECT_EQ(all.size() % 121, 0u) << "file is not made of 121-byte lines";
+        std::vector<std::string> out;
+        for (std::size_t i = 0; i + 121 <= all.size(); i += 121) {
+            EXPECT_EQ(all[i + 120], '\n');
+            out.push_back(all.substr(i, 120));
+        }
+        return out;
+    }
+    static std::string text(const std::string &line) {  // without stamp and pid, right-trimmed
+        std::string t = line;
+        t.erase(t.find_last_not_of(' ') + 1);
+        std::string prefix = std::to_string(getpid()) + " ";
+        auto at = t.find(prefix);
+        return at == std::string::npos ? t : t.substr(at + prefix.size());
+    }
+    static void write(const std::string &msg) { QMX_WriteApiTraceFile(const_cast<char *>(msg.c_str())); }
+
+    std::string name_, path_;
+};
+
+TEST_F(TraceRing, NewFileHoldsStartEndAndMarker) {
+    { qmx::Frame f("QMX_Probe"); f.ok(); }
+    auto l = lines();
+    ASSERT_EQ(l.size(), 3u);
+    EXPECT_EQ(text(l[0]), "QMX_Probe START");
+    EXPECT_EQ(text(l[1]), "QMX_Probe END");
+    EXPECT_EQ(l[2], "EndLog" + std::string(114, ' '));
+    // stamp "YYYY/MM/DD hh:mm:ss " then the pid
+    EXPECT_EQ(l[0][4], '/');
+    EXPECT_EQ(l[0][19], ' ');
+    EXPECT_EQ(l[0].substr(20, std::to_string(getpid()).size()), std::to_string(getpid()));
+}
+
+TEST_F(TraceRing, WrapsAfter4000LinesAndMarkerFollowsNewest) {
+    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+    for (int i = 1; i <= 4001; ++i) write("m" + std::to_string(i));
+    QMX_CloseApiTraceFile();
+    auto l = lines();
+    ASSERT_EQ(l.size(), 4000u);
+    EXPECT_EQ(text(l[0]), "m4001");
+    EXPECT_EQ(text(l[1]), "EndLog");
+    EXPECT_EQ(text(l[2]), "m3");  // the earlier lap
+    EXPECT_EQ(text(l[3999]), "m4000");
+
+    // The next open finds the marker and writes over it.
+    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+    EXPECT_EQ(QMX_G_TraceLineCnt, 1);
+    write("next");
+    QMX_CloseApiTraceFile();
+    l = lines();
+    EXPECT_EQ(text(l[1]), "next");
+    EXPECT_EQ(text(l[2]), "EndLog");
+    EXPECT_EQ(text(l[3]), "m4");
+}
+
+TEST_F(TraceRing, FileWithoutMarkerIsWrittenFromTheTop) {
+    {
+        std::ofstream out(path_, std::ios::binary);
+        for (int i = 0; i < 5; ++i) out << std::string(120, 'x') << '\n';
+    }
+    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+    EXPECT_EQ(QMX_G_TraceLineCnt, 0);
+    write("fresh");
+    QMX_CloseApiTraceFile();
+    auto l = lines();
+    ASSERT_EQ(l.size(), 5u);
+    EXPECT_EQ(text(l[0]), "fresh");
+    EXPECT_EQ(text(l[1]), "EndLog");
+    EXPECT_EQ(l[2], std::string(120, 'x'));
+}
+
+TEST_F(TraceRing, MarkerScanCountsReadsOfAtMost131Bytes) {
+    // A 300-character line counts as three reads (131 + 131 + 38 with the
+    // newline); the marker line then starts at byte 301.
+    {
+        std::ofstream out(path_, std::ios::binary);
+        out << std::string(300, 'a') << '\n' << "EndLog" << std::string(114, ' ') << '\n';
+        out << std::string(120, 'z') << '\n';
+    }
+    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+    EXPECT_EQ(QMX_G_TraceLineCnt, 3);
+    write("after");
+    QMX_CloseApiTraceFile();
+    std::string all = slurp(path_);
+    ASSERT_GE(all.size(), 301u + 242u);
+    EXPECT_EQ(all.substr(0, 300), std::string(300, 'a'));
+    EXPECT_NE(all.substr(301, 120).find("after"), std::string::npos);
+    EXPECT_EQ(all.substr(422, 6), "EndLog");
+}
+
+TEST_F(TraceRing, MessagesSplitAt95AndStopAt214) {
+    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+    std::string m95(95, 'a'), m96 = std::string(95, 'b') + "c";
+    std::string m300;
+    for (int i = 0; i < 300; ++i) m300 += char('A' + i % 26);
+    write(m95);
+    write(m96);
+    write(m300);
+    write("two\nlines");
+    QMX_CloseApiTraceFile();
+    auto l = lines();
+    ASSERT_EQ(l.size(), 7u);
+    EXPECT_EQ(text(l[0]), m95.substr(0, 120 - 21 - std::to_string(getpid()).size()));
+    EXPECT_EQ(l[2], "c" + std::string(119, ' '));              // continuation: no stamp
+    EXPECT_EQ(text(l[4]), m300.substr(95, 119));                // chars 95..213
+    EXPECT_EQ(text(l[5]), "two lines");                         // newline became a blank
+    EXPECT_EQ(text(l[6]), "EndLog");
+}
+
+TEST_F(TraceRing, NestedOpenRestartsTheCountButNotThePosition) {
+    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+    for (int i = 0; i < 3999; ++i) write("x");
+    FILE *again = QMX_OpenApiTraceFile();
+    EXPECT_EQ(again, QMX_G_TraceFP);
+    EXPECT_EQ(QMX_G_TraceLineCnt, 0);
+    write("y");
+    write("z");  // no wrap: the count restarted, so the ring grows past 4000
+    QMX_CloseApiTraceFile();
+    auto l = lines();
+    ASSERT_EQ(l.size(), 4002u);
+    EXPECT_EQ(text(l[4000]), "z");
+    EXPECT_EQ(text(l[4001]), "EndLog");
+}
+
+TEST_F(TraceRing, NameChangesAndRefusals) {
+    EXPECT_EQ(QMX_ChangeTraceLogFile(nullptr), -1);
+    std::string n256(256, 'n'), n257(257, 'n');
+    EXPECT_EQ(QMX_ChangeTraceLogFile(const_cast<char *>(n257.c_str())), -3);
+    EXPECT_EQ(QMX_ChangeTraceLogFile(const_cast<char *>(n256.c_str())), 0);
+    EXPECT_EQ(std::string(QMX_G_TraceLog), n256);
+    ASSERT_EQ(QMX_ChangeTraceLogFile(const_cast<char *>(name_.c_str())), 0);
+    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+    EXPECT_EQ(QMX_ChangeTraceLogFile(const_cast<char *>("other.txt")), -2);
+    EXPECT_EQ(std::string(QMX_G_TraceLog), name_);
+    EXPECT_EQ(QMX_WriteSyslog(3, const_cast<char *>("x")), -1);
+    EXPECT_EQ(QMX_WriteSyslog(0, nullptr), -1);
+    EXPECT_EQ(QMX_WriteApiTraceFile(nullptr), nullptr);
+}
+
+TEST_F(TraceRing, SystemErrorReportIsBoundedAndSetsCode1) {
+    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+    QMX_G_ERROR_CD = 0;
+    QMX_OutputSysLog(const_cast<char *>("a_very_long_system_call_name_that_overflows"), 2);
+    EXPECT_EQ(QMX_G_ERROR_CD, 1);
+    EXPECT_EQ(std::string(QMX_G_ERROR_MES).size(), 65u);
+    EXPECT_EQ(std::string(QMX_G_ERROR_MES).rfind("qmxvlib:a_very_long", 0), 0u);
+    QMX_OutputSysLog(const_cast<char *>("open"), 2);
+    EXPECT_STREQ(QMX_G_ERROR_MES, "qmxvlib:open is error. errno(2:No such file or directory)");
+    QMX_CloseApiTraceFile();
+    auto l = lines();
+    ASSERT_EQ(l.size(), 3u);
+    EXPECT_EQ(text(l[1]), "qmxvlib:open is error. errno(2:No such file or directory)");
+}
+
+TEST_F(TraceRing, SecondProcessWaitsForTheTraceLock) {
+    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+    write("parent");
+    int pipefd[2];
+    ASSERT_EQ(pipe(pipefd), 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        close(pipefd[0]);
+        QMX_G_TraceFP = nullptr;  // the child's own stream
+        QMX_OpenApiTraceFile();   // blocks until the parent closes
+        (void)!::write(pipefd[1], "x", 1);
+        _exit(0);
+    }
+    close(pipefd[1]);
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(pipefd[0], &set);
+    timeval tv{0, 300000};
+    EXPECT_EQ(select(pipefd[0] + 1, &set, nullptr, nullptr, &tv), 0) << "child got the lock";
+    QMX_CloseApiTraceFile();
+    char c;
+    EXPECT_EQ(read(pipefd[0], &c, 1), 1);
+    int status = 0;
+    waitpid(child, &status, 0);
+    close(pipefd[0]);
+}
+
+}  // namespace
