@@ -228,7 +228,7 @@ unsigned int QMX_getQmxDeviceId(char *DevSymbName) {
     std::memset(fixed, 0, sizeof fixed);
     diag_ioctl req;
     std::memset(&req, 0, sizeof req);
-    req.sub_cmd = QMX_DG_RDPCI;
+    req.sub_cmd = QMX_DG_RDFIXPCI;
     req.uni.offset = 0;
     req.length = 4;
     req.addr = reinterpret_cast<uintptr_t>(fixed);

@@ -1,0 +1,168 @@
+// The exclusive lock between processes and the call frame around it.  These
+// run inside the virtual host: the lock keys hang off files under /etc and
+// /opt, and each test starts with a fresh IPC namespace.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "frame/frame.h"
+
+namespace {
+
+std::vector<std::string> traceTexts() {
+    std::ifstream in("/opt/kestrel/drivers/hba/qmxlibTrace.txt", std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    std::string all = s.str();
+    std::vector<std::string> out;
+    std::string pid = std::to_string(getpid()) + " ";
+    for (std::size_t i = 0; i + 121 <= all.size(); i += 121) {
+        std::string t = all.substr(i, 120);
+        t.erase(t.find_last_not_of(' ') + 1);
+        auto at = t.find(pid);
+        out.push_back(at == std::string::npos ? t : t.substr(at + pid.size()));
+    }
+    return out;
+}
+
+bool contains(const std::vector<std::string> &v, const std::string &s) {
+    for (const auto &x : v)
+        if (x == s) return true;
+    return false;
+}
+
+class LockTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (getenv("QMXSIM_STATE") == nullptr) GTEST_SKIP() << "needs the virtual host (run through ctest)";
+        QMX_OpenApiTraceFile();
+    }
+    void TearDown() override { QMX_CloseApiTraceFile(); }
+};
+
+TEST_F(LockTest, FreeLockIsTakenAtOnceAndSeenByOtherProcesses) {
+    EXPECT_EQ(QMX_ExeclusiveLockCheck(1), 1);
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(QMX_ExeclusiveLock(1), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
+    EXPECT_EQ(QMX_ExeclusiveLockCheck(1), 0);
+
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) _exit(QMX_ExeclusiveLockCheck(1) == 0 ? 0 : 1);
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "another process does not see the lock";
+
+    EXPECT_EQ(QMX_ExeclusiveUnlock(1), 0);
+    EXPECT_EQ(QMX_ExeclusiveLockCheck(1), 1);
+    EXPECT_EQ(QMX_ExeclusiveUnlock(1), 0);  // releasing a free lock succeeds
+    QMX_CloseApiTraceFile();
+    EXPECT_TRUE(contains(traceTexts(), "/etc/qmxldd.conf is Lock SUCCESS"));
+}
+
+TEST_F(LockTest, HeldLockFailsAfterFiveTriesWithCode5) {
+    ASSERT_EQ(QMX_ExeclusiveLock(1), 0);
+    QMX_G_ERROR_CD = 0;
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(QMX_ExeclusiveLock(1), -1);
+    auto waited = std::chrono::steady_clock::now() - t0;
+    EXPECT_GE(waited, std::chrono::seconds(9));
+    EXPECT_LT(waited, std::chrono::seconds(30));
+    EXPECT_EQ(QMX_G_ERROR_CD, 5);
+    QMX_CloseApiTraceFile();
+    EXPECT_TRUE(contains(traceTexts(), "/etc/qmxldd.conf is Lock FAIL.retry count over"));
+}
+
+TEST_F(LockTest, UnknownTargetAndMissingKeyFile) {
+    char msg[64] = "untouched";
+    QMX_G_ERROR_CD = 0;
+    EXPECT_EQ(QMX_GetLockKey(7, msg), -1);
+    EXPECT_STREQ(msg, "untouched");
+    EXPECT_EQ(QMX_G_ERROR_CD, 10);
+    EXPECT_EQ(QMX_ExeclusiveLock(7), -1);
+    EXPECT_EQ(QMX_ExeclusiveUnlock(0), -1);
+
+    // Target 5's key file does not exist on the virtual host: ftok fails.
+    QMX_G_ERROR_CD = 0;
+    EXPECT_EQ(QMX_GetLockKey(5, msg), -1);
+    EXPECT_STREQ(msg, "/etc/rc.d/init.d/qmxmknod");
+    EXPECT_EQ(QMX_G_ERROR_CD, 1);
+    QMX_CloseApiTraceFile();
+    auto t = traceTexts();
+    EXPECT_TRUE(contains(t, "QMX_GetLockKey START(7)"));
+    EXPECT_TRUE(contains(t, "Unknown lock target"));
+    EXPECT_TRUE(contains(t, "ftok lock key get fail "));
+    EXPECT_TRUE(contains(t, "Not found unlock dir"));
+}
+
+TEST_F(LockTest, SetFrameWithLockTakenEndsWithEndAndCode5) {
+    QMX_CloseApiTraceFile();
+    ASSERT_EQ(QMX_ExeclusiveLock(1), 0);  // held by "another" caller
+    QMX_STATUS st = qmx::run("QMX_SetProbe", [&](qmx::Frame &f) {
+        if (!f.lock()) return f.status();
+        ADD_FAILURE() << "lock should not have been taken";
+        return f.ok();
+    });
+    EXPECT_EQ(st, 1);
+    EXPECT_EQ(QMX_LastErrorCode(), 5);
+    auto t = traceTexts();
+    ASSERT_GE(t.size(), 3u);
+    EXPECT_EQ(t[t.size() - 3], "Lock retry count overflow !!");
+    EXPECT_EQ(t[t.size() - 2], "QMX_SetProbe END");
+    EXPECT_EQ(t.back(), "EndLog");
+    EXPECT_EQ(QMX_ExeclusiveLockCheck(1), 0) << "the failed call must not release a lock it never took";
+}
+
+TEST_F(LockTest, SetFrameUnlocksBeforeItsEndLine) {
+    QMX_CloseApiTraceFile();
+    QMX_STATUS st = qmx::run("QMX_SetProbe", [&](qmx::Frame &f) {
+        if (!f.lock()) return f.status();
+        bool ok = true;
+        EXPECT_EQ(f.setterPort(wwn_all_zero, &ok), -1);  // driver-wide: no lookup
+        EXPECT_TRUE(ok);
+        return f.ok();
+    });
+    EXPECT_EQ(st, 0);
+    EXPECT_EQ(QMX_ExeclusiveLockCheck(1), 1);
+    auto t = traceTexts();
+    EXPECT_FALSE(contains(t, "QMX_InitRoutine START"));
+    ASSERT_GE(t.size(), 4u);
+    EXPECT_EQ(t[t.size() - 4], "QMX_ExeclusiveUnlock START");
+    EXPECT_EQ(t[t.size() - 3], "QMX_GetLockKey START(1)");
+    EXPECT_EQ(t[t.size() - 2], "QMX_SetProbe END");
+}
+
+TEST_F(LockTest, GetFramePresetsOutputsBeforeTheNullOne) {
+    QMX_CloseApiTraceFile();
+    int first = 77;
+    QMX_STATUS st = qmx::run("QMX_GetProbe", [&](qmx::Frame &f) {
+        if (!f.out(&first, "C_first") || !f.out(static_cast<int *>(nullptr), "S_second"))
+            return f.fail();
+        return f.ok();
+    });
+    EXPECT_EQ(st, 1);
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(QMX_LastErrorCode(), 2);
+    auto t = traceTexts();
+    EXPECT_TRUE(contains(t, "S_second is null"));
+    EXPECT_EQ(t[t.size() - 2], "QMX_GetProbe ABEND");
+}
+
+TEST_F(LockTest, ExceptionsNeverLeaveTheFrame) {
+    QMX_CloseApiTraceFile();
+    QMX_STATUS st = qmx::run("QMX_GetProbe", [&](qmx::Frame &) -> QMX_STATUS { throw std::bad_alloc(); });
+    EXPECT_EQ(st, 1);
+    EXPECT_EQ(QMX_LastErrorCode(), 1);
+    auto t = traceTexts();
+    EXPECT_TRUE(contains(t, "malloc error"));
+    EXPECT_EQ(t[t.size() - 2], "QMX_GetProbe ABEND");
+}
+
+}  // namespace
