@@ -138,6 +138,128 @@ QMX_API int QMX_SetUtilValue(QMX_WWN wwn, int index, char *key_str, int erId, vo
 QMX_API int QMX_read_modules_conf(util_para *list);
 
 /* @@PARAMS@@ port parameters and link settings */
+/* Port parameters.  Getters report the value the driver runs with now (C_)
+   and the value stored for its next load (S_); setters change the stored
+   value only.  del 1 removes the stored value (the value is then not
+   checked, except where noted); an all-zero wwn in a setter addresses the
+   driver-wide value. */
+typedef QMX_UINT32 QMX_TRANSFERSIZE;   /* MiB: 1, 4, 8, 16 or 32 */
+typedef QMX_UINT32 QMX_SPINUP;         /* 0 off, 1 on */
+typedef QMX_UINT8  QMX_PREFERREDALPA;  /* 1..254 */
+
+QMX_API QMX_STATUS QMX_GetMaxTransferSize(QMX_WWN wwn, QMX_TRANSFERSIZE *C_transfersize, QMX_TRANSFERSIZE *S_transfersize);
+QMX_API QMX_STATUS QMX_SetMaxTransferSize(QMX_WWN wwn, QMX_TRANSFERSIZE transfersize, int del);
+QMX_API QMX_STATUS QMX_GetQueueDepthCount(QMX_WWN wwn, QMX_UINT32 *C_queue, QMX_UINT32 *S_queue);
+QMX_API QMX_STATUS QMX_SetQueueDepthCount(QMX_WWN wwn, QMX_UINT32 queue, int del);
+QMX_API QMX_STATUS QMX_GetLinkDownTime(QMX_WWN wwn, QMX_UINT32 *C_linkdowntime, QMX_UINT32 *S_linkdowntime);
+QMX_API QMX_STATUS QMX_SetLinkDownTime(QMX_WWN wwn, QMX_UINT32 linkdowntime, int del);
+QMX_API QMX_STATUS QMX_GetResetDelayTime(QMX_WWN wwn, QMX_UINT32 *C_resetdelaytime, QMX_UINT32 *S_resetdelaytime);
+QMX_API QMX_STATUS QMX_SetResetDelayTime(QMX_WWN wwn, QMX_UINT32 resetdelaytime, int del);
+QMX_API QMX_STATUS QMX_GetResetTimeOut(QMX_WWN wwn, QMX_UINT32 *C_resettimeout, QMX_UINT32 *S_resettimeout);
+QMX_API QMX_STATUS QMX_SetResetTimeOut(QMX_WWN wwn, QMX_UINT32 resettimeout, int del);
+QMX_API QMX_STATUS QMX_GetAbortTimeOut(QMX_WWN wwn, QMX_UINT32 *C_aborttime, QMX_UINT32 *S_aborttime);
+QMX_API QMX_STATUS QMX_SetAbortTimeOut(QMX_WWN wwn, QMX_UINT32 aborttime, int del);
+/* The range 0..10 is checked when del is not 0 (also when deleting). */
+QMX_API QMX_STATUS QMX_GetMckRetryCnt(QMX_WWN wwn, int *C_mck_cnt, int *S_mck_cnt);
+QMX_API QMX_STATUS QMX_SetMckRetryCnt(QMX_WWN wwn, int mck_cnt, int del);
+QMX_API QMX_STATUS QMX_GetScsiAllowedCnt(QMX_WWN wwn, int *C_allowed_cnt, int *S_allowed_cnt);
+QMX_API QMX_STATUS QMX_SetScsiAllowedCnt(QMX_WWN wwn, int allowed_cnt, int del);
+QMX_API QMX_STATUS QMX_GetScsiDelayTime(QMX_WWN wwn, int *C_scsidelay, int *S_scsidelay);
+QMX_API QMX_STATUS QMX_SetScsiDelayTime(QMX_WWN wwn, int scsidelay, int del);
+QMX_API QMX_STATUS QMX_GetAbortTaskRestrain(QMX_WWN wwn, int *C_settingval, int *S_settingval);
+QMX_API QMX_STATUS QMX_SetAbortTaskRestrain(QMX_WWN wwn, int settingval, int del);
+QMX_API QMX_STATUS QMX_GetLunResetDelay(QMX_WWN wwn, int *C_delaytimer, int *S_delaytimer);
+QMX_API QMX_STATUS QMX_SetLunResetDelay(QMX_WWN wwn, int delaytimer, int del);
+/* With a port, the setter stores the value for every function of its adapter. */
+QMX_API QMX_STATUS QMX_GetInterruptType(QMX_WWN wwn, int *C_interrupt, int *S_interrupt);
+QMX_API QMX_STATUS QMX_SetInterruptType(QMX_WWN wwn, int interrupt, int del);
+QMX_API QMX_STATUS QMX_GetTargetResetMode(QMX_WWN wwn, int *C_setting, int *S_setting);
+QMX_API QMX_STATUS QMX_SetTargetResetMode(QMX_WWN wwn, int settingval, int del);
+/* The driver reports no current value: C_setting stays -1. */
+QMX_API QMX_STATUS QMX_GetPathHealthCheckTO(QMX_WWN wwn, int *C_setting, int *S_setting);
+QMX_API QMX_STATUS QMX_SetPathHealthCheckTO(QMX_WWN wwn, int settingval, int del);
+/* Isolation settings: current values from the driver's isolation record. */
+QMX_API QMX_STATUS QMX_GetIsolateSetting(QMX_WWN wwn, int *C_settingval, int *S_settingval);
+QMX_API QMX_STATUS QMX_SetIsolateSetting(QMX_WWN wwn, int settingval, int del);
+QMX_API QMX_STATUS QMX_GetLinkDownWatch(QMX_WWN wwn, int *C_settingval, int *S_settingval);
+QMX_API QMX_STATUS QMX_SetLinkDownWatch(QMX_WWN wwn, int settingval, int del);
+QMX_API QMX_STATUS QMX_GetLinkDownCountLT(QMX_WWN wwn, int *C_settingval, int *S_settingval);
+QMX_API QMX_STATUS QMX_SetLinkDownCountLT(QMX_WWN wwn, int settingval, int del);
+QMX_API QMX_STATUS QMX_GetLinkDownCountST(QMX_WWN wwn, int *C_settingval, int *S_settingval);
+QMX_API QMX_STATUS QMX_SetLinkDownCountST(QMX_WWN wwn, int settingval, int del);
+QMX_API QMX_STATUS QMX_GetFcIfWatch(QMX_WWN wwn, int *C_settingval, int *S_settingval);
+QMX_API QMX_STATUS QMX_SetFcIfWatch(QMX_WWN wwn, int settingval, int del);
+QMX_API QMX_STATUS QMX_GetFcIfThreshold(QMX_WWN wwn, int *C_settingval, int *S_settingval);
+QMX_API QMX_STATUS QMX_SetFcIfThreshold(QMX_WWN wwn, int settingval, int del);
+QMX_API QMX_STATUS QMX_GetScsiTimeoutWatch(QMX_WWN wwn, int *C_settingval, int *S_settingval);
+QMX_API QMX_STATUS QMX_SetScsiTimeoutWatch(QMX_WWN wwn, int settingval, int del);
+QMX_API QMX_STATUS QMX_GetScsiTimeoutThreshold(QMX_WWN wwn, int *C_settingval, int *S_settingval);
+QMX_API QMX_STATUS QMX_SetScsiTimeoutThreshold(QMX_WWN wwn, int settingval, int del);
+QMX_API QMX_STATUS QMX_GetScsiResetError(QMX_WWN wwn, int *C_settingval, int *S_settingval);
+QMX_API QMX_STATUS QMX_SetScsiResetError(QMX_WWN wwn, int settingval, int del);
+QMX_API QMX_STATUS QMX_GetMbLoginRetry(QMX_WWN wwn, int *C_settingval, int *S_settingval);
+QMX_API QMX_STATUS QMX_SetMbLoginRetry(QMX_WWN wwn, int settingval, int del);
+QMX_API QMX_STATUS QMX_GetMbELSRetry(QMX_WWN wwn, int *C_settingval, int *S_settingval);
+QMX_API QMX_STATUS QMX_SetMbELSRetry(QMX_WWN wwn, int settingval, int del);
+/* The value is refused when min_val > settingval or settingval > max_val. */
+QMX_API QMX_STATUS QMX_GetMbTimeoutRetry(QMX_WWN wwn, int *C_settingval, int *S_settingval);
+QMX_API QMX_STATUS QMX_SetMbTimeoutRetry(QMX_WWN wwn, int settingval, int del, int min_val, int max_val);
+QMX_API QMX_STATUS QMX_GetScsiCmdRetry(QMX_WWN wwn, int *C_settingval, int *S_settingval);
+QMX_API QMX_STATUS QMX_SetScsiCmdRetry(QMX_WWN wwn, int settingval, int del);
+/* Path change thresholds per error number: both outputs hold
+   QMX_PASSCHANGE_ENTRIES ints (-1: none). */
+#define QMX_PASSCHANGE_ENTRIES 1000
+QMX_API QMX_STATUS QMX_GetPassChangeThreshold(QMX_WWN wwn, int *C_threshold, int *S_threshold);
+QMX_API QMX_STATUS QMX_SetPassChangeThreshold(QMX_WWN wwn, int err_id, int threshold, int del);
+/* Driver-wide switches: the getter reports the port's current value only. */
+QMX_API QMX_STATUS QMX_GetLoggingMode(QMX_WWN wwn, int *C_log_mode);
+QMX_API QMX_STATUS QMX_SetLoggingMode(int log_mode, int del);
+QMX_API QMX_STATUS QMX_GetTgtFilter(QMX_WWN wwn, int *C_tgt_filter);
+QMX_API QMX_STATUS QMX_SetTgtFilter(int tgt_filter, int del);
+QMX_API QMX_STATUS QMX_GetScsiTimeoutFailCount(QMX_WWN wwn, int *scsitimeoout);
+/* Boot firmware settings (BIOS tool, or the EFI option area of a
+   partitioned port).  Login delay: 0..60 seconds, 255 when not set. */
+QMX_API QMX_STATUS QMX_GetLoginDelayTime(QMX_WWN wwn, QMX_UINT32 *C_delaytime, QMX_UINT32 *S_delaytime);
+QMX_API QMX_STATUS QMX_SetLoginDelayTime(QMX_WWN wwn, QMX_UINT32 delaytime, int del);
+QMX_API QMX_STATUS QMX_GetSpinupDelay(QMX_WWN wwn, QMX_SPINUP *C_spinupdelay, QMX_SPINUP *S_spinupdelay);
+QMX_API QMX_STATUS QMX_SetSpinupDelay(QMX_WWN wwn, QMX_SPINUP spinupdelay);
+/* Not offered by these adapters: always 1, outputs untouched. */
+QMX_API QMX_STATUS QMX_GetScatterGather(QMX_WWN wwn, int *C_sgListCnt, int *S_sgListCnt);
+QMX_API QMX_STATUS QMX_SetScatterGather(QMX_WWN wwn, int sgListCnt, int del);
+QMX_API QMX_STATUS QMX_GetMSCS(int *C_mscs_mode, int *S_mscs_mode);
+QMX_API QMX_STATUS QMX_SetMSCS(int mscs_mode, int del);
+
+/* Link settings.  Connection type: 1 auto (loop preferred), 2 point to
+   point, 3 loop.  Port speed: 0 auto, 1, 2, 4, 8 or 10 Gbit/s. */
+QMX_API QMX_STATUS QMX_GetConnectionType(QMX_WWN wwn, QMX_UINT8 *C_ConnectionType, QMX_UINT8 *S_ConnectionType);
+QMX_API QMX_STATUS QMX_SetConnectionType(QMX_WWN wwn, QMX_UINT8 ConnectionType);
+QMX_API QMX_STATUS QMX_GetPortSpeed(QMX_WWN wwn, QMX_UINT8 *C_portspeed, QMX_UINT8 *S_portspeed);
+QMX_API QMX_STATUS QMX_SetPortSpeed(QMX_WWN wwn, QMX_UINT8 portspeed);
+QMX_API QMX_STATUS QMX_GetPreferredALPANumber(QMX_WWN wwn, QMX_PREFERREDALPA *C_preferredalpanumber, QMX_PREFERREDALPA *S_preferredalpanumber);
+QMX_API QMX_STATUS QMX_SetPreferredALPANumber(QMX_WWN wwn, QMX_PREFERREDALPA preferredalpanumber, int del);
+
+/* Port information summary. */
+typedef struct qmx_proc_info {
+    QMX_UINT16 host_no;          /* not filled: left as the caller set it */
+    QMX_UINT16 vender_id;
+    QMX_UINT16 device_id;
+    QMX_UINT8  model_name[16];
+    QMX_UINT8  driver_ver[16];
+    QMX_UINT32 firmware_ver;
+    QMX_UINT8  highconf_opt;
+    QMX_UINT8  bus_dev_func[3];
+    QMX_UINT8  port_status;
+    QMX_UINT8  connection_type;
+    QMX_UINT32 max_data_rate;
+    QMX_UINT8  login_delay;
+} QMX_PROC_INFO;
+QMX_API QMX_STATUS QMX_GetProcInfo(QMX_WWN wwn, QMX_PROC_INFO *proc_info);
+/* Partition mode: 0 not partitioned, 1 shared port, 2 dedicated port, -1 on failure. */
+QMX_API int QMX_JudgeMlpfMode(QMX_WWN wwn);
+/* Hands "/etc/qmxldd.conf" (less than 4096 bytes) to the driver through its
+   sysfs attribute, and asks the driver to re-read its parameters.  0 or 1. */
+QMX_API int QMX_SysFsFileCopy(QMX_WWN wwn);
+QMX_API int QMX_DriverParamReflection(QMX_WWN wwn);
 
 /* @@BIOS@@ BIOS tool, EFI driver options */
 /* Boot BIOS settings, kept in the adapter and changed through the qmxbios

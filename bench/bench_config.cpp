@@ -1,0 +1,203 @@
+// Configuration store at its size limit: a set call on a file of about 8000
+// items (256 ports with all their per-port parameters and retry counts),
+// next to simply reading and writing the same bytes.
+//
+//   BM_SetCall/<items>        QMX_SetUtilValue's work on a private tree:
+//                             read, change in place, regroup, write the file,
+//                             refresh the module image
+//   BM_ReadWriteFile          read the file and write the same bytes back
+//   BM_ReadWriteFileAndImage  the same plus reading and writing the image's
+//                             table area (the I/O a set call has to do)
+//   BM_BuildText/<items>      the regrouping alone, in memory
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "config/config.h"
+#include "frame/frame.h"
+
+namespace {
+
+const char *const kPortParams[] = {
+    "_connection_type", "_link_speed",     "_max_transfer",    "_link_down",      "_reset_delay",
+    "_mck_retry",       "_preferred_alpa", "_reset_timeout",   "_abort_timeout",  "_queue_depth",
+    "_scsi_allowed",    "_tmt_delay",      "_lun_reset_delay", "_msi_enable",     "_isol_type",
+    "_ld_err_intvl",    "_ld_err_limit_l", "_ld_err_limit_s",  "_if_err_intvl",   "_if_err_limit",
+    "_to_err_intvl",    "_to_err_limit",   "_rt_err_enable",   "_login_retry",    "_els_retry",
+    "_to_reset_retry",  "_scsi_to_retry",  "_abort_t_restrain", "_alter_path_num",
+    "_offline_path_num", "_pathchk_to",    "_enable_tgtrst",
+};
+
+// A configuration file of about `items` items in the writer's layout: per
+// port the per-port parameters and retry counts, then the adapter items.
+std::string configText(int items) {
+    int perPort = items / 256;
+    if (perPort < 2) perPort = 2;
+    int params = perPort * 2 / 3 < 32 ? perPort * 2 / 3 : 32;
+    int retries = perPort - 1 - params;
+    std::string s = "qmx_queue_depth=32:qmxmp_failover=1:";
+    for (int p = 0; p < 256; ++p) {
+        std::string pre = "qmx" + std::to_string(p);
+        for (int i = 0; i < params; ++i) {
+            if (std::string(kPortParams[i]) == "_lun_reset_delay")
+                for (int e = 0; e < retries; ++e) s += pre + "_retry_cnt" + std::to_string(e) + "=9:";
+            s += pre + kPortParams[i] + "=" + std::to_string(i) + ":";
+        }
+        if (params <= 12)
+            for (int e = 0; e < retries; ++e) s += pre + "_retry_cnt" + std::to_string(e) + "=9:";
+    }
+    for (int p = 0; p < 256; ++p) {
+        char w[48];
+        std::snprintf(w, sizeof w, "qmxl%d-wwpn=0x%016x:", p, 0x2100 + p);
+        s += w;
+    }
+    return s;
+}
+
+void spit(const std::string &path, const std::string &text) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+std::string tableArea() {
+    std::string a(std::size_t(kTableAreaSize), '\0');
+    const char *names[] = {"<Kestrel_Fibre_Channel_Host_Bus_Adapter_Configuration_Module>",
+                           "<Kestrel_Ltd>",
+                           "<qmxldd_key>",
+                           "<qmxldd_key_hop>",
+                           "<qmxldd_conf>",
+                           "<CONFIG_END>"};
+    const int32_t next[] = {96, 96, 4176, 4176, 200068, 0};
+    std::size_t pos = 0;
+    for (int i = 0; i < 6; ++i) {
+        std::memcpy(&a[pos], names[i], std::strlen(names[i]));
+        std::memcpy(&a[pos + 64], &next[i], 4);
+        pos += std::size_t(next[i]);
+    }
+    return a;
+}
+
+// A private tree: etc/qmxldd.conf and lib/modules/<release>/ with modules.dep
+// and a module image.
+struct Tree {
+    std::string root, conf, lib, modules, modprobe, tmp1, tmp2, image;
+    qmx::ConfStore store{};
+    explicit Tree(const std::string &text) {
+        char tmpl[] = "/tmp/qmxcfg-bench-XXXXXX";
+        root = mkdtemp(tmpl) ? tmpl : "/tmp";
+        struct utsname un;
+        uname(&un);
+        for (std::string d : {std::string("/etc"), std::string("/lib"), std::string("/lib/modules"),
+                              "/lib/modules/" + std::string(un.release),
+                              "/lib/modules/" + std::string(un.release) + "/extra"})
+            mkdir((root + d).c_str(), 0755);
+        conf = root + "/etc/qmxldd.conf";
+        lib = root + "/etc/qmxlib.conf";
+        modules = root + "/lib/modules";
+        modprobe = root + "/etc/qmxldd_param.conf";
+        tmp1 = root + "/tmp1";
+        tmp2 = root + "/tmp2";
+        std::string base = modules + "/" + un.release;
+        image = base + "/extra/qmxldd_conf.ko";
+        spit(base + "/modules.dep", "extra/qmxldd_conf.ko:\n");
+        spit(image, std::string(4096, 'E') + tableArea() + std::string(1024, 'T'));
+        spit(conf, text);
+        store = {conf.c_str(), lib.c_str(), modules.c_str(), modprobe.c_str(), tmp1.c_str(),
+                 tmp2.c_str()};
+    }
+    ~Tree() {
+        std::string cmd = "rm -rf '" + root + "'";
+        if (std::system(cmd.c_str()) != 0) std::fprintf(stderr, "cleanup failed\n");
+    }
+};
+
+// Retry counts written by an earlier benchmark of the process stay in their
+// table by design; each benchmark starts from an empty one.
+void freshTables() { std::memset(retry_cnt, 0, sizeof retry_cnt); }
+
+void BM_SetCall(benchmark::State &state) {
+    freshTables();
+    std::string text = configText(int(state.range(0)));
+    Tree t(text);
+    qmx::copyText(dev_info_all[0].name, "qmxldd7");
+    c_max_port = 1;
+    QMX_WWN wwn = {{0x21, 0, 0, 0, 0, 0, 0x21, 0x07}};
+    int v = 0;
+    for (auto _ : state) {
+        v = v == 16 ? 32 : 16;
+        if (qmx::setUtilValue(t.store, wwn, 0, "_queue_depth", -1, &v, 0) != 0)
+            state.SkipWithError("set failed");
+    }
+    state.counters["bytes"] = double(text.size());
+    state.counters["items"] = double(std::count(text.begin(), text.end(), ':'));
+    state.SetComplexityN(state.range(0));
+}
+BENCHMARK(BM_SetCall)->Arg(1000)->Arg(2000)->Arg(4000)->Arg(8000)->Complexity(benchmark::oN)
+    ->Unit(benchmark::kMicrosecond);
+
+void BM_ReadWriteFile(benchmark::State &state) {
+    std::string text = configText(8000);
+    Tree t(text);
+    std::vector<char> buf(text.size() + 1);
+    for (auto _ : state) {
+        int fd = open(t.conf.c_str(), O_RDWR);
+        ssize_t n = read(fd, buf.data(), buf.size());
+        if (ftruncate(fd, 0) != 0 || pwrite(fd, buf.data(), std::size_t(n), 0) != n)
+            state.SkipWithError("write failed");
+        close(fd);
+    }
+    state.counters["bytes"] = double(text.size());
+}
+BENCHMARK(BM_ReadWriteFile)->Unit(benchmark::kMicrosecond);
+
+void BM_ReadWriteFileAndImage(benchmark::State &state) {
+    std::string text = configText(8000);
+    Tree t(text);
+    std::vector<char> buf(text.size() + 1);
+    std::vector<char> area(static_cast<std::size_t>(kTableAreaSize));
+    for (auto _ : state) {
+        int fd = open(t.conf.c_str(), O_RDWR);
+        ssize_t n = read(fd, buf.data(), buf.size());
+        if (ftruncate(fd, 0) != 0 || pwrite(fd, buf.data(), std::size_t(n), 0) != n)
+            state.SkipWithError("write failed");
+        close(fd);
+        int img = open(t.image.c_str(), O_RDWR);
+        if (pread(img, area.data(), area.size(), 4096) != ssize_t(area.size()) ||
+            pwrite(img, area.data(), area.size(), 4096) != ssize_t(area.size()))
+            state.SkipWithError("image failed");
+        close(img);
+    }
+}
+BENCHMARK(BM_ReadWriteFileAndImage)->Unit(benchmark::kMicrosecond);
+
+void BM_BuildText(benchmark::State &state) {
+    freshTables();
+    std::string text = configText(int(state.range(0)));
+    util_para *list = nullptr;
+    int n = qmx::parseKeyLine(text.data(), text.size(), &list);
+    std::vector<util_para> work(static_cast<std::size_t>(n));
+    std::string out;
+    for (auto _ : state) {
+        std::memcpy(work.data(), list, sizeof(util_para) * std::size_t(n));
+        out.clear();
+        qmx::buildConfText(work.data(), n, nullptr, 0, 0, out);
+        benchmark::DoNotOptimize(out.data());
+    }
+    if (out != text) state.SkipWithError("output differs from input");
+    std::free(list);
+    state.SetComplexityN(state.range(0));
+}
+BENCHMARK(BM_BuildText)->Arg(1000)->Arg(2000)->Arg(4000)->Arg(8000)->Complexity(benchmark::oN)
+    ->Unit(benchmark::kMicrosecond);
+
+}  // namespace

@@ -1,0 +1,492 @@
+// qmxsim: runs a command inside a virtual host with simulated qmxldd adapters.
+//
+//   qmxsim [--scenario FILE] [--state DIR] -- COMMAND [ARGS...]
+//
+// The command runs in private mount and IPC namespaces (plus a user namespace
+// mapped to root when started without root rights).  "/etc", "/dev",
+// "/sys/class" and "/usr/lib" are overlays whose changes stay in the sandbox;
+// "/opt", "/tmp", "/sys/block" and "/dev/shm" are fresh tmpfs mounts.  The
+// host files, device files and adapter tools are created from the scenario,
+// the simulated driver is preloaded (LD_PRELOAD), and "/dev/log" is caught
+// into "<state>/syslog.log".  The exit status is the command's (128 + signal
+// number when it was killed).
+//
+// Without --state a temporary state directory is used and removed at the end.
+// With --state DIR the adapters' state is kept in DIR: a later run with the
+// same DIR and no --scenario continues from it, including the configuration
+// files and the files of the tool directory as the last run left them.
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <string>
+#include <vector>
+
+#include "simstate.h"
+
+#ifndef QMXSIM_SOURCE_SCENARIO
+#define QMXSIM_SOURCE_SCENARIO ""
+#endif
+#ifndef QMXSIM_INSTALL_LIBDIR
+#define QMXSIM_INSTALL_LIBDIR "lib"
+#endif
+#ifndef QMXSIM_INSTALL_LIBEXECDIR
+#define QMXSIM_INSTALL_LIBEXECDIR "libexec"
+#endif
+#ifndef QMXSIM_INSTALL_DATADIR
+#define QMXSIM_INSTALL_DATADIR "share"
+#endif
+
+namespace {
+
+using qmxsim::json;
+
+volatile sig_atomic_t g_forwardPid = 0;
+
+void forwardSignal(int sig) {
+    if (g_forwardPid > 0) kill(pid_t(g_forwardPid), sig);
+}
+
+void installForwarding() {
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sa.sa_handler = forwardSignal;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESTART;
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaction(sig, &sa, nullptr);
+}
+
+[[noreturn]] void die(const std::string &msg) {
+    std::fprintf(stderr, "qmxsim: %s\n", msg.c_str());
+    std::fflush(stderr);
+    _exit(125);
+}
+
+std::string selfDir() {
+    char buf[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0) return ".";
+    buf[n] = '\0';
+    std::string p(buf);
+    std::size_t slash = p.rfind('/');
+    return slash == std::string::npos ? std::string(".") : p.substr(0, slash);
+}
+
+bool exists(const std::string &p) {
+    struct stat st;
+    return stat(p.c_str(), &st) == 0;
+}
+
+// The first existing candidate, or "".
+std::string firstExisting(const std::vector<std::string> &candidates) {
+    for (const std::string &c : candidates)
+        if (!c.empty() && exists(c)) {
+            char real[PATH_MAX];
+            return realpath(c.c_str(), real) ? std::string(real) : c;
+        }
+    return std::string();
+}
+
+std::string absolute(const std::string &p) {
+    if (!p.empty() && p[0] == '/') return p;
+    char cwd[PATH_MAX];
+    if (getcwd(cwd, sizeof cwd) == nullptr) die("getcwd failed");
+    return std::string(cwd) + "/" + p;
+}
+
+void writeProc(const char *path, const std::string &text) {
+    int fd = open(path, O_WRONLY | O_CLOEXEC);
+    if (fd < 0) die(std::string("open ") + path + ": " + std::strerror(errno));
+    if (write(fd, text.data(), text.size()) != ssize_t(text.size()))
+        die(std::string("write ") + path + ": " + std::strerror(errno));
+    close(fd);
+}
+
+void mountOrDie(const char *src, const std::string &dst, const char *type, unsigned long flags,
+                const std::string &data) {
+    if (mount(src, dst.c_str(), type, flags, data.empty() ? nullptr : data.c_str()) != 0)
+        die("mount " + std::string(type ? type : "bind") + " on " + dst + ": " + std::strerror(errno));
+}
+
+// An overlay over `dir`; false when the kernel refuses it (some file systems
+// cannot be a lower layer inside a user namespace).
+bool overlay(const std::string &scratch, const std::string &dir, const std::string &tag) {
+    std::string upper = scratch + "/" + tag + "/upper", work = scratch + "/" + tag + "/work";
+    if (!qmxsim::makeDirs(upper) || !qmxsim::makeDirs(work)) die("cannot create " + upper);
+    std::string data = "lowerdir=" + dir + ",upperdir=" + upper + ",workdir=" + work;
+    if (mount("overlay", dir.c_str(), "overlay", 0, data.c_str()) == 0) return true;
+    // Inside a user namespace the overlay keeps its metadata in user xattrs.
+    data += ",userxattr";
+    return mount("overlay", dir.c_str(), "overlay", 0, data.c_str()) == 0;
+}
+
+void tmpfs(const std::string &dir) {
+    qmxsim::makeDirs(dir);
+    mountOrDie("tmpfs", dir, "tmpfs", MS_NOSUID, "mode=755");
+}
+
+// Files that a persistent state directory carries from one run to the next.
+const char *const kKeptFiles[] = {"/etc/qmxldd.conf", "/etc/qmxlib.conf", "/etc/modprobe.d/qmxldd_param.conf"};
+constexpr char kToolDir[] = "/opt/kestrel/drivers/hba";
+
+void saveFiles(const std::string &state) {
+    std::string saved = state + "/saved";
+    qmxsim::removeTree(saved);
+    auto keep = [&](const std::string &path) {
+        struct stat st;
+        if (lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return;
+        std::string text;
+        if (!qmxsim::readWholeFile(path, text)) return;
+        std::string dst = saved + path;
+        qmxsim::makeDirs(dst.substr(0, dst.rfind('/')));
+        qmxsim::writeWholeFile(dst, text, st.st_mode & 07777);
+    };
+    for (const char *f : kKeptFiles) keep(f);
+    if (DIR *d = opendir(kToolDir)) {
+        while (struct dirent *e = readdir(d)) keep(std::string(kToolDir) + "/" + e->d_name);
+        closedir(d);
+    }
+}
+
+void restoreFiles(const std::string &state, const std::string &dir = "") {
+    std::string base = state + "/saved";
+    std::string here = base + dir;
+    DIR *d = opendir(here.c_str());
+    if (d == nullptr) return;
+    while (struct dirent *e = readdir(d)) {
+        std::string name = e->d_name;
+        if (name == "." || name == "..") continue;
+        std::string rel = dir + "/" + name;
+        struct stat st;
+        if (lstat((base + rel).c_str(), &st) != 0) continue;
+        if (S_ISDIR(st.st_mode)) {
+            restoreFiles(state, rel);
+        } else if (S_ISREG(st.st_mode)) {
+            std::string text;
+            if (!qmxsim::readWholeFile(base + rel, text)) continue;
+            qmxsim::makeDirs(rel.substr(0, rel.rfind('/')));
+            unlink(rel.c_str());
+            qmxsim::writeWholeFile(rel, text, st.st_mode & 07777);
+        }
+    }
+    closedir(d);
+}
+
+struct Options {
+    std::string scenario;
+    bool scenarioGiven = false;
+    std::string state;
+    bool stateGiven = false;
+    std::vector<char *> command;
+};
+
+void usage(FILE *to) {
+    std::fprintf(to,
+                 "usage: qmxsim [--scenario FILE] [--state DIR] -- COMMAND [ARGS...]\n"
+                 "Runs COMMAND in a virtual host with simulated qmxldd adapters.\n"
+                 "  --scenario FILE  host description (JSON); default: the shipped default host\n"
+                 "  --state DIR      keep the host's state in DIR (default: a temporary directory)\n");
+}
+
+Options parseArgs(int argc, char **argv) {
+    Options o;
+    int i = 1;
+    for (; i < argc; ++i) {
+        std::string a = argv[i];
+        if (a == "--") {
+            ++i;
+            break;
+        }
+        if (a == "-h" || a == "--help") {
+            usage(stdout);
+            std::exit(0);
+        }
+        auto value = [&](const char *opt) -> std::string {
+            std::string prefix = std::string(opt) + "=";
+            if (a.compare(0, prefix.size(), prefix) == 0) return a.substr(prefix.size());
+            if (i + 1 >= argc) die(std::string(opt) + " needs a value");
+            return argv[++i];
+        };
+        if (a == "--scenario" || a.rfind("--scenario=", 0) == 0) {
+            o.scenario = value("--scenario");
+            o.scenarioGiven = true;
+        } else if (a == "--state" || a.rfind("--state=", 0) == 0) {
+            o.state = value("--state");
+            o.stateGiven = true;
+        } else if (!a.empty() && a[0] == '-') {
+            usage(stderr);
+            die("unknown option " + a);
+        } else {
+            break;  // the command starts without "--"
+        }
+    }
+    for (; i < argc; ++i) o.command.push_back(argv[i]);
+    o.command.push_back(nullptr);
+    if (o.command.size() < 2) {
+        usage(stderr);
+        die("no command given");
+    }
+    return o;
+}
+
+struct Paths {
+    std::string driver, tools, scenario;
+};
+
+Paths findPaths(const Options &o) {
+    std::string self = selfDir();
+    Paths p;
+    // The build tree keeps everything next to qmxsim; an installed qmxsim
+    // finds the rest through the install layout it was built for.
+    p.driver = firstExisting({self + "/libqmxsimdrv.so", self + "/../" QMXSIM_INSTALL_LIBDIR "/qmxsim/libqmxsimdrv.so",
+                              self + "/../lib/qmxsim/libqmxsimdrv.so"});
+    if (p.driver.empty()) die("simulated driver libqmxsimdrv.so not found next to " + self);
+    p.tools = firstExisting({self + "/tools", self + "/../" QMXSIM_INSTALL_LIBEXECDIR "/qmxsim"});
+    if (o.scenarioGiven) {
+        p.scenario = absolute(o.scenario);
+    } else {
+        p.scenario = firstExisting({self + "/scenarios/default.json",
+                                    self + "/../" QMXSIM_INSTALL_DATADIR "/qmxsim/scenarios/default.json",
+                                    QMXSIM_SOURCE_SCENARIO});
+        if (p.scenario.empty()) die("default scenario not found");
+    }
+    return p;
+}
+
+// Runs the command in the sandbox; returns its exit status.  Called in the
+// child that owns the namespaces.
+int sandbox(const Options &o, const Paths &paths, const std::string &state, bool fresh) {
+    uid_t uid = getuid();
+    gid_t gid = getgid();
+    int flags = CLONE_NEWNS | CLONE_NEWIPC;
+    if (geteuid() != 0) flags |= CLONE_NEWUSER;
+    if (unshare(flags) != 0) die(std::string("unshare: ") + std::strerror(errno));
+    if (flags & CLONE_NEWUSER) {
+        writeProc("/proc/self/setgroups", "deny");
+        writeProc("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
+        writeProc("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+    }
+    mountOrDie(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, "");
+
+    struct stat stateSt;
+    if (stat(state.c_str(), &stateSt) != 0) die("state directory vanished");
+    int stateFd = open(state.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (stateFd < 0) die("open state directory: " + std::string(std::strerror(errno)));
+
+    // Scratch space for the overlays' upper layers, private to this sandbox.
+    std::string scratch = state + "/.sandbox";
+    qmxsim::makeDirs(scratch);
+    mountOrDie("tmpfs", scratch, "tmpfs", 0, "mode=700");
+    // The host's device nodes, to bind the few that programs need back into
+    // the overlay (an overlay made in a user namespace cannot open devices).
+    std::string oldDev = scratch + "/hostdev";
+    qmxsim::makeDirs(oldDev);
+    mountOrDie("/dev", oldDev, nullptr, MS_BIND | MS_REC, "");
+
+    if (!overlay(scratch, "/etc", "etc")) die("overlay on /etc: " + std::string(std::strerror(errno)));
+    char usrlib[PATH_MAX];
+    if (realpath("/lib", usrlib) == nullptr) std::strcpy(usrlib, "/usr/lib");
+    if (!overlay(scratch, usrlib, "usrlib"))
+        die("overlay on " + std::string(usrlib) + ": " + std::strerror(errno));
+    // /sys/class: an overlay, or else a fresh tmpfs (the sandbox then sees
+    // only the simulated SCSI hosts there).
+    if (!overlay(scratch, "/sys/class", "sysclass")) tmpfs("/sys/class");
+    // /dev: an overlay, or else a tmpfs holding the usual entries.
+    bool devOverlay = overlay(scratch, "/dev", "dev");
+    if (!devOverlay) {
+        tmpfs("/dev");
+        for (const char *link : {"fd:/proc/self/fd", "stdin:/proc/self/fd/0", "stdout:/proc/self/fd/1",
+                                 "stderr:/proc/self/fd/2", "ptmx:pts/ptmx"}) {
+            std::string l(link);
+            std::size_t colon = l.find(':');
+            if (symlink(l.substr(colon + 1).c_str(), ("/dev/" + l.substr(0, colon)).c_str()) != 0)
+                die("symlink in /dev: " + std::string(std::strerror(errno)));
+        }
+    }
+    for (const char *node : {"null", "zero", "full", "random", "urandom", "tty"}) {
+        std::string src = oldDev + "/" + node, dst = std::string("/dev/") + node;
+        if (!exists(src)) continue;
+        if (!devOverlay) {
+            int fd = open(dst.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+            if (fd >= 0) close(fd);
+        }
+        if (exists(dst)) mount(src.c_str(), dst.c_str(), nullptr, MS_BIND, nullptr);
+    }
+    if (exists(oldDev + "/pts/ptmx")) {
+        qmxsim::makeDirs("/dev/pts");
+        mount((oldDev + "/pts").c_str(), "/dev/pts", nullptr, MS_BIND | MS_REC, nullptr);
+    }
+    tmpfs("/dev/shm");
+    tmpfs("/opt");
+    tmpfs("/tmp");
+    tmpfs("/sys/block");
+
+    // The state directory must stay reachable under its own name.
+    struct stat now;
+    if (stat(state.c_str(), &now) != 0 || now.st_ino != stateSt.st_ino || now.st_dev != stateSt.st_dev) {
+        qmxsim::makeDirs(state);
+        std::string src = "/proc/self/fd/" + std::to_string(stateFd);
+        mountOrDie(src.c_str(), state, nullptr, MS_BIND, "");
+    }
+    close(stateFd);
+
+    // Host files.
+    json st;
+    try {
+        st = qmxsim::loadJsonFile(state + "/state.json");
+    } catch (const std::exception &e) {
+        die(e.what());
+    }
+    struct utsname un;
+    qmxsim::HostLayout layout;
+    layout.root = "";
+    layout.stateDir = state;
+    layout.toolSourceDir = paths.tools;
+    layout.release = uname(&un) == 0 ? un.release : "";
+    std::string err = qmxsim::materializeHost(st, layout);
+    if (!err.empty()) die(err);
+    if (!fresh) restoreFiles(state);
+
+    // The system log catcher.
+    unlink("/dev/log");
+    int logSock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (logSock >= 0) {
+        struct sockaddr_un addr;
+        std::memset(&addr, 0, sizeof addr);
+        addr.sun_family = AF_UNIX;
+        std::strcpy(addr.sun_path, "/dev/log");
+        if (bind(logSock, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
+            close(logSock);
+            logSock = -1;
+        } else {
+            chmod("/dev/log", 0666);
+        }
+    }
+    std::string syslogPath = state + "/syslog.log";
+    int syslogFd = open(syslogPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+
+    // Environment of the command.
+    setenv("QMXSIM_STATE", state.c_str(), 1);
+    std::string preload = paths.driver;
+    if (const char *old = getenv("LD_PRELOAD"); old != nullptr && *old != '\0') preload += std::string(":") + old;
+    setenv("LD_PRELOAD", preload.c_str(), 1);
+    // An address-sanitized command sees the preloaded driver ahead of its
+    // sanitizer runtime; that order is intended here.
+    std::string asan = getenv("ASAN_OPTIONS") ? getenv("ASAN_OPTIONS") : "";
+    if (asan.find("verify_asan_link_order") == std::string::npos)
+        asan += std::string(asan.empty() ? "" : ":") + "verify_asan_link_order=0";
+    setenv("ASAN_OPTIONS", asan.c_str(), 1);
+
+    pid_t cmd = fork();
+    if (cmd < 0) die(std::string("fork: ") + std::strerror(errno));
+    if (cmd == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        execvp(o.command[0], o.command.data());
+        std::fprintf(stderr, "qmxsim: cannot run %s: %s\n", o.command[0], std::strerror(errno));
+        _exit(127);
+    }
+    g_forwardPid = cmd;
+
+    auto drain = [&]() {
+        if (logSock < 0) return;
+        char msg[8192];
+        for (;;) {
+            ssize_t n = recv(logSock, msg, sizeof msg - 1, 0);
+            if (n <= 0) break;
+            if (msg[n - 1] != '\n') msg[n++] = '\n';
+            if (syslogFd >= 0) {
+                ssize_t w = write(syslogFd, msg, std::size_t(n));
+                (void)w;
+            }
+        }
+    };
+    int status = 0;
+    for (;;) {
+        struct pollfd pfd = {logSock, POLLIN, 0};
+        if (logSock >= 0) poll(&pfd, 1, 100);
+        else usleep(100000);
+        drain();
+        pid_t w = waitpid(cmd, &status, WNOHANG);
+        if (w == cmd) break;
+        if (w < 0 && errno != EINTR) break;
+    }
+    drain();
+    if (o.stateGiven) saveFiles(state);
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return 125;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    Options o = parseArgs(argc, argv);
+    Paths paths = findPaths(o);
+
+    // The state directory.
+    std::string state;
+    bool temporary = !o.stateGiven;
+    if (temporary) {
+        const char *tmp = getenv("TMPDIR");
+        std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/qmxsim.XXXXXX";
+        std::vector<char> buf(templ.begin(), templ.end());
+        buf.push_back('\0');
+        if (mkdtemp(buf.data()) == nullptr) die("mkdtemp: " + std::string(std::strerror(errno)));
+        state = buf.data();
+    } else {
+        state = absolute(o.state);
+        if (!qmxsim::makeDirs(state)) die("cannot create " + state);
+        char real[PATH_MAX];
+        if (realpath(state.c_str(), real) != nullptr) state = real;
+    }
+    bool fresh = temporary || o.scenarioGiven || !exists(state + "/state.json");
+    if (fresh) {
+        json st;
+        try {
+            st = qmxsim::normalizeScenario(qmxsim::loadJsonFile(paths.scenario));
+        } catch (const std::exception &e) {
+            if (temporary) qmxsim::removeTree(state);
+            die(e.what());
+        }
+        for (const char *old : {"driver.log", "syslog.log", "tools", "saved", "proc"})
+            qmxsim::removeTree(state + "/" + old);
+        std::string why;
+        if (!qmxsim::StateStore(state).write(st, &why)) die("cannot write the state: " + why);
+    }
+
+    pid_t child = fork();
+    if (child < 0) die(std::string("fork: ") + std::strerror(errno));
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        installForwarding();
+        _exit(sandbox(o, paths, state, fresh));
+    }
+    g_forwardPid = child;
+    installForwarding();
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    qmxsim::removeTree(state + "/.sandbox");
+    if (temporary) qmxsim::removeTree(state);
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return 125;
+}

@@ -1,0 +1,181 @@
+// Internal interface of the driver configuration store: the key list reader
+// and writer of "/etc/qmxldd.conf", the per-port parameter tables, the
+// parameter engine and the configuration module image.
+//
+// Every routine that works on a fixed system path has an internal entry
+// point taking a ConfStore (the set of paths); the fixed-path routine calls
+// it with kSystemStore, so tools and tests can run the same code on a
+// private tree.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "qmxvlib.h"
+
+// ---------------------------------------------------------------------------
+// Per-port parameter tables, indexed by port number.
+// ---------------------------------------------------------------------------
+constexpr int kConfPorts = 256;
+constexpr int kRetryEntries = 1000;
+
+struct __HBAKEY {
+    char val[8];   // value text
+    char key[24];  // full key (isolate records only)
+    int use_flg;   // 1 when the port has a value
+};
+static_assert(sizeof(__HBAKEY) == 36);
+
+extern __HBAKEY connection_type[kConfPorts], link_speed[kConfPorts], max_transfer[kConfPorts],
+    link_down[kConfPorts], reset_delay[kConfPorts], mck_retry[kConfPorts],
+    preferred_alpa[kConfPorts], reset_timeout[kConfPorts], abort_timeout[kConfPorts],
+    queue_depth[kConfPorts], allowed[kConfPorts], tmt_delay[kConfPorts],
+    lun_reset_delay[kConfPorts], msi_enable[kConfPorts], isol_type[kConfPorts],
+    ld_err_intvl[kConfPorts], ld_err_limitl[kConfPorts], ld_err_limits[kConfPorts],
+    if_err_intvl[kConfPorts], if_err_limit[kConfPorts], to_err_intvl[kConfPorts],
+    to_err_limit[kConfPorts], rt_err_enable[kConfPorts], login_retry[kConfPorts],
+    els_retry[kConfPorts], to_reset_retry[kConfPorts], scsi_to_retry[kConfPorts],
+    abort_t_restrain[kConfPorts], alter_path[kConfPorts], offline_path[kConfPorts],
+    pathchk[kConfPorts], trgrst[kConfPorts];
+// Not indexed by port: up to 256 whole "_bs" items, filled front to back.
+extern __HBAKEY isolate[kConfPorts];
+// Per-error retry counts: 256 ports by 1000 entries.
+extern __HBAKEY retry_cnt[kConfPorts][kRetryEntries];
+
+// The port number of a per-port key ("qmx<N>_..."), or -1.
+int qmx_getpos(char *keyword);
+// Moves the per-port items of a list into the port tables.
+void qmx_OutputListParamCreate(util_para *param, int param_max);
+
+// ---------------------------------------------------------------------------
+// Configuration module image (qmxldd_conf.ko).
+// ---------------------------------------------------------------------------
+constexpr long kTableAreaSize = 208708;
+constexpr std::size_t kConfigValueSize = 200000;
+
+struct Common_entry {
+    char name[64];
+    int32_t next;
+    char value[28];
+};
+struct Key_entry {
+    char name[64];
+    int32_t next;
+    char value[4108];
+};
+struct Config_entry {
+    char name[64];
+    int32_t next;
+    char value[kConfigValueSize];
+};
+static_assert(sizeof(Common_entry) == 96);
+static_assert(sizeof(Key_entry) == 4176);
+static_assert(sizeof(Config_entry) == 200068);
+static_assert(3 * sizeof(Common_entry) + 2 * sizeof(Key_entry) + sizeof(Config_entry) ==
+              std::size_t(kTableAreaSize));
+
+typedef struct type_table {
+    off_t offset;  // file offset of the table area
+    long size;     // the area's size once read
+    char *data;    // heap copy of the area
+} Type_tbl;
+
+// The descriptor of the open module file.
+extern Type_tbl *tableList;
+
+int open_program(char *path, int mode);
+int find_table(int fd);
+int search(char *buf, int n);
+int read_table(Type_tbl *tbl, int fd);
+int write_config(Type_tbl *tbl, int fd);
+void close_program(int fd);
+void copy_modules_conf(void);
+int qmx_mpcfg(void);
+
+namespace qmx {
+
+// ---------------------------------------------------------------------------
+// Paths of the configuration store.
+// ---------------------------------------------------------------------------
+struct ConfStore {
+    const char *conf;         // "/etc/qmxldd.conf"
+    const char *lib;          // "/etc/qmxlib.conf"
+    const char *modulesRoot;  // "/lib/modules"
+    const char *modprobe;     // "/etc/modprobe.d/qmxldd_param.conf"
+    const char *modTmp1;      // "/tmp/conf_modules1.hba"
+    const char *modTmp2;      // "/tmp/conf_modules2.hba"
+};
+extern const ConfStore kSystemStore;
+
+// ---------------------------------------------------------------------------
+// Key list reader.  Results below zero:
+// ---------------------------------------------------------------------------
+constexpr int kReadNoFile = -1;    // stat of the size file failed
+constexpr int kReadNoOpen = -2;    // the file could not be opened
+constexpr int kReadNoMemory = -3;  // allocation failed
+constexpr int kReadRefused = -4;   // too large to be a configuration file (code 9)
+
+// Largest number of item slots and of bytes a configuration file may have;
+// the writer keeps real files far below both.
+constexpr int kMaxKeySlots = 132000;
+constexpr long kMaxConfBytes = 16L * 1024 * 1024;
+
+// Parses the first line of `text` (up to a newline, a NUL or `len`).
+int parseKeyLine(const char *text, std::size_t len, util_para **key_list) noexcept;
+// Reads one file: its buffer is sized from `sizePath`, the text read from `path`.
+int readKeyFile(const char *sizePath, const char *path, util_para **key_list) noexcept;
+// flg 0: the driver file, 1: the library file.
+int readKeyList(const ConfStore &store, util_para **key_list, int flg) noexcept;
+
+// ---------------------------------------------------------------------------
+// Writer.
+// ---------------------------------------------------------------------------
+constexpr long kConfSizeLimit = 199999;
+
+// Appends the file text of a key list and new items (the fixed layout) to
+// `out`, marking the items it writes or takes.  No I/O.
+void buildConfText(util_para *key_list, int key_list_max, util_para *add_list, int add_list_max,
+                   int remake_bind_data, std::string &out);
+int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
+                 util_para *add_list, int add_list_max, int remake_bind_data) noexcept;
+
+// ---------------------------------------------------------------------------
+// Parameter engine.
+// ---------------------------------------------------------------------------
+int getUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key_str, int erId,
+                 void *setval) noexcept;
+int setUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key_str, int erId,
+                 void *setval, int del) noexcept;
+
+// ---------------------------------------------------------------------------
+// Module image and module options.
+// ---------------------------------------------------------------------------
+// Checks the entry chain of a table area held in memory.  nullptr when it
+// is valid (the configuration entry's value then starts at *configValueAt),
+// otherwise the message that describes the first fault.
+const char *checkTableArea(const unsigned char *area, std::size_t size,
+                           std::size_t *configValueAt) noexcept;
+int writeConfigFrom(const char *confPath, Type_tbl *tbl, int fd) noexcept;
+int mpcfg(const ConfStore &store) noexcept;
+int readModulesConf(const ConfStore &store, util_para *list, int cap) noexcept;
+void copyModulesConf(const ConfStore &store) noexcept;
+
+// atoi as the C library computes it (strtol narrowed to int), without
+// undefined behaviour on overflow.
+int atoiText(const char *s) noexcept;
+int atoiText(std::string_view s) noexcept;
+
+// The key and the value of an item, never read past their fields.
+inline std::string_view keyOf(const util_para &p) noexcept {
+    return {p.keyword, strnlen(p.keyword, sizeof p.keyword)};
+}
+inline std::string_view valueOf(const util_para &p) noexcept {
+    return {p.value, strnlen(p.value, sizeof p.value)};
+}
+
+}  // namespace qmx

@@ -1,0 +1,255 @@
+// Parameter engine: reads and stores one parameter of one port (or of the
+// whole driver) in "/etc/qmxldd.conf".
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "config/config.h"
+#include "frame/frame.h"
+
+namespace {
+
+using std::string_view;
+
+enum class Encoding { Int, AlpaByte, SignedByte };
+
+// The multipath parameters: their value is the first byte of the caller's
+// value, signed.
+constexpr const char *kMultipathNames[] = {"mp_failover",   "mp_failback",   "mp_path_health",
+                                           "mp_roundrobin", "mp_alp_enable", "mp_ofp_enable"};
+
+Encoding encodingOf(string_view suffix) {
+    if (suffix == "_preferred_alpa") return Encoding::AlpaByte;
+    for (const char *m : kMultipathNames)
+        if (suffix == m) return Encoding::SignedByte;
+    return Encoding::Int;
+}
+
+void formatValue(Encoding enc, const void *setval, char *dst, std::size_t cap) {
+    switch (enc) {
+        case Encoding::AlpaByte:
+            std::snprintf(dst, cap, "0x%02x", *static_cast<const unsigned char *>(setval));
+            break;
+        case Encoding::SignedByte:
+            std::snprintf(dst, cap, "%d", int(*static_cast<const signed char *>(setval)));
+            break;
+        case Encoding::Int: {
+            int32_t v;
+            std::memcpy(&v, setval, sizeof v);
+            std::snprintf(dst, cap, "%d", int(v));
+            break;
+        }
+    }
+}
+
+// The port number in the keys: the number after "qmxldd" in the port's
+// device name (the driver's device number, which can differ from the
+// instance number when device numbers have gaps); -1 for no port.
+// -2 when the instance number names no table entry.
+int portNumberOf(int index) {
+    if (index < 0) return -1;
+    if (index >= kMaxPorts) return -2;
+    const dev_info &d = dev_info_all[index];
+    string_view name(d.name, strnlen(d.name, sizeof d.name));
+    std::size_t at = name.find("qmxldd");
+    if (at == string_view::npos) return -2;
+    return qmx::atoiText(name.substr(at + 6));
+}
+
+std::string wwnText(const QMX_WWN &w) {
+    char buf[24];
+    std::snprintf(buf, sizeof buf, "0x%02x%02x%02x%02x%02x%02x%02x%02x", w.wwn[0], w.wwn[1],
+                  w.wwn[2], w.wwn[3], w.wwn[4], w.wwn[5], w.wwn[6], w.wwn[7]);
+    return buf;
+}
+
+// Key forms.  With a sub-index, Get appends it only for "_retry_cnt" while
+// Set appends it for every suffix; no caller passes another suffix with a
+// sub-index, and both forms are kept as they are.
+std::string formKey(const QMX_WWN &wwn, int port, string_view suffix, int erId, bool forSet) {
+    char buf[512];
+    std::string sfx(suffix);
+    if (suffix == "_bs") {
+        std::snprintf(buf, sizeof buf, "qmx_%02x_%02x_%02x%s", wwn.wwn[0], wwn.wwn[1], wwn.wwn[2],
+                      sfx.c_str());
+        return buf;
+    }
+    bool sub = erId != -1 && (forSet || suffix == "_retry_cnt");
+    if (port == -1) {
+        if (sub)
+            std::snprintf(buf, sizeof buf, "qmx%s%d", sfx.c_str(), erId);
+        else
+            std::snprintf(buf, sizeof buf, "qmx%s", sfx.c_str());
+    } else {
+        if (sub)
+            std::snprintf(buf, sizeof buf, "qmx%d%s%d", port, sfx.c_str(), erId);
+        else
+            std::snprintf(buf, sizeof buf, "qmx%d%s", port, sfx.c_str());
+    }
+    return buf;
+}
+
+struct ListHolder {
+    util_para *list = nullptr;
+    ~ListHolder() { std::free(list); }
+};
+
+}  // namespace
+
+namespace qmx {
+
+int getUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key_str, int erId,
+                 void *setval) noexcept {
+    trace("QMX_GetUtilValue START");
+    auto abend = [] {
+        trace("QMX_GetUtilValue ABEND");
+        return -1;
+    };
+    try {
+        ListHolder keys;
+        int n = readKeyList(store, &keys.list, 0);
+        if (n < 0) return abend();
+        if (key_str == nullptr || setval == nullptr) {
+            setError(2);
+            return abend();
+        }
+        string_view suffix(key_str, strnlen(key_str, 256));
+        int port = portNumberOf(index);
+        if (port == -2) {
+            trace("index is invalid value");
+            setError(2);
+            return abend();
+        }
+        std::string key = formKey(wwn, port, suffix, erId, false);
+        // The exact key only: a port without its own item does not fall back
+        // to the driver-wide one.
+        const util_para *hit = nullptr;
+        for (int i = 0; i < n && keys.list != nullptr; ++i) {
+            if (keyOf(keys.list[i]) == key) {
+                hit = &keys.list[i];
+                break;
+            }
+        }
+        if (hit != nullptr) {
+            if (encodingOf(suffix) == Encoding::AlpaByte) {
+                // Two hexadecimal digits after the value's first two characters.
+                char digits[sizeof hit->value];
+                string_view v = valueOf(*hit);
+                copyText(digits, v.substr(v.size() < 2 ? v.size() : 2));
+                unsigned char byte = 0;
+                if (qmx_2CharTo1ByteHex(digits, &byte) != 0) {
+                    copyText(QMX_G_ERROR_MES, "qmx_2CharTo1ByteHex is err");
+                    trace(QMX_G_ERROR_MES);
+                    return abend();
+                }
+                *static_cast<unsigned char *>(setval) = byte;
+            } else {
+                int32_t v = atoiText(valueOf(*hit));
+                std::memcpy(setval, &v, sizeof v);
+            }
+        }
+        trace("QMX_GetUtilValue END");
+        return 0;
+    } catch (...) {
+        sysError("malloc", ENOMEM);
+        return abend();
+    }
+}
+
+int setUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key_str, int erId,
+                 void *setval, int del) noexcept {
+    trace("QMX_SetUtilValue START");
+    auto abend = [] {
+        trace("QMX_SetUtilValue ABEND");
+        return -1;
+    };
+    try {
+        if (key_str == nullptr || (del != 1 && setval == nullptr)) {
+            setError(2);
+            return abend();
+        }
+        ListHolder keys;
+        int n = readKeyList(store, &keys.list, 0);
+        // A file that cannot be read is an empty list (the writer then fails
+        // when the file is missing).  A file that could not be held in memory
+        // or was refused as too large is not overwritten.
+        if (n == kReadNoMemory || n == kReadRefused) return abend();
+        if (n < 0) n = 0;
+        if (keys.list == nullptr) n = 0;
+
+        string_view suffix(key_str, strnlen(key_str, 256));
+        int port = portNumberOf(index);
+        if (port == -2) {
+            trace("index is invalid value");
+            setError(2);
+            return abend();
+        }
+        Encoding enc = encodingOf(suffix);
+        std::string key = formKey(wwn, port, suffix, erId, true);
+        char adapterKey[32];
+        std::snprintf(adapterKey, sizeof adapterKey, "qmxl%d-wwpn", port);
+
+        util_para *hit = nullptr;
+        bool adapterPresent = false;
+        for (int i = 0; i < n; ++i) {
+            string_view k = keyOf(keys.list[i]);
+            if (hit == nullptr && k == key) hit = &keys.list[i];
+            if (k == adapterKey) adapterPresent = true;
+        }
+
+        util_para add[2];
+        std::memset(add, 0, sizeof add);
+        int addCount = 0;
+        if (hit != nullptr) {
+            if (del == 1) {
+                hit->keyword[0] = '\0';
+                hit->value[0] = '\0';
+            } else {
+                formatValue(enc, setval, hit->value, sizeof hit->value);
+            }
+        } else if (del == 1) {
+            return 0;  // nothing to remove; the file is left as it is
+        } else if (isAllZero(wwn) && suffix != "_bs") {
+            copyText(add[0].keyword, key);
+            formatValue(enc, setval, add[0].value, sizeof add[0].value);
+            addCount = 1;
+        } else if (suffix == "_bs") {
+            copyText(add[0].keyword, key);
+            formatValue(Encoding::Int, setval, add[0].value, sizeof add[0].value);
+            addCount = 1;
+        } else {
+            // A port's first item: tie its number to its WWN first.
+            if (!adapterPresent) {
+                copyText(add[addCount].keyword, adapterKey);
+                copyText(add[addCount].value, wwnText(wwn));
+                ++addCount;
+            }
+            char k[512];
+            std::string sfx(suffix);
+            if (erId != -1)
+                std::snprintf(k, sizeof k, "qmx%d%s%d", port, sfx.c_str(), erId);
+            else
+                std::snprintf(k, sizeof k, "qmx%d%s", port, sfx.c_str());
+            copyText(add[addCount].keyword, k);
+            formatValue(enc, setval, add[addCount].value, sizeof add[addCount].value);
+            ++addCount;
+        }
+        if (makeConfFile(store, keys.list, n, add, addCount, 0) != 0) return abend();
+        return 0;
+    } catch (...) {
+        sysError("malloc", ENOMEM);
+        return abend();
+    }
+}
+
+}  // namespace qmx
+
+int QMX_GetUtilValue(QMX_WWN wwn, int index, char *key_str, int erId, void *setval) {
+    return qmx::getUtilValue(qmx::kSystemStore, wwn, index, key_str, erId, setval);
+}
+
+int QMX_SetUtilValue(QMX_WWN wwn, int index, char *key_str, int erId, void *setval, int del) {
+    return qmx::setUtilValue(qmx::kSystemStore, wwn, index, key_str, erId, setval, del);
+}

@@ -1,0 +1,48 @@
+// Process-wide persistent binding tables: one record per target binding item
+// ("qmxl<N>-tid-<T>-<kind>") and one per adapter item ("qmxl<N>-wwpn").
+// The binding module fills them (from the driver or from the configuration
+// file); the configuration file writer emits them in binding mode.  Static
+// storage, zero at load, unguarded (the library has no threads).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+constexpr int BINDMAX = 132000;   // target binding records
+constexpr int HADAPTMAX = 256;    // adapter records
+
+struct __TBLKEY {
+    int32_t adapt;        // adapter number, the N of qmxlN-
+    int32_t target;       // SCSI target id, the T of -tid-T-
+    int32_t attribute;    // path attribute (kind 4)
+    int32_t group;        // path group number (kind 9)
+    int32_t npd;          // kind: 1 wwpn, 2 wwnn, 4 attribute, 5..8 priority0..3, 9 gt
+    uint64_t wwn;         // numeric WWN of a kind 1 or 2 record
+    uint64_t priority[4]; // LUN priority words, word k covers LUNs 64k..64k+63
+    char bind[24];        // value text of a kind 1 or 2 record ("0x" and hex digits)
+    int32_t snum;         // serial number of the record (index + 1)
+    int32_t psnum;        // serial number among the WWN records (kinds 1 and 2)
+};
+static_assert(sizeof(__TBLKEY) == 96);
+static_assert(offsetof(__TBLKEY, wwn) == 24);
+static_assert(offsetof(__TBLKEY, bind) == 64);
+
+struct __WWPN {
+    int32_t adapt;    // adapter number, -1 when not in use
+    char bind[24];    // adapter port WWPN as "0x" and hex digits
+    int32_t use_flg;  // 1 in use
+};
+static_assert(sizeof(__WWPN) == 32);
+
+// Binding kinds (npd).
+constexpr int kBindWwpn = 1;
+constexpr int kBindWwnn = 2;
+constexpr int kBindAttribute = 4;
+constexpr int kBindPriority0 = 5;  // 5..8: priority0..priority3
+constexpr int kBindGroup = 9;
+
+extern __TBLKEY TBLKEY[BINDMAX];
+extern int bind_cnt;   // records of TBLKEY in use
+extern int pbind_cnt;  // WWN records (kinds 1 and 2) entered
+extern __WWPN WWPN[HADAPTMAX];
+extern int wwpn_cnt;   // records of WWPN in use

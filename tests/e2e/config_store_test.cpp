@@ -1,0 +1,145 @@
+// The configuration store of the shipped library in the virtual host:
+// "/etc/qmxldd.conf", the configuration module image and the module options.
+#include <cstring>
+
+#include "vhost.h"
+
+namespace {
+
+constexpr const char *kConf = "/etc/qmxldd.conf";
+constexpr std::size_t kAreaSize = 208708;
+constexpr std::size_t kConfigText = 8544 + 68;
+
+// The store's routines run inside the calls that use them; here they are
+// called directly, with the trace file opened around them as a call does.
+class ConfigStore : public VHostTest {
+protected:
+    void SetUp() override {
+        VHostTest::SetUp();
+        if (!IsSkipped()) QMX_OpenApiTraceFile();
+    }
+    void TearDown() override { QMX_CloseApiTraceFile(); }
+    static bool traced(const std::string &msg) {
+        QMX_CloseApiTraceFile();
+        bool has = traceHas(msg);
+        QMX_OpenApiTraceFile();
+        return has;
+    }
+    static std::string modulePath() {
+        return "/lib/modules/" + release() + "/extra/qmxldd/qmxldd_conf.ko";
+    }
+    // The configuration text held in the module image.
+    static std::string imageText() {
+        std::string img = readFile(modulePath());
+        std::size_t at = img.find("<Kestrel_Fibre_Channel_Host_Bus_Adapter_Configuration_Module>");
+        if (at == std::string::npos || img.size() < at + kAreaSize) return "<no table>";
+        return std::string(img.c_str() + at + kConfigText);
+    }
+    static std::vector<std::string> keysOf(util_para *list, int n) {
+        std::vector<std::string> out;
+        for (int i = 0; i < n; ++i) out.push_back(std::string(list[i].keyword) + "=" + list[i].value);
+        return out;
+    }
+};
+
+TEST_F(ConfigStore, ReadsTheDriverAndLibraryFiles) {
+    util_para *list = nullptr;
+    int n = QMX_Read_qmxlddconf(&list, 0);
+    ASSERT_EQ(n, 8);
+    auto kv = keysOf(list, n);
+    EXPECT_EQ(kv[0], "qmx_queue_depth=32");
+    EXPECT_EQ(kv[7], "qmxl3-wwpn=0x2100001122334461");
+    int maxn = 0;
+    EXPECT_EQ(QMX_SearchInKeylist(portWwn(2), list, n, &maxn), 2);
+    EXPECT_EQ(maxn, 3);
+    free(list);
+    list = nullptr;
+    ASSERT_EQ(QMX_Read_qmxlddconf(&list, 1), 1);
+    EXPECT_STREQ(list[0].keyword, "qmx0_alias");
+    EXPECT_STREQ(list[0].value, "boot_port");
+    free(list);
+    EXPECT_EQ(QMX_Read_qmxlddconf(&list, 5), -1);
+}
+
+TEST_F(ConfigStore, SetRewritesTheFileInPlaceAndRefreshesTheImage) {
+    QMX_WWN w = portWwn(1);
+    int ind = QMX_InitRoutine(w);
+    ASSERT_EQ(ind, 1);
+    struct stat before, after;
+    ASSERT_EQ(stat(kConf, &before), 0);
+    std::string img = readFile(modulePath());
+    int depth = 64;
+    ASSERT_EQ(QMX_SetUtilValue(w, ind, const_cast<char *>("_queue_depth"), -1, &depth, 0), 0);
+    std::string text = readFile(kConf);
+    EXPECT_EQ(text,
+              "qmx_queue_depth=32:qmxmp_failover=1:qmx0_queue_depth=32:qmx1_link_speed=8:"
+              "qmx1_queue_depth=64:qmxl0-wwpn=0x2100001122334450:qmxl1-wwpn=0x2100001122334451:"
+              "qmxl2-wwpn=0x2100001122334460:qmxl3-wwpn=0x2100001122334461:");
+    ASSERT_EQ(stat(kConf, &after), 0);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_EQ(imageText(), text);
+    // Everything outside the table area is as it was.
+    std::string now = readFile(modulePath());
+    ASSERT_EQ(now.size(), img.size());
+    std::size_t at = img.find("<Kestrel_Fibre_Channel");
+    EXPECT_EQ(now.substr(0, at), img.substr(0, at));
+    EXPECT_EQ(now.substr(at + kAreaSize), img.substr(at + kAreaSize));
+    int got = 0;
+    ASSERT_EQ(QMX_GetUtilValue(w, ind, const_cast<char *>("_queue_depth"), -1, &got), 0);
+    EXPECT_EQ(got, 64);
+    EXPECT_TRUE(traced("qmx_mpcfg START"));
+    EXPECT_FALSE(traced("QMX_SetUtilValue ABEND"));
+}
+
+TEST_F(ConfigStore, BindingModeWithEmptyTablesDropsBindingItems) {
+    writeFile(kConf, "qmx_queue_depth=32:qmxl0-wwpn=0x1:qmxl0-tid-0-wwpn=0x5:qmxl0-foo=1:");
+    util_para *list = nullptr;
+    int n = QMX_Read_qmxlddconf(&list, 0);
+    ASSERT_EQ(n, 4);
+    ASSERT_EQ(QMX_MakeConfFile(list, n, nullptr, 0, 1), 0);
+    free(list);
+    EXPECT_EQ(readFile(kConf), "qmx_queue_depth=32:qmxl0-foo=1:");
+    EXPECT_EQ(imageText(), "qmx_queue_depth=32:qmxl0-foo=1:");
+}
+
+TEST_F(ConfigStore, MissingModuleFailsAfterTheFileIsWritten) {
+    removeFile(modulePath());
+    util_para item;
+    std::memset(&item, 0, sizeof item);
+    std::strcpy(item.keyword, "qmx_link_speed");
+    std::strcpy(item.value, "8");
+    EXPECT_EQ(QMX_MakeConfFile(nullptr, 0, &item, 1, 0), -1);
+    EXPECT_EQ(readFile(kConf), "qmx_link_speed=8:");
+    EXPECT_TRUE(traced("qmx_mpcfg ABEND"));
+    EXPECT_TRUE(traced("QMX_MakeConfFile ABEND"));
+}
+
+TEST_F(ConfigStore, OversizedAdditionLeavesTheFileAlone) {
+    std::string before = readFile(kConf);
+    std::vector<util_para> add(1600);
+    std::memset(add.data(), 0, add.size() * sizeof(util_para));
+    for (std::size_t i = 0; i < add.size(); ++i) {
+        std::snprintf(add[i].keyword, sizeof add[i].keyword, "qmx_x%zu", i);
+        std::memset(add[i].value, 'v', 120);
+    }
+    EXPECT_EQ(QMX_MakeConfFile(nullptr, 0, add.data(), int(add.size()), 0), -1);
+    EXPECT_EQ(QMX_LastErrorCode(), 14);
+    EXPECT_EQ(readFile(kConf), before);
+    EXPECT_TRUE(traced("qmxldd.conf filesize over 100012 written."));
+}
+
+TEST_F(ConfigStore, ModuleOptionsAreSplitAroundTheOptionsLine) {
+    std::vector<util_para> list(QMX_MODULES_CONF_ITEMS);
+    std::memset(list.data(), 0, list.size() * sizeof(util_para));
+    ASSERT_EQ(QMX_read_modules_conf(list.data()), 0);
+    EXPECT_STREQ(list[0].keyword, "qmx_automap");
+    EXPECT_STREQ(list[0].value, "1");
+    EXPECT_STREQ(list[1].keyword, "qmx_debug");
+    EXPECT_STREQ(list[1].value, "0\n");
+    EXPECT_EQ(readFile("/tmp/conf_modules1.hba"), "# qmxldd module options\n");
+    EXPECT_EQ(readFile("/tmp/conf_modules2.hba"),
+              "install qmxldd /sbin/modprobe --ignore-install qmxldd\n");
+    EXPECT_TRUE(traced("QMX_read_modules_conf END"));
+}
+
+}  // namespace

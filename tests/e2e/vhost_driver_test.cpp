@@ -1,0 +1,420 @@
+// The virtual host itself: the simulated driver's request checks and answers,
+// scripted faults, state shared between processes, host files, tools.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "qmxldd_ioctl.h"
+#include "vhost.h"
+
+namespace {
+
+// Request numbers by ordinal and argument size, as the driver defines them.
+constexpr unsigned long req(unsigned ordinal, unsigned size) {
+    return _IOC(_IOC_READ | _IOC_WRITE, 'F', ordinal, size);
+}
+
+class Device {
+public:
+    explicit Device(int devno) {
+        std::string path = "/dev/qmxldd" + std::to_string(devno);
+        fd_ = ::open(path.c_str(), O_RDONLY);
+    }
+    ~Device() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    int fd() const { return fd_; }
+    // ioctl result and errno.
+    int call(unsigned long request, void *arg, int *err = nullptr) const {
+        errno = 0;
+        int rc = ::ioctl(fd_, request, arg);
+        if (err) *err = errno;
+        return rc;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+int diag(const Device &d, uint8_t sub, uint32_t offset, uint32_t length, void *buf, int *err = nullptr) {
+    diag_ioctl r;
+    std::memset(&r, 0, sizeof r);
+    r.sub_cmd = sub;
+    r.uni.offset = offset;
+    r.length = length;
+    r.addr = reinterpret_cast<uintptr_t>(buf);
+    return d.call(IOCTL_QMX_DIAG0, &r, err);
+}
+
+class VHostDriver : public VHostTest {};
+
+TEST_F(VHostDriver, PortInformationFollowsTheScenario) {
+    Device d(2);
+    ASSERT_GE(d.fd(), 0);
+    qmx_ioctl_proc_info info;
+    std::memset(&info, 0xAB, sizeof info);
+    ASSERT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info), 0);
+    EXPECT_EQ(info.ww_name, 0x2100001122334460ull);
+    EXPECT_EQ(info.node_name, 0x2000001122334460ull);
+    EXPECT_EQ(info.host_no, 4);
+    EXPECT_EQ(info.vender_id, 0x1E5A);
+    EXPECT_EQ(info.device_id, 0x0101);
+    EXPECT_EQ(info.bus_dev_func[0], 4);
+    EXPECT_EQ(info.bus_dev_func[1], 0);
+    EXPECT_EQ(info.bus_dev_func[2], 0);
+    EXPECT_EQ(info.rsv5[0], 0);  // the whole record is the driver's: reserved bytes zero
+    EXPECT_EQ(driverRequests("IOCTL_QMX_SC_PRINFO", 2), 1);
+}
+
+TEST_F(VHostDriver, PortInformationOverridesByFieldName) {
+    setPrinfoField(1, "queue_depth", 77);
+    setPrinfoField(1, "model_name", "QX9999");
+    setPrinfoField(1, "mlpf_mode", -1);
+    Device d(1);
+    qmx_ioctl_proc_info info;
+    ASSERT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info), 0);
+    EXPECT_EQ(info.queue_depth, 77u);
+    EXPECT_STREQ(reinterpret_cast<const char *>(info.model_name), "QX9999");
+    EXPECT_EQ(int8_t(info.mlpf_mode), -1);
+}
+
+TEST_F(VHostDriver, WrongSizeOrUnknownRequestIsRefused) {
+    Device d(0);
+    std::vector<uint8_t> buf(4096, 0);
+    int err = 0;
+    EXPECT_EQ(d.call(req(0x0D, 1000), buf.data(), &err), -1);
+    EXPECT_EQ(err, EINVAL);
+    EXPECT_EQ(d.call(req(0x42, 16), buf.data(), &err), -1);  // no such request
+    EXPECT_EQ(err, EINVAL);
+    EXPECT_EQ(d.call(_IOR('F', 0x0D, char[1024]), buf.data(), &err), -1);  // wrong direction
+    EXPECT_EQ(err, EINVAL);
+    int refused = 0;
+    for (const std::string &l : driverLog()) refused += l.find(" refused ") != std::string::npos ? 1 : 0;
+    EXPECT_EQ(refused, 3);
+    // The correct request on the same descriptor is answered.
+    EXPECT_EQ(d.call(req(0x0D, 1024), buf.data(), &err), 0);
+}
+
+TEST_F(VHostDriver, OtherDescriptorsGoToTheRealCall) {
+    int fd = ::open("/dev/null", O_RDONLY);
+    ASSERT_GE(fd, 0);
+    int n = 0;
+    errno = 0;
+    EXPECT_EQ(::ioctl(fd, IOCTL_QMX_SC_PRINFO, &n), -1);
+    EXPECT_EQ(errno, ENOTTY);  // the character device's own answer
+    ::close(fd);
+    EXPECT_TRUE(driverLog().empty() || driverLog()[0].empty());
+}
+
+TEST_F(VHostDriver, PciIdWordIsBigEndianWithVendorLow) {
+    Device d(0);
+    uint32_t word = 0;
+    ASSERT_EQ(diag(d, QMX_DG_RDFIXPCI, 0, 4, &word), 0);
+    uint32_t host = ntohl(word);
+    EXPECT_EQ(host & 0xFFFF, 0x1E5Au);
+    EXPECT_EQ(host >> 16, 0x0101u);
+    setPortField(0, "pci_id_readable", false);
+    int err = 0;
+    EXPECT_EQ(diag(d, QMX_DG_RDFIXPCI, 0, 4, &word, &err), -1);
+    EXPECT_EQ(err, EIO);
+}
+
+TEST_F(VHostDriver, EmbeddedAddressIsChecked) {
+    Device d(0);
+    int err = 0;
+    EXPECT_EQ(diag(d, QMX_DG_RDFIXPCI, 0, 4, reinterpret_cast<void *>(uintptr_t(16)), &err), -1);
+    EXPECT_EQ(err, EFAULT);
+    uint8_t small[8];
+    EXPECT_EQ(diag(d, QMX_DG_RDHG, 1020, 8, small, &err), -1);  // past the option area
+    EXPECT_EQ(err, EINVAL);
+}
+
+TEST_F(VHostDriver, EfiOptionAreaKeepsWritesAcrossProcesses) {
+    {
+        Device d(3);
+        uint8_t word[4] = {9, 8, 7, 6};
+        ASSERT_EQ(diag(d, QMX_DG_WRHG, 516, 4, word), 0);
+        uint8_t store[4] = {0x10, 0x01, 0x00, 0x00};
+        ASSERT_EQ(diag(d, QMX_DG_WRHG, 12, 4, store), 0);
+    }
+    EXPECT_EQ(portCounter(3, "efi_store"), 1);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {  // another process of the host sees the same area
+        Device d(3);
+        uint8_t b = 0;
+        int rc = diag(d, QMX_DG_RDHG, 518, 1, &b);
+        _exit(rc == 0 && b == 7 ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    // Other ports keep their own area.
+    Device other(2);
+    uint8_t b = 0;
+    ASSERT_EQ(diag(other, QMX_DG_RDHG, 518, 1, &b), 0);
+    EXPECT_EQ(b, 3);
+}
+
+TEST_F(VHostDriver, FaultFailsNTimesThenSucceeds) {
+    failRequest("IOCTL_QMX_SC_PRINFO", 1, EAGAIN, 2);
+    Device d(1), other(0);
+    qmx_ioctl_proc_info info;
+    int err = 0;
+    EXPECT_EQ(other.call(IOCTL_QMX_SC_PRINFO, &info), 0);  // another port is not affected
+    EXPECT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info, &err), -1);
+    EXPECT_EQ(err, EAGAIN);
+    EXPECT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info, &err), -1);
+    EXPECT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info, &err), 0);
+}
+
+TEST_F(VHostDriver, FaultBySubCommandAndByNumber) {
+    addFault({{"request", "0xC0904609"}, {"port", 0}, {"sub", QMX_DG_TGTSCAN}, {"err_code", 2}, {"times", -1}});
+    Device d(0);
+    diag_ioctl r;
+    std::memset(&r, 0, sizeof r);
+    r.sub_cmd = QMX_DG_TGTSCAN;
+    ASSERT_EQ(d.call(IOCTL_QMX_DIAG0, &r), 0);
+    EXPECT_EQ(r.uni.raw[0], 2);  // scripted scan outcome
+    uint32_t word = 0;
+    EXPECT_EQ(diag(d, QMX_DG_RDFIXPCI, 0, 4, &word), 0);  // other sub-commands answer normally
+}
+
+TEST_F(VHostDriver, WwnInfoBusyAndResponseCodes) {
+    addFault({{"request", "IOCTL_QMX_WWN_INFO"}, {"port", 0}, {"busy", true}, {"times", 1}});
+    Device d(0);
+    qmx_ioctl_wwn w;
+    std::memset(&w, 0, sizeof w);
+    w.sub_code = 1;
+    ASSERT_EQ(d.call(IOCTL_QMX_WWN_INFO, &w), 0);
+    EXPECT_EQ(w.resp_code, 1);
+    ASSERT_EQ(d.call(IOCTL_QMX_WWN_INFO, &w), 0);
+    EXPECT_EQ(w.resp_code, 0);
+}
+
+TEST_F(VHostDriver, TargetListThroughEmbeddedAddress) {
+    Device d(0);
+    qmx_ioctl_port_attr list;
+    std::memset(&list, 0, sizeof list);
+    qmx_ioctl_diag_req r;
+    std::memset(&r, 0, sizeof r);
+    r.sub_code = 2;
+    r.length = QMX_PORT_ATTR_LIST_LEN;
+    r.addr = reinterpret_cast<uintptr_t>(&list);
+    ASSERT_EQ(d.call(IOCTL_QMX_PORT_ATTR, &r), 0);
+    ASSERT_EQ(list.tgt_num, 2u);
+    EXPECT_EQ(list.tgt_wwpn[0], 0x5000000000000a01ull);
+    EXPECT_EQ(list.tgt_wwpn[1], 0x5000000000000b01ull);
+}
+
+// Maps read in the layout the multipath requests use.
+struct TargetMap {
+    uint32_t entry_count, target_count;
+    struct Entry {
+        uint64_t nodename, portname;
+        uint8_t flags, attribute, groupid, targetid, pathid, instance, rsv[2];
+    } e[256];
+};
+static_assert(sizeof(TargetMap) == 8 + 256 * 24);
+
+TEST_F(VHostDriver, MaximumTargetAndLuMapsAreGeneratedOnDemand) {
+    setPortField(0, "gen_targets", 256);
+    setPortField(0, "gen_luns", 2048);
+    Device d(0);
+    auto map = std::make_unique<TargetMap>();
+    map->entry_count = map->target_count = 256;
+    ASSERT_EQ(d.call(req(0x12, 32), map.get()), 0);
+    ASSERT_EQ(map->target_count, 256u);
+    EXPECT_EQ(map->e[255].targetid, 255);
+    std::vector<uint8_t> lu(32 + 2048 * 160, 0);
+    std::memcpy(&lu[0], &map->e[7].nodename, 8);
+    std::memcpy(&lu[8], &map->e[7].portname, 8);
+    ASSERT_EQ(d.call(req(0x13, 192), lu.data()), 0);
+    uint32_t count;
+    std::memcpy(&count, &lu[24], 4);
+    EXPECT_EQ(count, 2048u);
+    uint32_t lastLun;
+    std::memcpy(&lastLun, &lu[32 + 2047 * 160 + 24], 4);
+    EXPECT_EQ(lastLun, 2047u);
+    // The state holds the generator, not the maps.
+    EXPECT_LT(readFile(stateDir() + "/state.json").size(), 64u * 1024);
+}
+
+TEST_F(VHostDriver, TargetMapRespectsTheCallersCapacity) {
+    Device d(0);
+    auto map = std::make_unique<TargetMap>();
+    std::memset(map.get(), 0xEE, sizeof *map);
+    map->entry_count = 1;
+    map->target_count = 1;
+    ASSERT_EQ(d.call(req(0x12, 32), map.get()), 0);
+    EXPECT_EQ(map->target_count, 1u);
+    EXPECT_EQ(map->e[1].nodename, 0xEEEEEEEEEEEEEEEEull);  // nothing written past the capacity
+}
+
+TEST_F(VHostDriver, IsolationChangesThePortStatus) {
+    Device d(1);
+    std::vector<uint8_t> iso(2160, 0);
+    iso[1] = 1;  // isolate
+    ASSERT_EQ(d.call(req(0x20, 2160), iso.data()), 0);
+    EXPECT_EQ(iso[111], 1);  // done
+    qmx_ioctl_proc_info info;
+    ASSERT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info), 0);
+    EXPECT_EQ(info.port_status, 3);
+    iso.assign(2160, 0);
+    iso[1] = 3;  // recover
+    ASSERT_EQ(d.call(req(0x20, 2160), iso.data()), 0);
+    ASSERT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info), 0);
+    EXPECT_EQ(info.port_status, 1);
+}
+
+TEST_F(VHostDriver, SetPathErrCodeIsScriptable) {
+    addFault({{"request", "IOCTL_QMX_MP_SETPATH"}, {"port", 0}, {"err_code", 10}, {"errno", EIO}});
+    Device d(0);
+    uint8_t sp[28] = {};
+    uint64_t port = 0x5000000000000a01ull;
+    std::memcpy(sp + 8, &port, 8);
+    int err = 0;
+    EXPECT_EQ(d.call(req(0x18, 28), sp, &err), -1);
+    EXPECT_EQ(err, EIO);
+    EXPECT_EQ(sp[23], 10);
+    // Without the fault the path state changes and stays changed.
+    sp[18] = 2;
+    ASSERT_EQ(d.call(req(0x18, 28), sp), 0);
+    std::vector<uint8_t> lu(32 + 2048 * 160, 0);
+    std::memcpy(&lu[8], &port, 8);
+    ASSERT_EQ(d.call(req(0x13, 192), lu.data()), 0);
+    EXPECT_EQ(lu[32 + 1], 2);  // LUN 0's status
+}
+
+TEST_F(VHostDriver, ProcEntriesAreRedirected) {
+    std::string text;
+    FILE *fp = std::fopen("/proc/scsi/vqmxldd/4", "r");
+    ASSERT_NE(fp, nullptr);
+    char line[512];
+    while (std::fgets(line, sizeof line, fp)) text += line;
+    std::fclose(fp);
+    EXPECT_NE(text.find("  Instance_number           = 2\n"), std::string::npos);
+    int instance = -1;
+    std::sscanf(text.substr(text.find("  Instance_number")).c_str(), "  Instance_number         = %d", &instance);
+    EXPECT_EQ(instance, 2);
+    EXPECT_EQ(std::fopen("/proc/scsi/vqmxldd/99", "r"), nullptr);
+}
+
+TEST_F(VHostDriver, SystemLogIsCaught) {
+    char msg[] = "vhost syslog probe";
+    ASSERT_EQ(QMX_WriteSyslog(2, msg), 0);
+    std::vector<std::string> lines = syslogLines(1);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_NE(lines.back().find("qmxlib.so"), std::string::npos);
+    EXPECT_NE(lines.back().find("vhost syslog probe"), std::string::npos);
+}
+
+TEST_F(VHostDriver, ToolsLogAndFollowTheirScript) {
+    scriptTool("qmxmcref", 7, 1);
+    std::string cmd = std::string(kToolDir) + "/qmxmcref -d qmxldd1 -c";
+    int rc = std::system(cmd.c_str());
+    EXPECT_EQ(WEXITSTATUS(rc), 7);
+    rc = std::system(cmd.c_str());
+    EXPECT_EQ(WEXITSTATUS(rc), 0);
+    std::vector<std::string> log = toolLog("qmxmcref");
+    ASSERT_GE(log.size(), 2u);
+    EXPECT_EQ(log[0], "qmxmcref -d qmxldd1 -c");
+    EXPECT_EQ(portCounter(1, "fw_refresh"), 1);  // only the run that was not scripted
+}
+
+TEST_F(VHostDriver, FirmwareDownloadChangesTheRunningVersion) {
+    std::string image(4096, '\0');
+    image[36] = 0x12;
+    image[37] = 0x34;
+    image[38] = 0x56;
+    image[39] = 0x78;
+    ASSERT_TRUE(writeFile("/tmp/fw.bin", image));
+    std::string cmd = std::string(kToolDir) + "/qmxmcup -s -d qmxldd2 -o download -f /tmp/fw.bin";
+    ASSERT_EQ(std::system(cmd.c_str()), 0);
+    Device d(2);
+    qmx_ioctl_proc_info info;
+    ASSERT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info), 0);
+    EXPECT_EQ(info.firmware_ver, 0x12345678u);
+}
+
+TEST_F(VHostDriver, DiagnosticToolWritesItsLog) {
+    ASSERT_TRUE(writeFile("/tmp/qmx_param.txt", "test_type=1\nerror_count=0\n"));
+    std::string cmd = std::string(kToolDir) + "/qmxdiag -x -O1 -P /tmp/qmx_param.txt -L /tmp/diag.log -S /dev/qmxldd0";
+    EXPECT_EQ(std::system(cmd.c_str()), 0);
+    std::string log = readFile("/tmp/diag.log");
+    EXPECT_NE(log.find("result      : PASS"), std::string::npos);
+    EXPECT_NE(log.find("error_count=0"), std::string::npos);
+    setPortField(0, "diag_result", "fail");
+    EXPECT_EQ(WEXITSTATUS(std::system(cmd.c_str())), 3);
+}
+
+TEST_F(VHostDriver, ModuleImageHoldsACheckedTable) {
+    std::string dep = readFile("/lib/modules/" + release() + "/modules.dep");
+    ASSERT_NE(dep.find("extra/qmxldd/qmxldd_conf.ko:"), std::string::npos);
+    std::string ko = readFile("/lib/modules/" + release() + "/extra/qmxldd/qmxldd_conf.ko");
+    std::size_t at = ko.find("<Kestrel_Fibre_Channel_Host_Bus_Adapter_Configuration_Module>");
+    ASSERT_NE(at, std::string::npos);
+    ASSERT_LT(at, qmxsim::kModuleTableSize);
+    ASSERT_GE(ko.size(), at + qmxsim::kModuleTableSize);
+    // Chain of entries: next offsets 96, 96, 4176, 4176, 200068 and 0.
+    const int32_t nexts[] = {96, 96, 4176, 4176, 200068, 0};
+    const char *names[] = {"<Kestrel_Fibre_Channel_Host_Bus_Adapter_Configuration_Module>", "<Kestrel_Ltd>",
+                           "<qmxldd_key>", "<qmxldd_key_hop>", "<qmxldd_conf>", "<CONFIG_END>"};
+    std::size_t entry = at;
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_STREQ(ko.c_str() + entry, names[i]);
+        int32_t next;
+        std::memcpy(&next, ko.data() + entry + 64, 4);
+        EXPECT_EQ(next, nexts[i]);
+        entry += std::size_t(next);
+    }
+    EXPECT_EQ(ko.compare(at + 8544 + 68, 16, "qmx_queue_depth="), 0);  // the configuration text
+}
+
+TEST_F(VHostDriver, ScsiDisksAreLinked) {
+    char link[256] = {};
+    ASSERT_GT(readlink("/sys/block/sdc/device", link, sizeof link - 1), 0);
+    std::string l(link);
+    EXPECT_EQ(l.substr(l.rfind('/') + 1), "2:0:1:0");
+    struct stat st;
+    EXPECT_EQ(stat("/sys/block/sdc/device", &st), 0);  // the link resolves
+}
+
+TEST_F(VHostDriver, RemovedPortVanishesFromDevAndDriver) {
+    removePort(1);
+    EXPECT_FALSE(fileExists("/dev/qmxldd1"));
+    EXPECT_TRUE(fileExists("/dev/qmxldd2"));
+    EXPECT_FALSE(fileExists(stateDir() + "/proc/scsi/vqmxldd/3"));
+}
+
+TEST_F(VHostDriver, UnreadableFilesAreRefusedEvenToRoot) {
+    ASSERT_TRUE(fileExists("/etc/qmxlib.conf"));
+    makeUnreadable("/etc/qmxlib.conf");
+    errno = 0;
+    EXPECT_EQ(std::fopen("/etc/qmxlib.conf", "r"), nullptr);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(::open("/etc/qmxlib.conf", O_RDONLY), -1);
+    struct stat st;
+    EXPECT_EQ(stat("/etc/qmxlib.conf", &st), 0);  // it is there
+    FILE *fp = std::fopen("/etc/qmxldd.conf", "r");  // other files open as before
+    ASSERT_NE(fp, nullptr);
+    std::fclose(fp);
+}
+
+TEST_F(VHostDriver, OfflinePortAnswersNothing) {
+    setPortField(2, "online", false);
+    Device d(2);
+    ASSERT_GE(d.fd(), 0);  // the device file is still there
+    qmx_ioctl_proc_info info;
+    int err = 0;
+    EXPECT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info, &err), -1);
+    EXPECT_EQ(err, ENXIO);
+}
+
+}  // namespace

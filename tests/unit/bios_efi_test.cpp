@@ -1,0 +1,170 @@
+// EFI driver option area: byte reads, word read-modify-write and the store
+// command, against the simulated driver of the virtual host.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "bios/bios.h"
+#include "frame/frame.h"
+
+namespace {
+
+std::string stateDir() {
+    const char *s = std::getenv("QMXSIM_STATE");
+    return s != nullptr ? s : "";
+}
+
+// Diagnostic requests on qmxldd0 logged by the driver, as their sub-commands
+// ('6' = 54 read, '7' = 55 write), with " store" added to the store command.
+std::vector<std::string> efiRequests() {
+    std::vector<std::string> out;
+    std::ifstream in(stateDir() + "/driver.log");
+    for (std::string l; std::getline(in, l);) {
+        if (l.find(" dev=qmxldd0 ") == std::string::npos || l.find(" req=IOCTL_QMX_DIAG0 ") == std::string::npos)
+            continue;
+        std::string e = l.find(" sub=54 ") != std::string::npos ? "rd" : l.find(" sub=55 ") != std::string::npos ? "wr" : "";
+        if (e.empty()) continue;
+        if (l.find("efi store") != std::string::npos) e += " store";
+        if (l.find("result=ok") == std::string::npos) e += " fail";
+        out.push_back(e);
+    }
+    return out;
+}
+
+// Adds a scripted driver fault to the host state (under the state's lock).
+void addFault(const nlohmann::json &fault) {
+    std::string dir = stateDir();
+    int fd = open((dir + "/state.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    ASSERT_GE(fd, 0);
+    flock(fd, LOCK_EX);
+    std::ifstream in(dir + "/state.json");
+    std::stringstream ss;
+    ss << in.rdbuf();
+    nlohmann::json s = nlohmann::json::parse(ss.str());
+    s["faults"].push_back(fault);
+    {
+        std::ofstream out(dir + "/state.json.tmp");
+        out << s.dump(1);
+    }
+    ASSERT_EQ(0, std::rename((dir + "/state.json.tmp").c_str(), (dir + "/state.json").c_str()));
+    flock(fd, LOCK_UN);
+    close(fd);
+}
+
+class EfiOption : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (stateDir().empty() || access("/dev/qmxldd0", F_OK) != 0) GTEST_SKIP() << "needs the virtual host";
+        saved_ = c_max_port;
+        std::memcpy(&savedDev_, &dev_info_all[0], sizeof savedDev_);
+        std::snprintf(dev_info_all[0].name, sizeof dev_info_all[0].name, "qmxldd0");
+        if (c_max_port < 1) c_max_port = 1;
+        std::remove((stateDir() + "/driver.log").c_str());
+    }
+    void TearDown() override {
+        if (saved_ >= 0) {
+            c_max_port = saved_;
+            std::memcpy(&dev_info_all[0], &savedDev_, sizeof savedDev_);
+        }
+    }
+    static uint8_t readByte(int offset) {
+        uint8_t b = 0xEE;
+        EXPECT_EQ(0, qmx_EFIDrvOption(0, &b, 0, offset));
+        return b;
+    }
+    static void writeByte(int offset, uint8_t v) { EXPECT_EQ(0, qmx_EFIDrvOption(0, &v, 1, offset)); }
+
+    int saved_ = -1;
+    dev_info savedDev_{};
+};
+
+TEST_F(EfiOption, ReadIssuesOneByteReadAndNoWrite) {
+    uint8_t b = 0xEE;
+    ASSERT_EQ(0, qmx_EFIDrvOption(0, &b, 0, 518));
+    EXPECT_NE(b, 0xEE);
+    std::vector<std::string> want = {"rd"};
+    EXPECT_EQ(efiRequests(), want);
+}
+
+TEST_F(EfiOption, WriteAt518ReplacesByteTwoOfWord516AndStores) {
+    writeByte(516, 0x11);
+    std::remove((stateDir() + "/driver.log").c_str());
+    writeByte(518, 0x33);
+    std::vector<std::string> want = {"rd", "wr", "wr store"};
+    EXPECT_EQ(efiRequests(), want);
+    EXPECT_EQ(readByte(516), 0x11);  // written back as read
+    EXPECT_EQ(readByte(518), 0x33);
+    EXPECT_EQ(readByte(517), 0x00);
+    EXPECT_EQ(readByte(519), 0x00);
+    // The store command carries 10 01 00 00 at offset 12.
+    EXPECT_EQ(readByte(12), 0x10);
+    EXPECT_EQ(readByte(13), 0x01);
+    EXPECT_EQ(readByte(14), 0x00);
+}
+
+TEST_F(EfiOption, WriteAt515ChangesOnlyByteThreeOfWord512) {
+    uint8_t before[4];
+    for (int i = 0; i < 4; ++i) before[i] = readByte(512 + i);
+    writeByte(515, 0x05);
+    EXPECT_EQ(readByte(512), before[0]);
+    EXPECT_EQ(readByte(513), before[1]);
+    EXPECT_EQ(readByte(514), before[2]);
+    EXPECT_EQ(readByte(515), 0x05);
+}
+
+TEST_F(EfiOption, WriteAt516ReplacesByteZero) {
+    uint8_t delay = readByte(518);
+    writeByte(516, 0x08);
+    EXPECT_EQ(readByte(516), 0x08);
+    EXPECT_EQ(readByte(518), delay);
+}
+
+TEST_F(EfiOption, OtherOffsetsReplaceByteTwoOfTheirWord) {
+    // Only 515 and 516 have their own byte: 519 lands on byte 2 (518).
+    uint8_t last = readByte(519);
+    writeByte(519, 0x44);
+    EXPECT_EQ(readByte(518), 0x44);
+    EXPECT_EQ(readByte(519), last);
+}
+
+TEST_F(EfiOption, DeviceThatCannotBeOpenedGivesOne) {
+    uint8_t b = 1;
+    EXPECT_EQ(1, qmx_EFIDrvOption(-1, &b, 0, 518));
+    EXPECT_EQ(1, qmx_EFIDrvOption(kMaxPorts, &b, 1, 518));
+    std::snprintf(dev_info_all[0].name, sizeof dev_info_all[0].name, "qmxldd99");
+    EXPECT_EQ(1, qmx_EFIDrvOption(0, &b, 1, 518));
+    EXPECT_EQ(2, qmx_EFIDrvOption(0, nullptr, 0, 518));
+    EXPECT_TRUE(efiRequests().empty());
+}
+
+TEST_F(EfiOption, FailedWordWriteLeavesTheAreaAndSkipsTheStore) {
+    uint8_t before = readByte(518);
+    addFault({{"request", "IOCTL_QMX_DIAG0"}, {"port", 0}, {"sub", 55}, {"errno", 5}, {"times", -1}});
+    std::remove((stateDir() + "/driver.log").c_str());
+    uint8_t v = 0x2A;
+    EXPECT_EQ(3, qmx_EFIDrvOption(0, &v, 1, 518));  // after the driver channel's retries
+    std::vector<std::string> reqs = efiRequests();
+    ASSERT_FALSE(reqs.empty());
+    EXPECT_EQ(reqs.front(), "rd");
+    for (std::size_t i = 1; i < reqs.size(); ++i) EXPECT_EQ(reqs[i], "wr fail");
+    EXPECT_EQ(readByte(518), before);
+}
+
+TEST_F(EfiOption, FailedReadGivesTwoAndWritesNothing) {
+    addFault({{"request", "IOCTL_QMX_DIAG0"}, {"port", 0}, {"sub", 54}, {"errno", 5}, {"times", -1}});
+    uint8_t v = 0x2A;
+    EXPECT_EQ(2, qmx_EFIDrvOption(0, &v, 1, 515));
+    for (const std::string &r : efiRequests()) EXPECT_EQ(r, "rd fail");
+}
+
+}  // namespace

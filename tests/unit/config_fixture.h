@@ -1,0 +1,194 @@
+// Shared fixture of the configuration store tests: a private file tree with
+// the driver configuration file, the library file, a module tree with a
+// configuration module image and the module options files, plus the API
+// trace of the test.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "config/config.h"
+#include "frame/frame.h"
+
+namespace cfgtest {
+
+inline std::string slurp(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+inline void spit(const std::string &path, const std::string &text) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+inline bool exists(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+inline std::string release() {
+    struct utsname un;
+    uname(&un);
+    return un.release;
+}
+
+// A table area with the standard chain; the configuration value holds `text`.
+inline std::string tableArea(const std::string &text = "") {
+    std::string a(std::size_t(kTableAreaSize), '\0');
+    struct E {
+        const char *name;
+        int32_t next;
+    } chain[] = {{"<Kestrel_Fibre_Channel_Host_Bus_Adapter_Configuration_Module>", 96},
+                 {"<Kestrel_Ltd>", 96},
+                 {"<qmxldd_key>", 4176},
+                 {"<qmxldd_key_hop>", 4176},
+                 {"<qmxldd_conf>", 200068},
+                 {"<CONFIG_END>", 0}};
+    std::size_t pos = 0;
+    for (const E &e : chain) {
+        std::memcpy(&a[pos], e.name, std::strlen(e.name));
+        std::memcpy(&a[pos + 64], &e.next, 4);
+        pos += std::size_t(e.next);
+    }
+    std::memcpy(&a[8544 + 68], text.data(), text.size());
+    return a;
+}
+
+// Offsets of the entries of a standard area.
+constexpr std::size_t kEntryAt[6] = {0, 96, 192, 4368, 8544, 208612};
+constexpr std::size_t kConfigText = 8544 + 68;
+
+class ConfTree : public ::testing::Test {
+protected:
+    void SetUp() override {
+        // Retry counts of earlier writes in this process stay in their table
+        // by design; each test starts from an empty one.
+        std::memset(retry_cnt, 0, sizeof retry_cnt);
+        char tmpl[] = "/tmp/qmxcfg-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        root_ = tmpl;
+        for (const char *d : {"/etc", "/tmp", "/lib", "/lib/modules"}) mkdir((root_ + d).c_str(), 0755);
+        modDir_ = root_ + "/lib/modules/" + release();
+        mkdir(modDir_.c_str(), 0755);
+        conf_ = root_ + "/etc/qmxldd.conf";
+        lib_ = root_ + "/etc/qmxlib.conf";
+        modules_ = root_ + "/lib/modules";
+        modprobe_ = root_ + "/etc/qmxldd_param.conf";
+        tmp1_ = root_ + "/tmp/conf_modules1.hba";
+        tmp2_ = root_ + "/tmp/conf_modules2.hba";
+        store_ = {conf_.c_str(), lib_.c_str(), modules_.c_str(), modprobe_.c_str(), tmp1_.c_str(),
+                  tmp2_.c_str()};
+        // A module image inside a larger file, named by modules.dep.
+        imagePath_ = modDir_ + "/extra/qmxldd_conf.ko";
+        mkdir((modDir_ + "/extra").c_str(), 0755);
+        spit(imagePath_, imageHead() + tableArea() + imageTail());
+        spit(modDir_ + "/modules.dep",
+             "kernel/drivers/scsi/other.ko:\nextra/qmxldd_conf.ko: kernel/drivers/scsi/qmxldd.ko\n");
+
+        traceName_ = std::string("cfgtrace-") + std::to_string(getpid()) + ".txt";
+        struct stat st;
+        std::string arg;
+        if (stat("/opt/kestrel/drivers/hba", &st) == 0 && S_ISDIR(st.st_mode)) {
+            tracePath_ = "/opt/kestrel/drivers/hba/" + traceName_;
+            arg = traceName_;
+        } else {
+            tracePath_ = arg = root_ + "/" + traceName_;
+        }
+        QMX_CloseApiTraceFile();
+        ASSERT_EQ(QMX_ChangeTraceLogFile(const_cast<char *>(arg.c_str())), 0);
+        ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+        QMX_G_ERROR_CD = 0;
+    }
+    void TearDown() override {
+        QMX_CloseApiTraceFile();
+        unlink(tracePath_.c_str());
+        QMX_ChangeTraceLogFile(const_cast<char *>("qmxlibTrace.txt"));
+        std::string cmd = "rm -rf '" + root_ + "'";
+        if (std::system(cmd.c_str()) != 0) ADD_FAILURE() << "cleanup";
+    }
+
+    static std::string imageHead() { return std::string(1000, 'H'); }
+    static std::string imageTail() { return std::string(777, 'T'); }
+
+    // The trace text lines written so far (stamp and pid removed).
+    std::vector<std::string> traceLines() {
+        QMX_CloseApiTraceFile();
+        std::string all = slurp(tracePath_);
+        QMX_OpenApiTraceFile();
+        std::vector<std::string> out;
+        std::string pid = std::to_string(getpid()) + " ";
+        for (std::size_t i = 0; i + 121 <= all.size(); i += 121) {
+            std::string t = all.substr(i, 120);
+            t.erase(t.find_last_not_of(' ') + 1);
+            if (t == "EndLog") continue;
+            auto at = t.find(pid);
+            if (at != std::string::npos && at < 32) t = t.substr(at + pid.size());
+            out.push_back(t);
+        }
+        return out;
+    }
+    bool traced(const std::string &text) {
+        for (const auto &l : traceLines())
+            if (l == text) return true;
+        return false;
+    }
+    // The index of the first line equal to `text` at or after `from`, or -1.
+    int traceIndex(const std::string &text, int from = 0) {
+        auto lines = traceLines();
+        for (std::size_t i = std::size_t(from); i < lines.size(); ++i)
+            if (lines[i] == text) return int(i);
+        return -1;
+    }
+
+    std::string imageArea() {
+        std::string img = slurp(imagePath_);
+        if (img.size() < imageHead().size() + std::size_t(kTableAreaSize)) return {};
+        return img.substr(imageHead().size(), std::size_t(kTableAreaSize));
+    }
+    std::string imageConfigText() {
+        std::string a = imageArea();
+        if (a.empty()) return {};
+        return std::string(a.c_str() + kConfigText);
+    }
+
+    std::string root_, modDir_, conf_, lib_, modules_, modprobe_, tmp1_, tmp2_, imagePath_;
+    std::string traceName_, tracePath_;
+    qmx::ConfStore store_{};
+};
+
+// A key list built from "key=value" texts (an entry without "=" is an
+// empty slot).
+inline std::vector<util_para> items(std::initializer_list<std::string> kv) {
+    std::vector<util_para> v(kv.size());
+    std::memset(v.data(), 0, v.size() * sizeof(util_para));
+    std::size_t i = 0;
+    for (const std::string &s : kv) {
+        auto eq = s.find('=');
+        if (eq != std::string::npos) {
+            qmx::copyText(v[i].keyword, s.substr(0, eq));
+            qmx::copyText(v[i].value, s.substr(eq + 1));
+        }
+        ++i;
+    }
+    return v;
+}
+
+inline std::string build(std::vector<util_para> keys, std::vector<util_para> add = {},
+                         int mode = 0) {
+    std::string out;
+    qmx::buildConfText(keys.data(), int(keys.size()), add.data(), int(add.size()), mode, out);
+    return out;
+}
+
+}  // namespace cfgtest

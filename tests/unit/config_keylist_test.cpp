@@ -1,0 +1,163 @@
+// Key list reader, port number of a key and adapter number of a WWN.
+#include <cstdlib>
+
+#include "config_fixture.h"
+
+using namespace cfgtest;
+
+namespace {
+
+class KeyListRead : public ConfTree {
+protected:
+    int read(int flg = 0) {
+        std::free(list_);
+        list_ = nullptr;
+        return qmx::readKeyList(store_, &list_, flg);
+    }
+    void TearDown() override {
+        std::free(list_);
+        ConfTree::TearDown();
+    }
+    util_para *list_ = nullptr;
+};
+
+TEST_F(KeyListRead, ItemsOfTheFirstLineOnly) {
+    spit(conf_, "qmx0_queue_depth=32:qmx_queue_depth=16:\nqmx1_queue_depth=8:\n");
+    ASSERT_EQ(read(), 2);
+    EXPECT_STREQ(list_[0].keyword, "qmx0_queue_depth");
+    EXPECT_STREQ(list_[0].value, "32");
+    EXPECT_STREQ(list_[1].keyword, "qmx_queue_depth");
+    EXPECT_STREQ(list_[1].value, "16");
+    EXPECT_EQ(list_[0].used, 0);
+    EXPECT_TRUE(traced("QMX_Read_qmxlddconf START"));
+}
+
+TEST_F(KeyListRead, ItemWithoutEqualsEndsTheWalkButCountsSlots) {
+    spit(conf_, "a=1:b:c=3:");
+    ASSERT_EQ(read(), 3);
+    EXPECT_STREQ(list_[0].keyword, "a");
+    EXPECT_STREQ(list_[1].keyword, "");
+    EXPECT_STREQ(list_[2].keyword, "");
+    EXPECT_STREQ(list_[2].value, "");
+}
+
+TEST_F(KeyListRead, EmptyFileAndLineWithoutColonGiveNoList) {
+    spit(conf_, "");
+    EXPECT_EQ(read(), 0);
+    EXPECT_EQ(list_, nullptr);
+    spit(conf_, "qmx_queue_depth=8\n");
+    EXPECT_EQ(read(), 0);
+    EXPECT_EQ(list_, nullptr);
+    // Text after the last ":" is not an item.
+    spit(conf_, "a=1:tail=2");
+    EXPECT_EQ(read(), 1);
+    EXPECT_STREQ(list_[0].keyword, "a");
+}
+
+TEST_F(KeyListRead, MissingFileIsStatFailureWithoutAbend) {
+    EXPECT_EQ(read(), qmx::kReadNoFile);
+    EXPECT_EQ(QMX_G_ERROR_CD, 1);
+    auto lines = traceLines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_NE(lines.back().find("qmxvlib:stat is error. errno(2:"), std::string::npos);
+    EXPECT_FALSE(traced("QMX_Read_qmxlddconf ABEND"));
+}
+
+TEST_F(KeyListRead, LibraryFileIsSizedFromTheDriverFile) {
+    spit(conf_, "x=11:");  // 5 bytes: the library line is cut after 5 characters
+    spit(lib_, "ab=1:cd=2:");
+    ASSERT_EQ(read(1), 1);
+    EXPECT_STREQ(list_[0].keyword, "ab");
+    spit(conf_, "");
+    EXPECT_EQ(read(1), 0);
+    spit(conf_, std::string(100, 'x'));
+    unlink(lib_.c_str());
+    EXPECT_EQ(read(1), qmx::kReadNoOpen);
+    EXPECT_TRUE(traced("QMX_Read_qmxlddconf ABEND"));
+    EXPECT_EQ(read(2), -1);
+}
+
+TEST_F(KeyListRead, OverlongKeysAndValuesAreCutNotOverrun) {
+    std::string key(400, 'k'), val(300, 'v');
+    spit(conf_, key + "=" + val + ":next=1:");
+    ASSERT_EQ(read(), 2);
+    EXPECT_EQ(std::string(list_[0].keyword), key.substr(0, 262));
+    EXPECT_EQ(std::string(list_[0].value), val.substr(0, 127));
+    EXPECT_STREQ(list_[1].keyword, "next");
+    EXPECT_STREQ(list_[1].value, "1");
+    EXPECT_TRUE(traced("qmxldd.conf item truncated"));
+}
+
+TEST_F(KeyListRead, BlanksBelongToTheKeyAndEmptyKeysAreKept) {
+    spit(conf_, " a =1:=5:b==2:");
+    ASSERT_EQ(read(), 3);
+    EXPECT_STREQ(list_[0].keyword, " a ");
+    EXPECT_STREQ(list_[1].keyword, "");
+    EXPECT_STREQ(list_[1].value, "5");
+    EXPECT_STREQ(list_[2].keyword, "b");
+    EXPECT_STREQ(list_[2].value, "=2");
+}
+
+TEST_F(KeyListRead, TooManySlotsIsRefusedWithCode9) {
+    spit(conf_, std::string(std::size_t(qmx::kMaxKeySlots) + 1, ':'));
+    EXPECT_EQ(read(), qmx::kReadRefused);
+    EXPECT_EQ(QMX_G_ERROR_CD, 9);
+    EXPECT_EQ(list_, nullptr);
+    spit(conf_, std::string(std::size_t(qmx::kMaxKeySlots), ':'));
+    EXPECT_EQ(read(), qmx::kMaxKeySlots);
+}
+
+TEST(KeyLineParse, NulEndsTheLine) {
+    util_para *list = nullptr;
+    const char text[] = "a=1:b=2\0:c=3:";
+    EXPECT_EQ(qmx::parseKeyLine(text, sizeof text - 1, &list), 1);
+    ASSERT_NE(list, nullptr);
+    EXPECT_STREQ(list[0].keyword, "a");
+    std::free(list);
+}
+
+TEST(KeyPosition, PortNumberOfKeys) {
+    struct Case {
+        const char *key;
+        int pos;
+    } cases[] = {
+        {"qmx12_abort_time", 12},  {"qmxl0-wwpn", -1},       {"qmx_queue_depth", 0},
+        {"qmx3", -1},              {"abc_x", -1},            {"qmxmp_failover", 0},
+        {"qmx3abc_queue", 3},      {"qmx-5_queue_depth", -5}, {"", -1},
+        {"qmx 7_x", 7},            {"qmx_01_02_03_bs", 0},
+    };
+    for (const auto &c : cases) EXPECT_EQ(qmx_getpos(const_cast<char *>(c.key)), c.pos) << c.key;
+    EXPECT_EQ(qmx_getpos(nullptr), -1);
+}
+
+class KeySearch : public ConfTree {};
+
+TEST_F(KeySearch, FirstAdapterKeyWinsAndHighestNumberIsReported) {
+    auto v = items({"qmx0_queue_depth=0x2100000000000001", "qmxl3-tid-1-wwpn=0x2100000000000001",
+                    "qmxl5-wwpn=0x2100000000000001", "qmxl2-wwpn=0x2100000000000001",
+                    "qmxl9-wwpn=0x2100000000000002"});
+    QMX_WWN w = {{0x21, 0, 0, 0, 0, 0, 0, 0x01}};
+    int maxn = 77;
+    EXPECT_EQ(QMX_SearchInKeylist(w, v.data(), int(v.size()), &maxn), 5);
+    EXPECT_EQ(maxn, 9);
+    QMX_WWN other = {{0x21, 0, 0, 0, 0, 0, 0, 0x07}};
+    EXPECT_EQ(QMX_SearchInKeylist(other, v.data(), int(v.size()), &maxn), -1);
+    EXPECT_EQ(maxn, 9);
+    EXPECT_TRUE(traced("QMX_SearchInKeylist END"));
+}
+
+TEST_F(KeySearch, EmptyListAndListWithoutAdapters) {
+    int maxn = 77;
+    QMX_WWN w = {{1, 2, 3, 4, 5, 6, 7, 8}};
+    EXPECT_EQ(QMX_SearchInKeylist(w, nullptr, 3, &maxn), -1);
+    EXPECT_EQ(maxn, 0);
+    EXPECT_TRUE(traced("QMX_SearchInKeylist ABEND"));
+    auto v = items({"qmx_queue_depth=8"});
+    maxn = 77;
+    EXPECT_EQ(QMX_SearchInKeylist(w, v.data(), 0, &maxn), -1);
+    EXPECT_EQ(maxn, 0);
+    EXPECT_EQ(QMX_SearchInKeylist(w, v.data(), 1, &maxn), -1);
+    EXPECT_EQ(maxn, -1);
+}
+
+}  // namespace
