@@ -1,0 +1,273 @@
+// Adapter numbering: request validation and the key list edits of the
+// numbering operations, on key lists built in memory.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "multipath/numbering.h"
+
+namespace {
+
+using qmx::numbering::applyEntries;
+using qmx::numbering::firstInvalidEntry;
+
+std::vector<util_para> keys(std::initializer_list<std::pair<const char *, const char *>> items) {
+    std::vector<util_para> list;
+    for (auto [k, v] : items) {
+        util_para p;
+        std::memset(&p, 0, sizeof p);
+        std::strncpy(p.keyword, k, sizeof p.keyword - 1);
+        std::strncpy(p.value, v, sizeof p.value - 1);
+        list.push_back(p);
+    }
+    return list;
+}
+
+QMX_WWN wwn(uint64_t v) {
+    QMX_WWN w;
+    for (int i = 7; i >= 0; --i, v >>= 8) w.wwn[i] = uint8_t(v);
+    return w;
+}
+
+struct Request {
+    std::unique_ptr<QMX_ADAPTERNUMBER> r = std::make_unique<QMX_ADAPTERNUMBER>();
+    Request() { std::memset(r.get(), 0, sizeof *r); }
+    Request &add(int number, int opr, uint64_t w = 0) {
+        adapterinformation &e = r->portlist[r->portlist_max++];
+        e.adapternumber = number;
+        e.set_opr = QMX_INT8(opr);
+        e.hba_wwn = wwn(w);
+        return *this;
+    }
+};
+
+// Keys left for the writer (not marked removed), in list order.
+std::vector<std::string> kept(const std::vector<util_para> &list) {
+    std::vector<std::string> out;
+    for (const util_para &p : list)
+        if (p.used == 0) out.push_back(std::string(p.keyword) + "=" + p.value);
+    return out;
+}
+
+std::string text(const char *s) { return s ? s : "(valid)"; }
+
+// ---------------------------------------------------------------------------
+// Validation
+// ---------------------------------------------------------------------------
+TEST(NumberingValidation, NumberRangeAdmits256AndRefusesBeyond) {
+    EXPECT_EQ(text(firstInvalidEntry(*Request().add(0, 1).add(256, 1).r)), "(valid)");
+    EXPECT_EQ(text(firstInvalidEntry(*Request().add(257, 1).r)), "Adapter number is invalid value");
+    EXPECT_EQ(text(firstInvalidEntry(*Request().add(-1, 1).r)), "Adapter number is invalid value");
+}
+
+TEST(NumberingValidation, OperationRange) {
+    EXPECT_EQ(text(firstInvalidEntry(*Request().add(1, 0).add(2, 3).r)), "(valid)");
+    EXPECT_EQ(text(firstInvalidEntry(*Request().add(1, 4).r)), "Unknown operation value");
+    EXPECT_EQ(text(firstInvalidEntry(*Request().add(1, -1).r)), "Unknown operation value");
+}
+
+TEST(NumberingValidation, DuplicateNumberInLaterEntry) {
+    EXPECT_EQ(text(firstInvalidEntry(*Request().add(3, 1).add(4, 1).add(3, 2).r)),
+              "The same key exists.");
+}
+
+TEST(NumberingValidation, EntriesAreCheckedInOrder) {
+    // Entry 0 has a later duplicate; entry 1 has a bad number: entry 0's
+    // fault is the one reported.
+    EXPECT_EQ(text(firstInvalidEntry(*Request().add(5, 1).add(300, 1).add(5, 1).r)),
+              "The same key exists.");
+    // Within one entry the number is checked before the operation.
+    EXPECT_EQ(text(firstInvalidEntry(*Request().add(300, 9).r)),
+              "Adapter number is invalid value");
+    EXPECT_EQ(text(firstInvalidEntry(*Request().add(1, 9).add(300, 1).r)),
+              "Unknown operation value");
+}
+
+TEST(NumberingValidation, EmptyRequestIsValid) {
+    EXPECT_EQ(firstInvalidEntry(*Request().r), nullptr);
+}
+
+// ---------------------------------------------------------------------------
+// Operation 1: give a WWPN a number
+// ---------------------------------------------------------------------------
+TEST(NumberingAssign, RemovesEveryKeyOfTheNumberAndAddsTheAdapterKey) {
+    auto list = keys({{"qmx_queue_depth", "16"},
+                      {"qmxl2-tid-0-wwpn", "0x5000000000000001"},
+                      {"qmx2_queue_depth", "32"},
+                      {"qmxl2-wwpn", "0x2100000000000002"},
+                      {"qmx20_queue_depth", "8"},
+                      {"qmxl20-wwpn", "0x2100000000000020"},
+                      {"qmxl02-wwpn", "0x2100000000000099"},
+                      {"qmx12_link_down", "5"}});
+    std::vector<util_para> added;
+    applyEntries(list.data(), int(list.size()), *Request().add(2, 1, 0x21000011223344aaULL).r,
+                 added);
+    EXPECT_EQ(kept(list), (std::vector<std::string>{"qmx_queue_depth=16",
+                                                    "qmx20_queue_depth=8",
+                                                    "qmxl20-wwpn=0x2100000000000020",
+                                                    "qmxl02-wwpn=0x2100000000000099",
+                                                    "qmx12_link_down=5"}));
+    ASSERT_EQ(added.size(), 1u);
+    EXPECT_STREQ(added[0].keyword, "qmxl2-wwpn");
+    EXPECT_STREQ(added[0].value, "0x21000011223344aa");
+    EXPECT_EQ(added[0].used, 0);
+}
+
+TEST(NumberingAssign, EmptyListOnlyAddsKeys) {
+    std::vector<util_para> added;
+    applyEntries(nullptr, 0, *Request().add(0, 1, 1).add(256, 1, 2).r, added);
+    ASSERT_EQ(added.size(), 2u);
+    EXPECT_STREQ(added[0].keyword, "qmxl0-wwpn");
+    EXPECT_STREQ(added[0].value, "0x0000000000000001");
+    EXPECT_STREQ(added[1].keyword, "qmxl256-wwpn");
+}
+
+// ---------------------------------------------------------------------------
+// Operation 2: remove the number bound to a WWPN
+// ---------------------------------------------------------------------------
+TEST(NumberingRemove, FindsTheAdapterKeyNotATargetKey) {
+    auto list = keys({{"qmxl5-tid-0-wwpn", "0x21000000000000aa"},
+                      {"qmxl5-wwpn", "0x2100000000000005"},
+                      {"qmx5_queue_depth", "4"},
+                      {"qmxl1-wwpn", "0x21000000000000aa"},
+                      {"qmxl1-tid-3-wwnn", "0x2000000000000001"},
+                      {"qmx1_queue_depth", "8"},
+                      {"qmx1_link_down", "30"}});
+    std::vector<util_para> added;
+    applyEntries(list.data(), int(list.size()), *Request().add(0, 2, 0x21000000000000aaULL).r,
+                 added);
+    EXPECT_EQ(kept(list), (std::vector<std::string>{"qmxl5-tid-0-wwpn=0x21000000000000aa",
+                                                    "qmxl5-wwpn=0x2100000000000005",
+                                                    "qmx5_queue_depth=4"}));
+    EXPECT_TRUE(added.empty());
+}
+
+TEST(NumberingRemove, FirstMatchingKeyWinsAndValueIsAPrefixMatch) {
+    // The value only has to begin with the WWPN text.
+    auto list = keys({{"qmxl7-wwpn", "0x21000000000000bb:junk"},
+                      {"qmxl8-wwpn", "0x21000000000000bb"},
+                      {"qmx8_queue_depth", "2"}});
+    std::vector<util_para> added;
+    applyEntries(list.data(), int(list.size()), *Request().add(0, 2, 0x21000000000000bbULL).r,
+                 added);
+    EXPECT_EQ(kept(list), (std::vector<std::string>{"qmxl8-wwpn=0x21000000000000bb",
+                                                    "qmx8_queue_depth=2"}));
+}
+
+TEST(NumberingRemove, UnknownWwpnOrDifferentCaseChangesNothing) {
+    auto list = keys({{"qmxl1-wwpn", "0x21000000000000AA"}, {"qmx1_queue_depth", "8"}});
+    std::vector<util_para> added;
+    applyEntries(list.data(), int(list.size()),
+                 *Request().add(0, 2, 0x21000000000000aaULL).add(0, 2, 0x1234).r, added);
+    EXPECT_EQ(kept(list).size(), 2u);
+}
+
+TEST(NumberingRemove, NegativeNumberInAHostileKeyIsHandled) {
+    auto list = keys({{"qmxl-5-wwpn", "0x00000000000000cc"},
+                      {"qmx-5_queue_depth", "1"},
+                      {"qmx5_queue_depth", "1"}});
+    std::vector<util_para> added;
+    applyEntries(list.data(), int(list.size()), *Request().add(0, 2, 0xccULL).r, added);
+    EXPECT_EQ(kept(list), (std::vector<std::string>{"qmx5_queue_depth=1"}));
+}
+
+// ---------------------------------------------------------------------------
+// Operation 3: rebind a number to another WWPN
+// ---------------------------------------------------------------------------
+TEST(NumberingRebind, RewritesBothWwpnKeysOfTheNumberOnly) {
+    auto list = keys({{"qmxl3-wwpn", "0x1111111111111111"},
+                      {"qmx3_wwpn", "0x1111111111111111"},
+                      {"qmxl30-wwpn", "0x3030303030303030"},
+                      {"qmxl3-tid-0-wwpn", "0x5000000000000000"},
+                      {"qmx3_queue_depth", "8"}});
+    std::vector<util_para> added;
+    applyEntries(list.data(), int(list.size()), *Request().add(3, 3, 0x2222222222222222ULL).r,
+                 added);
+    EXPECT_EQ(kept(list), (std::vector<std::string>{"qmxl3-wwpn=0x2222222222222222",
+                                                    "qmx3_wwpn=0x2222222222222222",
+                                                    "qmxl30-wwpn=0x3030303030303030",
+                                                    "qmxl3-tid-0-wwpn=0x5000000000000000",
+                                                    "qmx3_queue_depth=8"}));
+    EXPECT_TRUE(added.empty());
+}
+
+TEST(NumberingRebind, LaterRemovalSeesTheRebindOfTheSameRequest) {
+    auto list = keys({{"qmxl3-wwpn", "0x1111111111111111"}, {"qmx3_queue_depth", "8"}});
+    std::vector<util_para> added;
+    // Removing by the old WWPN after the rebind finds nothing ...
+    applyEntries(list.data(), int(list.size()),
+                 *Request().add(3, 3, 0x2222222222222222ULL).add(0, 2, 0x1111111111111111ULL).r,
+                 added);
+    EXPECT_EQ(kept(list).size(), 2u);
+    // ... removing by the new one removes the number.
+    applyEntries(list.data(), int(list.size()), *Request().add(0, 2, 0x2222222222222222ULL).r,
+                 added);
+    EXPECT_TRUE(kept(list).empty());
+}
+
+TEST(NumberingNone, OperationZeroChangesNothing) {
+    auto list = keys({{"qmxl1-wwpn", "0x0000000000000001"}, {"qmx1_queue_depth", "8"}});
+    std::vector<util_para> added;
+    applyEntries(list.data(), int(list.size()), *Request().add(1, 0, 7).r, added);
+    EXPECT_EQ(kept(list).size(), 2u);
+    EXPECT_EQ(std::string(list[0].value), "0x0000000000000001");
+    EXPECT_TRUE(added.empty());
+}
+
+TEST(NumberingScale, FullRequestOnALargeListMarksExactlyTheNumberedKeys) {
+    // 256 entries against 256 ports of 30 keys each plus unrelated items.
+    std::vector<util_para> list;
+    for (int port = 0; port < 256; ++port) {
+        for (int k = 0; k < 30; ++k) {
+            util_para p;
+            std::memset(&p, 0, sizeof p);
+            std::snprintf(p.keyword, sizeof p.keyword, "qmx%d_param%d", port, k);
+            std::snprintf(p.value, sizeof p.value, "%d", k);
+            list.push_back(p);
+        }
+    }
+    Request req;
+    for (int n = 0; n < 256; n += 2) req.add(n, 1, uint64_t(n) + 1);
+    std::vector<util_para> added;
+    applyEntries(list.data(), int(list.size()), *req.r, added);
+    EXPECT_EQ(added.size(), 128u);
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        int port = int(i / 30);
+        ASSERT_EQ(list[i].used, port % 2 == 0 ? 1 : 0) << list[i].keyword;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Helpers
+// ---------------------------------------------------------------------------
+TEST(NumberingHelpers, PathChangeReasons) {
+    int reason = 0;
+    const char *why = nullptr;
+    const std::pair<int, int> table[] = {{0, 30}, {1, 31}, {2, 32}, {3, 33},
+                                         {4, 34}, {10, 35}, {11, 36}, {20, 37}};
+    for (auto [err, code] : table) {
+        ASSERT_TRUE(qmx::numbering::pathChangeReason(err, &reason, &why)) << err;
+        EXPECT_EQ(reason, code);
+    }
+    qmx::numbering::pathChangeReason(20, &reason, &why);
+    EXPECT_STREQ(why, "request imcomplete");
+    qmx::numbering::pathChangeReason(4, &reason, &why);
+    EXPECT_STREQ(why, "not register lgde (no device)");
+    EXPECT_FALSE(qmx::numbering::pathChangeReason(5, &reason, &why));
+    EXPECT_FALSE(qmx::numbering::pathChangeReason(255, &reason, &why));
+}
+
+TEST(NumberingHelpers, DeviceNumberAndWwnText) {
+    EXPECT_EQ(qmx::numbering::deviceNumber("qmxldd0"), 0);
+    EXPECT_EQ(qmx::numbering::deviceNumber("qmxldd12"), 12);
+    EXPECT_EQ(qmx::numbering::deviceNumber("sda"), -1);
+    char text[qmx::numbering::kWwnTextLen + 1];
+    qmx::numbering::formatWwn(wwn(0x2100001122334455ULL), text);
+    EXPECT_STREQ(text, "0x2100001122334455");
+}
+
+}  // namespace
