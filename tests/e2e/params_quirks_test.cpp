@@ -1,0 +1,327 @@
+// Members of the port parameter family that differ from the common pattern,
+// the driver-wide switches, the single-value getter and the members the
+// adapters do not offer.
+#include <cerrno>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "vhost.h"
+
+namespace {
+const char *kConf = "/etc/qmxldd.conf";
+}
+
+class ParamQuirks : public VHostTest {
+protected:
+    static void discover() { ASSERT_GE(QMX_InitRoutine(portWwn(0)), 0); }
+    static void appendConf(const std::string &items) {
+        std::string text = readFile(kConf);
+        while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+        ASSERT_TRUE(writeFile(kConf, text + items));
+    }
+    // "key=value" as a whole item of the file.
+    static bool confHasItem(const std::string &keyValue) {
+        std::string text = readFile(kConf);
+        for (std::size_t at = text.find(keyValue); at != std::string::npos; at = text.find(keyValue, at + 1)) {
+            bool startOk = at == 0 || text[at - 1] == ':' || text[at - 1] == '\n' || text[at - 1] == ' ';
+            std::size_t end = at + keyValue.size();
+            bool endOk = end == text.size() || text[end] == ':' || text[end] == '\n';
+            if (startOk && endOk) return true;
+        }
+        return false;
+    }
+    static bool confHasKey(const std::string &key) {
+        std::string text = readFile(kConf);
+        std::string k = key + "=";
+        for (std::size_t at = text.find(k); at != std::string::npos; at = text.find(k, at + 1))
+            if (at == 0 || text[at - 1] == ':' || text[at - 1] == '\n' || text[at - 1] == ' ') return true;
+        return false;
+    }
+    static bool inOrder(std::initializer_list<std::string> msgs) {
+        int at = 0;
+        for (const std::string &msg : msgs) {
+            at = traceIndex(msg, at);
+            if (at < 0) return false;
+            ++at;
+        }
+        return true;
+    }
+    // Messages from the first `first` on.
+    static std::vector<std::string> traceFrom(const std::string &first) {
+        std::vector<std::string> lines = traceLines();
+        int at = traceIndex(first);
+        if (at < 0) return {};
+        return std::vector<std::string>(lines.begin() + at, lines.end());
+    }
+};
+
+TEST_F(ParamQuirks, MachineCheckRetryChecksItsRangeOnlyWhenDelIsNotZero) {
+    QMX_WWN w = portWwn(0);
+    EXPECT_EQ(QMX_SetMckRetryCnt(w, 99, 0), 0);
+    EXPECT_TRUE(confHasItem("qmx0_mck_retry=99")) << readFile(kConf);
+    EXPECT_EQ(QMX_SetMckRetryCnt(w, 99, 1), 1);
+    EXPECT_EQ(QMX_LastErrorCode(), 2);
+    EXPECT_TRUE(traceHas("mck_cnt is invalid value"));
+    EXPECT_TRUE(confHasItem("qmx0_mck_retry=99"));
+    EXPECT_EQ(QMX_SetMckRetryCnt(w, 99, 2), 1);  // any del but 0 checks; 2 would store
+    EXPECT_EQ(QMX_SetMckRetryCnt(w, 4, 1), 0);
+    EXPECT_FALSE(confHasKey("qmx0_mck_retry"));
+}
+
+TEST_F(ParamQuirks, PathHealthCheckTimeoutResolvesThePortTwice) {
+    ASSERT_EQ(QMX_SetPathHealthCheckTO(portWwn(2), 30, 0), 0);
+    EXPECT_TRUE(inOrder({"QMX_SetPathHealthCheckTO START", "QMX_InitRoutine START",
+                         "QMX_ExeclusiveLock START", "QMX_InitRoutine START",
+                         "QMX_SetPathHealthCheckTO END"}));
+    EXPECT_TRUE(confHasItem("qmx2_pathchk_to=30"));
+    int c = 0, s = 0;
+    ASSERT_EQ(QMX_GetPathHealthCheckTO(portWwn(2), &c, &s), 0);
+    EXPECT_EQ(c, -1);  // the driver reports none
+    EXPECT_EQ(s, 30);
+}
+
+TEST_F(ParamQuirks, PathHealthCheckTimeoutWithUnknownPortReleasesBeforeLocking) {
+    EXPECT_EQ(QMX_SetPathHealthCheckTO(wwnOf(0x2100001122339999ull), 30, 0), 1);
+    EXPECT_EQ(QMX_LastErrorCode(), 4);
+    std::vector<std::string> lines = traceFrom("QMX_SetPathHealthCheckTO START");
+    EXPECT_TRUE(inOrder({"QMX_SetPathHealthCheckTO START", "Invalid WWN", "QMX_ExeclusiveUnlock START",
+                         "QMX_SetPathHealthCheckTO ABEND"}));
+    EXPECT_FALSE(traceHas("QMX_ExeclusiveLock START"));
+}
+
+TEST_F(ParamQuirks, IsolationTypeIsMappedAndUnknownTypesFail) {
+    editState([](qmxsim::json &s) {
+        portOf(s, 0)["isolation"]["isol_type"] = 0;
+        portOf(s, 1)["isolation"]["isol_type"] = 3;
+    });
+    appendConf("qmx0_isol_type=0:qmx2_isol_type=7:qmx3_isol_type=1:");
+    int c = 0, s = 0;
+    ASSERT_EQ(QMX_GetIsolateSetting(portWwn(0), &c, &s), 0);
+    EXPECT_EQ(c, 2);
+    EXPECT_EQ(s, 2);
+    ASSERT_EQ(QMX_GetIsolateSetting(portWwn(2), &c, &s), 0);
+    EXPECT_EQ(s, 7);  // other stored values are reported as stored
+    ASSERT_EQ(QMX_GetIsolateSetting(portWwn(3), &c, &s), 0);
+    EXPECT_EQ(s, 1);
+    EXPECT_EQ(QMX_GetIsolateSetting(portWwn(1), &c, &s), 1);
+    EXPECT_EQ(QMX_LastErrorCode(), 1);
+    EXPECT_TRUE(inOrder({"QMX_GetIsolateSetting START", "IOCTL_QMX_HBA_ISOLATION",
+                         "Get isolation type illegal value.", "QMX_GetIsolateSetting ABEND"}));
+    EXPECT_EQ(c, -1);
+    EXPECT_EQ(s, -1);
+    // The setter stores 1 and 2 unchanged.
+    ASSERT_EQ(QMX_SetIsolateSetting(portWwn(1), 2, 0), 0);
+    EXPECT_TRUE(confHasItem("qmx1_isol_type=2"));
+}
+
+TEST_F(ParamQuirks, ScsiResetErrorIsReducedToOnOff) {
+    editState([](qmxsim::json &s) { portOf(s, 0)["isolation"]["rt_err_enable"] = 0; });
+    appendConf("qmx0_rt_err_enable=5:qmx1_rt_err_enable=-1:");
+    int c = 9, s = 9;
+    ASSERT_EQ(QMX_GetScsiResetError(portWwn(0), &c, &s), 0);
+    EXPECT_EQ(c, 0);
+    EXPECT_EQ(s, 1);
+    ASSERT_EQ(QMX_GetScsiResetError(portWwn(1), &c, &s), 0);
+    EXPECT_EQ(c, 1);   // the driver's default is on
+    EXPECT_EQ(s, -1);  // not set stays -1
+}
+
+TEST_F(ParamQuirks, TimeoutRetryTakesTheCallersBounds) {
+    QMX_WWN w = portWwn(1);
+    EXPECT_EQ(QMX_SetMbTimeoutRetry(w, 5, 0, 6, 9), 1);
+    EXPECT_EQ(QMX_LastErrorCode(), 2);
+    EXPECT_EQ(traceCount("settingval is invalid value"), 1);
+    EXPECT_EQ(QMX_SetMbTimeoutRetry(w, 10, 0, 6, 9), 1);
+    EXPECT_EQ(QMX_SetMbTimeoutRetry(w, 7, 0, 9, 6), 1);  // empty bounds refuse everything
+    EXPECT_EQ(QMX_SetMbTimeoutRetry(w, 1000, 0, -5, 1000), 0);
+    EXPECT_TRUE(confHasItem("qmx1_to_reset_retry=1000"));
+    EXPECT_EQ(QMX_SetMbTimeoutRetry(w, 5, 1, 6, 9), 0);  // delete: no check
+    EXPECT_FALSE(confHasKey("qmx1_to_reset_retry"));
+}
+
+TEST_F(ParamQuirks, InterruptTypeIsStoredForEveryFunctionOfTheAdapter) {
+    ASSERT_EQ(QMX_SetInterruptType(portWwn(0), 2, 0), 0);
+    EXPECT_TRUE(confHasItem("qmx0_msi_enable=2")) << readFile(kConf);
+    EXPECT_TRUE(confHasItem("qmx1_msi_enable=2")) << readFile(kConf);
+    EXPECT_FALSE(confHasKey("qmx2_msi_enable"));
+    EXPECT_FALSE(confHasKey("qmx3_msi_enable"));
+    ASSERT_EQ(QMX_SetInterruptType(portWwn(3), 1, 0), 0);
+    EXPECT_TRUE(confHasItem("qmx2_msi_enable=1"));
+    EXPECT_TRUE(confHasItem("qmx3_msi_enable=1"));
+    EXPECT_TRUE(confHasItem("qmx0_msi_enable=2"));
+    ASSERT_EQ(QMX_SetInterruptType(portWwn(1), 0, 1), 0);
+    EXPECT_FALSE(confHasKey("qmx0_msi_enable"));
+    EXPECT_FALSE(confHasKey("qmx1_msi_enable"));
+    EXPECT_TRUE(confHasItem("qmx2_msi_enable=1"));
+}
+
+TEST_F(ParamQuirks, InterruptTypeForAnAdapterWithoutItsOwnNumberItems) {
+    // The per-port WWN items are written for each function that gets a value.
+    ASSERT_TRUE(writeFile(kConf, "qmx_queue_depth=32:"));
+    ASSERT_EQ(QMX_SetInterruptType(portWwn(2), 2, 0), 0);
+    EXPECT_TRUE(confHasItem("qmxl2-wwpn=0x2100001122334460")) << readFile(kConf);
+    EXPECT_TRUE(confHasItem("qmxl3-wwpn=0x2100001122334461")) << readFile(kConf);
+    EXPECT_TRUE(confHasItem("qmx2_msi_enable=2"));
+    EXPECT_TRUE(confHasItem("qmx3_msi_enable=2"));
+}
+
+TEST_F(ParamQuirks, PassChangeThresholdsPerErrorNumber) {
+    appendConf("qmx1_retry_cnt5=7:qmx1_retry_cnt999=2048:qmx_retry_cnt6=3:qmx0_retry_cnt0=1:");
+    std::vector<int> c(1000, 42), s(1000, 42);
+    ASSERT_EQ(QMX_GetPassChangeThreshold(portWwn(1), c.data(), s.data()), 0);
+    EXPECT_EQ(s[5], 7);
+    EXPECT_EQ(s[999], 2048);
+    EXPECT_EQ(s[6], -1);  // the driver-wide item is not the port's
+    EXPECT_EQ(s[0], -1);
+    for (int i = 0; i < 1000; ++i) EXPECT_EQ(c[i], 0) << i;  // the simulated driver reports zeros
+    EXPECT_TRUE(traceHas("QMX_GetPassChangeThreshold END"));
+}
+
+TEST_F(ParamQuirks, PassChangeThresholdChecksTheThresholdThenTheErrorNumber) {
+    QMX_WWN w = portWwn(1);
+    appendConf("qmx1_retry_cnt7=3:");
+    // A delete as the process's first change (the writer's retry-count table
+    // keeps entries of earlier changes of the same process).
+    ASSERT_EQ(QMX_SetPassChangeThreshold(w, 7, 99999, 1), 0);
+    EXPECT_FALSE(confHasKey("qmx1_retry_cnt7")) << readFile(kConf);
+    std::string before = readFile(kConf);
+    EXPECT_EQ(QMX_SetPassChangeThreshold(w, 1000, 2049, 0), 1);
+    EXPECT_TRUE(traceHas("threshold is invalid value"));
+    EXPECT_FALSE(traceHas("err_id is invalid value"));
+    EXPECT_EQ(QMX_SetPassChangeThreshold(w, 1000, 5, 0), 1);
+    EXPECT_EQ(QMX_LastErrorCode(), 2);
+    EXPECT_TRUE(traceHas("err_id is invalid value"));
+    EXPECT_EQ(QMX_SetPassChangeThreshold(w, -1, 5, 1), 1);  // checked when deleting too
+    EXPECT_EQ(traceCount("err_id is invalid value"), 2);
+    EXPECT_EQ(readFile(kConf), before);
+    ASSERT_EQ(QMX_SetPassChangeThreshold(w, 999, 2048, 0), 0);
+    EXPECT_TRUE(confHasItem("qmx1_retry_cnt999=2048")) << readFile(kConf);
+    ASSERT_EQ(QMX_SetPassChangeThreshold(w, 0, 0, 0), 0);
+    EXPECT_TRUE(confHasItem("qmx1_retry_cnt0=0"));
+    ASSERT_EQ(QMX_SetPassChangeThreshold(QMX_WWN{}, 3, 9, 0), 0);
+    EXPECT_TRUE(confHasItem("qmx_retry_cnt3=9"));
+}
+
+TEST_F(ParamQuirks, PassChangeThresholdNullOutputs) {
+    std::vector<int> c(1000, 42);
+    EXPECT_EQ(QMX_GetPassChangeThreshold(portWwn(0), nullptr, c.data()), 1);
+    EXPECT_TRUE(traceHas("C_threshold is null"));
+    EXPECT_EQ(c[0], 42);
+    EXPECT_EQ(QMX_GetPassChangeThreshold(portWwn(0), c.data(), nullptr), 1);
+    EXPECT_EQ(QMX_LastErrorCode(), 2);
+    EXPECT_TRUE(traceHas("S_threshold is null"));
+    for (int v : c) ASSERT_EQ(v, -1);
+}
+
+TEST_F(ParamQuirks, LoggingModeAndTargetFilterAreDriverWideSwitches) {
+    for (int devno = 0; devno < 4; ++devno) removePort(devno);  // no port needed
+    EXPECT_EQ(QMX_SetLoggingMode(5, 0), 1);
+    EXPECT_EQ(QMX_LastErrorCode(), 2);
+    EXPECT_TRUE(traceHas("log_mode is invalid value"));
+    EXPECT_EQ(QMX_SetLoggingMode(5, 1), 0);  // a delete: not refused, nothing stored
+    EXPECT_FALSE(confHasKey("qmx_limit_log"));
+    EXPECT_EQ(QMX_SetLoggingMode(5, 2), 0);  // del 2 stores, unchecked
+    EXPECT_TRUE(confHasItem("qmx_limit_log=5"));
+    EXPECT_EQ(QMX_SetLoggingMode(1, 0), 0);
+    EXPECT_TRUE(confHasItem("qmx_limit_log=1"));
+    EXPECT_EQ(QMX_SetTgtFilter(2, 0), 1);
+    EXPECT_TRUE(traceHas("tgt_filter is invalid value"));
+    EXPECT_EQ(QMX_SetTgtFilter(0, 0), 0);
+    EXPECT_TRUE(confHasItem("qmx_filter_target=0"));
+    EXPECT_TRUE(inOrder({"QMX_SetTgtFilter START", "QMX_ExeclusiveLock START", "QMX_SetTgtFilter END"}));
+    EXPECT_FALSE(traceHas("QMX_InitRoutine START"));
+}
+
+TEST_F(ParamQuirks, CurrentOnlyGetters) {
+    editState([](qmxsim::json &s) {
+        portOf(s, 0)["prinfo"]["limit_log"] = 1;
+        portOf(s, 0)["prinfo"]["filter_target"] = 2;
+        portOf(s, 1)["prinfo"]["limit_log"] = -1;
+        portOf(s, 1)["prinfo"]["filter_target"] = 1;
+        portOf(s, 1)["prinfo"]["scsi_timeout_fail"] = 17;
+    });
+    int v = 9;
+    ASSERT_EQ(QMX_GetLoggingMode(portWwn(0), &v), 0);
+    EXPECT_EQ(v, 1);
+    ASSERT_EQ(QMX_GetTgtFilter(portWwn(0), &v), 0);
+    EXPECT_EQ(v, 0);
+    ASSERT_EQ(QMX_GetLoggingMode(portWwn(1), &v), 0);
+    EXPECT_EQ(v, 0);
+    ASSERT_EQ(QMX_GetTgtFilter(portWwn(1), &v), 0);
+    EXPECT_EQ(v, 1);
+    ASSERT_EQ(QMX_GetScsiTimeoutFailCount(portWwn(1), &v), 0);
+    EXPECT_EQ(v, 17);
+    EXPECT_EQ(QMX_GetLoggingMode(portWwn(0), nullptr), 1);
+    EXPECT_TRUE(traceHas("C_log_mode is null"));
+    EXPECT_EQ(QMX_GetTgtFilter(portWwn(0), nullptr), 1);
+    EXPECT_TRUE(traceHas("C_tgt_filter is null"));
+    EXPECT_EQ(QMX_GetScsiTimeoutFailCount(portWwn(0), nullptr), 1);
+    EXPECT_EQ(QMX_LastErrorCode(), 2);
+    EXPECT_TRUE(traceHas("scsitimeoout == NULL"));
+}
+
+TEST_F(ParamQuirks, CurrentOnlyGettersPresetBeforeTheQuery) {
+    discover();
+    failRequest("IOCTL_QMX_SC_PRINFO", 0, EIO);
+    int v = 9;
+    EXPECT_EQ(QMX_GetLoggingMode(portWwn(0), &v), 1);
+    EXPECT_EQ(v, -1);
+    EXPECT_EQ(QMX_GetScsiTimeoutFailCount(portWwn(0), &v), 1);
+    EXPECT_EQ(v, 0);
+    EXPECT_TRUE(inOrder({"QMX_GetScsiTimeoutFailCount START", "IOCTL_QMX_SC_PRINFO",
+                         "QMX_GetScsiTimeoutFailCount Error", "QMX_GetScsiTimeoutFailCount ABEND"}));
+}
+
+TEST_F(ParamQuirks, EngineFailureTracesTheErrorLineOnlyForSomeGetters) {
+    discover();
+    ASSERT_TRUE(removeFile(kConf));
+    QMX_UINT32 uc = 0, us = 0;
+    int c = 0, s = 0;
+    EXPECT_EQ(QMX_GetMaxTransferSize(portWwn(0), &uc, &us), 1);
+    EXPECT_EQ(uc, 4096u >> 20);  // the current value stays filled
+    EXPECT_TRUE(inOrder({"QMX_GetMaxTransferSize START", "QMX_GetUtilValue ABEND",
+                         "QMX_GetMaxTransferSize Error", "QMX_GetMaxTransferSize ABEND"}));
+    EXPECT_EQ(QMX_GetTargetResetMode(portWwn(0), &c, &s), 1);
+    EXPECT_EQ(c, 1);
+    EXPECT_TRUE(traceHas("QMX_GetTargetResetMode Error"));
+    EXPECT_EQ(QMX_GetPathHealthCheckTO(portWwn(0), &c, &s), 1);
+    EXPECT_TRUE(traceHas("QMX_GetPathHealthCheckTO Error"));
+    EXPECT_EQ(QMX_GetQueueDepthCount(portWwn(0), &uc, &us), 1);
+    EXPECT_EQ(uc, 32u);
+    EXPECT_TRUE(traceHas("QMX_GetQueueDepthCount ABEND"));
+    EXPECT_FALSE(traceHas("QMX_GetQueueDepthCount Error"));
+    EXPECT_EQ(QMX_GetLinkDownWatch(portWwn(0), &c, &s), 1);
+    EXPECT_FALSE(traceHas("QMX_GetLinkDownWatch Error"));
+}
+
+TEST_F(ParamQuirks, UnsupportedMembersTraceAndFailWithoutTouchingOutputs) {
+    int c = 77, s = 77;
+    EXPECT_EQ(QMX_GetScatterGather(portWwn(0), &c, &s), 1);
+    EXPECT_EQ(QMX_SetScatterGather(portWwn(0), 5, 0), 1);
+    EXPECT_EQ(QMX_GetMSCS(&c, &s), 1);
+    EXPECT_EQ(QMX_SetMSCS(1, 0), 1);
+    EXPECT_EQ(c, 77);
+    EXPECT_EQ(s, 77);
+    std::vector<std::string> want = {
+        "QMX_GetScatterGather START", "QMX_GetScatterGather UNSUPPORTED",
+        "QMX_SetScatterGather START", "QMX_SetScatterGather UNSUPPORTED",
+        "QMX_GetMSCS START",          "QMX_GetMSCS UNSUPPORTED",
+        "QMX_SetMSCS START",          "QMX_SetMSCS UNSUPPORTED"};
+    EXPECT_EQ(traceLines(), want);
+    EXPECT_EQ(driverRequests("IOCTL_QMX_SC_PRINFO"), 0);  // not even discovery
+}
+
+TEST_F(ParamQuirks, SetterThatCannotTakeTheLockEndsWithCode5) {
+    ASSERT_EQ(QMX_ExeclusiveLock(1), 0);  // held by someone else from now on
+    std::string before = readFile(kConf);
+    clearTrace();
+    EXPECT_EQ(QMX_SetQueueDepthCount(portWwn(0), 8, 0), 1);
+    EXPECT_EQ(QMX_LastErrorCode(), 5);
+    EXPECT_TRUE(inOrder({"QMX_SetQueueDepthCount START", "Lock retry count overflow !!",
+                         "QMX_SetQueueDepthCount END"}));
+    EXPECT_FALSE(traceHas("QMX_SetQueueDepthCount ABEND"));
+    EXPECT_FALSE(traceHas("QMX_InitRoutine START"));
+    EXPECT_EQ(readFile(kConf), before);
+    QMX_ExeclusiveUnlock(1);
+}
