@@ -1,0 +1,91 @@
+#!/usr/bin/env bash
+# Demo of libqmxvlib: builds everything, then runs a short qmxmgr session
+# against the default virtual host (two simulated adapters of two ports each).
+#
+#   scripts/demo.sh            build into ./build/release and run the session
+#   BUILD_DIR=/path scripts/demo.sh
+set -euo pipefail
+
+ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+BUILD=${BUILD_DIR:-$ROOT/build/release}
+# The virtual host mounts its own /tmp and /opt: the build must live elsewhere.
+case "$BUILD" in
+    /tmp|/tmp/*|/opt|/opt/*) echo "demo: BUILD_DIR must not be under /tmp or /opt" >&2; exit 2 ;;
+esac
+
+say() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
+
+# --- 1. Dependencies (installed only when something is missing) -------------
+"$ROOT/scripts/install-deps.sh"
+
+# --- 2. Build -----------------------------------------------------------------
+say "Building the library, the virtual host and qmxmgr in $BUILD"
+cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$BUILD" -j2
+
+QMXSIM="$BUILD/sim/qmxsim"
+QMXMGR="$BUILD/tools/qmxmgr/qmxmgr"
+for f in "$QMXSIM" "$QMXMGR"; do
+    [ -x "$f" ] || { echo "demo: $f was not built" >&2; exit 1; }
+done
+
+# --- 3. The session, inside one virtual host -----------------------------------
+# Everything below runs in a private sandbox: the files under /etc, /dev and
+# /opt that the commands read and change are the simulated host's, not this
+# machine's.
+SESSION=$(mktemp "$BUILD/demo-session.XXXXXX")
+trap 'rm -f "$SESSION"' EXIT
+cat >"$SESSION" <<'SESSION_EOF'
+set -u
+QMXMGR=$1
+say() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
+note() { printf '   %s\n' "$@"; }
+run() {
+    printf '\033[36m$ %s\033[0m\n' "$*"
+    "$@"
+    local rc=$?
+    [ $rc -eq 0 ] || printf '   (exit status %d)\n' "$rc"
+    return 0
+}
+qmxmgr() { "$QMXMGR" "$@"; }
+
+say "1. The Fibre Channel ports the driver has registered"
+note "Each port has a device file /dev/qmxlddN, an adapter number N and a World Wide Name."
+run qmxmgr ports
+
+say "2. All parameters of port qmxldd0"
+note "CURRENT is what the driver runs with now; SETTING is what is stored for"
+note "its next load ('-' = nothing stored, the driver default applies)."
+run qmxmgr show qmxldd0
+
+say "3. Change a setting: the queue depth of qmxldd0 becomes 64"
+note "A port can be named by device (qmxldd0), adapter number (0) or WWN."
+run qmxmgr set qmxldd0 queue_depth 64
+run qmxmgr get 0 queue_depth
+
+say "4. The stored setting in /etc/qmxldd.conf"
+note "The whole file is one line of key=value: items. qmxl0-wwpn ties adapter"
+note "number 0 to the port's WWN; qmx0_queue_depth is the new setting."
+run cat /etc/qmxldd.conf
+echo
+
+say "5. A value out of range is refused, and nothing is stored"
+note "The message names the library call, the reason code and the library's own words."
+run qmxmgr set qmxldd0 queue_depth 999
+run qmxmgr get 0 queue_depth
+
+say "6. Adapter numbering: as the driver has it, and as the file fixes it"
+run qmxmgr numbering
+run qmxmgr numbering --configured
+
+say "7. The same data as JSON, for scripts"
+run qmxmgr get --json qmxldd0 queue_depth
+
+say "8. The library's API trace of this session (last 15 lines, oldest first)"
+note "Every library call writes START and END (or ABEND) lines to a ring file."
+run qmxmgr trace --lines 15
+SESSION_EOF
+
+say "Starting the virtual host and the qmxmgr session"
+"$QMXSIM" -- bash "$SESSION" "$QMXMGR"
+say "Done. Try it yourself: $QMXSIM -- $QMXMGR --help"

@@ -1,0 +1,367 @@
+// qmxmgr, the command-line manager, run as a child process inside the
+// virtual host: PORT forms, JSON output, exit statuses and messages, the
+// numbering commands' refusals, the trace command and the BIOS switch.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "vhost.h"
+
+namespace {
+
+constexpr const char *kConf = "/etc/qmxldd.conf";
+
+std::string managerPath() {
+#ifdef QMXMGR_PATH
+    return QMXMGR_PATH;
+#else
+    // <build>/tests/e2e/qmx_e2e_tests -> <build>/tools/qmxmgr/qmxmgr
+    char buf[4096];
+    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+    std::string exe(buf, n > 0 ? std::size_t(n) : 0);
+    std::string dir = exe.substr(0, exe.rfind('/'));
+    return dir + "/../../tools/qmxmgr/qmxmgr";
+#endif
+}
+
+struct Result {
+    int status = -1;
+    std::string out, err;
+};
+
+class QmxmgrTest : public VHostTest {
+protected:
+    void SetUp() override {
+        VHostTest::SetUp();
+        if (IsSkipped()) return;
+        if (!fileExists(managerPath())) GTEST_SKIP() << "qmxmgr not built: " << managerPath();
+    }
+
+    // Starts qmxmgr with `args`, its output going to files of the state
+    // directory.  Returns the child's process id.
+    pid_t start(const std::vector<std::string> &args, const std::string &tag) {
+        std::string path = managerPath();
+        std::string out = stateDir() + "/mgr-" + tag + ".out";
+        std::string err = stateDir() + "/mgr-" + tag + ".err";
+        std::vector<std::string> all{path};
+        all.insert(all.end(), args.begin(), args.end());
+        pid_t pid = fork();
+        if (pid == 0) {
+            int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            if (o < 0 || e < 0) _exit(126);
+            dup2(o, 1);
+            dup2(e, 2);
+            std::vector<char *> argv;
+            for (std::string &a : all) argv.push_back(a.data());
+            argv.push_back(nullptr);
+            execv(path.c_str(), argv.data());
+            _exit(127);
+        }
+        return pid;
+    }
+    Result finish(pid_t pid, const std::string &tag) {
+        Result r;
+        int st = 0;
+        if (waitpid(pid, &st, 0) == pid)
+            r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+        r.out = readFile(stateDir() + "/mgr-" + tag + ".out");
+        r.err = readFile(stateDir() + "/mgr-" + tag + ".err");
+        return r;
+    }
+    Result run(const std::vector<std::string> &args) { return finish(start(args, "run"), "run"); }
+
+    static qmxsim::json parse(const std::string &text) {
+        qmxsim::json j = qmxsim::json::parse(text, nullptr, false);
+        EXPECT_FALSE(j.is_discarded()) << text;
+        return j;
+    }
+    static int lineCount(const std::string &text) {
+        int n = 0;
+        for (char c : text) n += c == '\n';
+        return n;
+    }
+};
+
+// --------------------------------------------------------------- PORT forms
+TEST_F(QmxmgrTest, EveryPortFormNamesTheSamePort) {
+    ASSERT_TRUE(writeFile(kConf, "qmxl1-wwpn=0x2100001122334451:qmx1_queue_depth=48:"));
+    const char *forms[] = {"qmxldd1", "/dev/qmxldd1", "1", "21:00:00:11:22:33:44:51",
+                           "2100001122334451", "0x2100001122334451", "21:00:00:11:22:33:44:51"};
+    for (const char *form : forms) {
+        SCOPED_TRACE(form);
+        Result r = run({"get", form, "queue_depth", "--json"});
+        ASSERT_EQ(r.status, 0) << r.err;
+        qmxsim::json j = parse(r.out);
+        EXPECT_EQ(j["port"]["device"], "qmxldd1");
+        EXPECT_EQ(j["port"]["wwn"], "21:00:00:11:22:33:44:51");
+        EXPECT_EQ(j["setting"], 48);
+    }
+}
+
+TEST_F(QmxmgrTest, TextThatIsNoPortIsAUsageError) {
+    const char *bad[] = {"qmxldd", "qmxldd9", "sda", "21:00:00:11:22:33:44", "1234",
+                         "21-00-00-11-22-33-44-51", "210000112233445g", "7"};
+    for (const char *form : bad) {
+        SCOPED_TRACE(form);
+        Result r = run({"get", form, "queue_depth"});
+        EXPECT_EQ(r.status, 2);
+        EXPECT_EQ(lineCount(r.err), 1) << r.err;
+        EXPECT_EQ(r.err.rfind("qmxmgr: ", 0), 0u) << r.err;
+        EXPECT_EQ(r.out, "");
+    }
+}
+
+TEST_F(QmxmgrTest, UnknownWwnIsReportedWithTheCallAndReason) {
+    Result r = run({"get", "2100001122334499", "queue_depth"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err,
+              "qmxmgr: QMX_GetQueueDepthCount failed: the WWN names no discovered port "
+              "(reason code 4): Invalid WWN\n");
+}
+
+TEST_F(QmxmgrTest, AllZeroWwnOnlyWhereTheDriverWideValueApplies) {
+    EXPECT_EQ(run({"get", "0000000000000000", "queue_depth"}).status, 2);
+    Result r = run({"set", "00:00:00:00:00:00:00:00", "queue_depth", "12"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(readFile(kConf).find("qmx_queue_depth=12:"), std::string::npos);
+}
+
+// ------------------------------------------------------------------ JSON
+TEST_F(QmxmgrTest, PortsJsonShape) {
+    Result r = run({"ports", "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    qmxsim::json j = parse(r.out);
+    ASSERT_TRUE(j["ports"].is_array());
+    ASSERT_EQ(j["ports"].size(), 4u);
+    const qmxsim::json &p = j["ports"][2];
+    EXPECT_EQ(p["number"], 2);
+    EXPECT_EQ(p["device"], "qmxldd2");
+    EXPECT_EQ(p["wwn"], "21:00:00:11:22:33:44:60");
+    EXPECT_EQ(p["pci"], "04:00.0");
+    EXPECT_EQ(p["model"], "QX2402");
+    for (const char *key : {"firmware", "driver", "status", "status_code", "host"})
+        EXPECT_TRUE(p.contains(key)) << key;
+    EXPECT_TRUE(p["firmware"].is_string());
+}
+
+TEST_F(QmxmgrTest, ShowJsonHasEveryParameterWithCurrentAndSetting) {
+    Result r = run({"show", "qmxldd0", "--json"});
+    qmxsim::json j = parse(r.out);
+    EXPECT_EQ(j["port"]["device"], "qmxldd0");
+    ASSERT_TRUE(j["parameters"].is_array());
+    EXPECT_GE(j["parameters"].size(), 30u);
+    bool sawQueue = false, sawLink = false;
+    for (const qmxsim::json &row : j["parameters"]) {
+        ASSERT_TRUE(row["name"].is_string());
+        ASSERT_TRUE(row.contains("error") || (row.contains("current") && row.contains("setting")))
+            << row.dump();
+        if (row["name"] == "queue_depth") {
+            sawQueue = true;
+            EXPECT_EQ(row["setting"], 32);  // qmx0_queue_depth=32 in the default host
+            EXPECT_TRUE(row["current"].is_number());
+        }
+        if (row["name"] == "connection_type" || row["name"] == "port_speed") sawLink = true;
+        if (row["name"] == "link_down_time") {
+            EXPECT_TRUE(row["setting"].is_null());  // not stored
+        }
+    }
+    EXPECT_TRUE(sawQueue);
+    EXPECT_TRUE(sawLink);
+    // The exit status says whether every parameter could be read.
+    bool anyError = false;
+    for (const qmxsim::json &row : j["parameters"]) anyError |= row.contains("error");
+    EXPECT_EQ(r.status, anyError ? 1 : 0) << r.err;
+}
+
+TEST_F(QmxmgrTest, NumberingJsonBothSources) {
+    Result cur = run({"numbering", "--json"});
+    ASSERT_EQ(cur.status, 0) << cur.err;
+    qmxsim::json j = parse(cur.out);
+    EXPECT_EQ(j["source"], "current");
+    ASSERT_EQ(j["adapters"].size(), 4u);
+    EXPECT_EQ(j["adapters"][3]["device"], "qmxldd3");
+
+    ASSERT_TRUE(writeFile(kConf, "qmxl9-wwpn=0x2100000000000099:qmxl0-wwpn=0x2100001122334450:"));
+    Result conf = run({"numbering", "--configured", "--json"});
+    ASSERT_EQ(conf.status, 0) << conf.err;
+    j = parse(conf.out);
+    EXPECT_EQ(j["source"], "configured");
+    ASSERT_EQ(j["adapters"].size(), 2u);
+    EXPECT_EQ(j["adapters"][0]["number"], 9);
+    EXPECT_TRUE(j["adapters"][0]["device"].is_null());
+    EXPECT_EQ(j["adapters"][1]["device"], "qmxldd0");
+}
+
+// ---------------------------------------------------- set, unset, failures
+TEST_F(QmxmgrTest, SetUnsetAndDriverWideForms) {
+    ASSERT_EQ(run({"set", "qmxldd2", "queue_depth", "64"}).status, 0);
+    EXPECT_NE(readFile(kConf).find("qmx2_queue_depth=64:"), std::string::npos);
+    ASSERT_EQ(run({"unset", "2", "queue_depth"}).status, 0);
+    EXPECT_EQ(readFile(kConf).find("qmx2_queue_depth="), std::string::npos);
+    ASSERT_EQ(run({"set", "--all-ports", "link_down_time", "15"}).status, 0);
+    EXPECT_NE(readFile(kConf).find("qmx_link_down=15:"), std::string::npos);
+    ASSERT_EQ(run({"set", "--all-ports", "logging_mode", "on"}).status, 0);
+    EXPECT_NE(readFile(kConf).find("qmx_limit_log=1:"), std::string::npos);
+}
+
+TEST_F(QmxmgrTest, RefusedValueFailsWithOneLineAndChangesNothing) {
+    const std::string before = readFile(kConf);
+    Result r = run({"set", "qmxldd0", "queue_depth", "999"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err,
+              "qmxmgr: QMX_SetQueueDepthCount failed: invalid argument (reason code 2): "
+              "queue is invalid value\n");
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(readFile(kConf), before);
+}
+
+TEST_F(QmxmgrTest, UsageErrorsExitWithTwo) {
+    const std::vector<std::vector<std::string>> cases = {
+        {},
+        {"bogus"},
+        {"get", "0"},
+        {"get", "0", "no_such_parameter"},
+        {"set", "0", "queue_depth"},
+        {"set", "0", "queue_depth", "lots"},
+        {"set", "0", "logging_mode", "1"},          // driver-wide only
+        {"set", "--all-ports", "port_speed", "8"},  // per port only
+        {"unset", "0", "connection_type"},          // nothing to remove
+        {"set", "0", "scsi_timeout_fail_count", "1"},
+        {"numbering", "set", "3"},
+        {"bi", "enable"},  // no -b
+        {"-b", "qmxldd0", "bi", "sometimes"},
+    };
+    const std::string before = readFile(kConf);
+    for (const auto &args : cases) {
+        std::string joined;
+        for (const auto &a : args) joined += a + " ";
+        SCOPED_TRACE(joined);
+        Result r = run(args);
+        EXPECT_EQ(r.status, 2) << r.err;
+        EXPECT_NE(r.err, "");
+    }
+    EXPECT_EQ(readFile(kConf), before);
+}
+
+TEST_F(QmxmgrTest, HelpOnEveryCommand) {
+    for (const char *cmd : {"ports", "show", "get", "set", "unset", "numbering", "trace", "bi"}) {
+        SCOPED_TRACE(cmd);
+        Result r = run({cmd, "--help"});
+        EXPECT_EQ(r.status, 0);
+        EXPECT_NE(r.out.find("Usage"), std::string::npos) << r.out;
+    }
+    EXPECT_EQ(run({"--help"}).status, 0);
+}
+
+// ------------------------------------------------------------- numbering
+TEST_F(QmxmgrTest, NumberingRefusalsLeaveTheFileUnchanged) {
+    const std::string before = readFile(kConf);
+    Result dup = run({"numbering", "set", "3", "qmxldd1", "3", "qmxldd0"});
+    EXPECT_EQ(dup.status, 1);
+    EXPECT_EQ(dup.err,
+              "qmxmgr: QMX_SetAdapterNumber failed: invalid argument (reason code 2): "
+              "The same key exists.\n");
+    Result big = run({"numbering", "set", "257", "qmxldd1"});
+    EXPECT_EQ(big.status, 1);
+    EXPECT_NE(big.err.find("Adapter number is invalid value"), std::string::npos);
+    EXPECT_EQ(readFile(kConf), before);
+}
+
+TEST_F(QmxmgrTest, NumberingSetRemoveRebind) {
+    ASSERT_EQ(run({"numbering", "set", "7", "21:00:00:11:22:33:44:99"}).status, 0);
+    EXPECT_NE(readFile(kConf).find("qmxl7-wwpn=0x2100001122334499:"), std::string::npos);
+    ASSERT_EQ(run({"numbering", "rebind", "7", "2100001122334498"}).status, 0);
+    EXPECT_NE(readFile(kConf).find("qmxl7-wwpn=0x2100001122334498:"), std::string::npos);
+    ASSERT_EQ(run({"numbering", "remove", "2100001122334498", "qmxldd1"}).status, 0);
+    std::string text = readFile(kConf);
+    EXPECT_EQ(text.find("qmxl7-"), std::string::npos);
+    EXPECT_EQ(text.find("qmxl1-wwpn"), std::string::npos);
+    EXPECT_EQ(text.find("qmx1_link_speed"), std::string::npos);
+    EXPECT_NE(text.find("qmxl0-wwpn=0x2100001122334450:"), std::string::npos);
+}
+
+// ------------------------------------------------------------------ trace
+TEST_F(QmxmgrTest, TraceIsPrintedOldestFirstAcrossTheRingWrap) {
+    auto line = [](const char *msg) {
+        std::string l = std::string("2026/01/02 03:04:05 4242 ") + msg;
+        l.resize(120, ' ');
+        return l + "\n";
+    };
+    std::string marker = "EndLog";
+    marker.resize(120, ' ');
+    ASSERT_TRUE(writeFile(kTraceFile, line("newest-1") + line("newest-2") + marker + "\n" +
+                                          line("oldest-1") + line("oldest-2")));
+    Result r = run({"trace"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out,
+              "2026/01/02 03:04:05 4242 oldest-1\n2026/01/02 03:04:05 4242 oldest-2\n"
+              "2026/01/02 03:04:05 4242 newest-1\n2026/01/02 03:04:05 4242 newest-2\n");
+    Result last = run({"trace", "--lines", "1", "--json"});
+    qmxsim::json j = parse(last.out);
+    ASSERT_EQ(j["lines"].size(), 1u);
+    EXPECT_EQ(j["lines"][0], "2026/01/02 03:04:05 4242 newest-2");
+    EXPECT_EQ(j["file"], kTraceFile);
+}
+
+TEST_F(QmxmgrTest, TraceShowsTheManagersOwnCalls) {
+    ASSERT_EQ(run({"get", "0", "queue_depth"}).status, 0);
+    Result r = run({"trace"});
+    ASSERT_EQ(r.status, 0);
+    std::vector<std::string> lines = splitLines(r.out);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_NE(lines.back().find("QMX_GetQueueDepthCount END"), std::string::npos) << lines.back();
+}
+
+TEST_F(QmxmgrTest, TraceFollowPrintsNewLinesOnce) {
+    std::unique_ptr<QMX_ADAPTERNUMBER> info = std::make_unique<QMX_ADAPTERNUMBER>();
+    ASSERT_EQ(QMX_GetAdapterNumber(info.get(), 1), 0);  // something to start with
+    pid_t pid = start({"trace", "--follow"}, "follow");
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    ASSERT_EQ(QMX_GetAdapterNumber(info.get(), 3), 1);  // writes START, the refusal, ABEND
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    kill(pid, SIGTERM);
+    Result r = finish(pid, "follow");
+    EXPECT_EQ(r.status, 128 + SIGTERM);
+    int starts = 0, refusals = 0;
+    for (const std::string &l : splitLines(r.out)) {
+        starts += l.find("QMX_GetAdapterNumber START") != std::string::npos;
+        refusals += l.find("mode is invalid number") != std::string::npos;
+    }
+    EXPECT_EQ(starts, 2) << r.out;
+    EXPECT_EQ(refusals, 1) << r.out;
+}
+
+// ------------------------------------------------------------- HBA BIOS
+TEST_F(QmxmgrTest, BiosSwitchRunsTheBiosTool) {
+    Result r = run({"-b", "qmxldd1", "bi", "disable"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    bool seen = false;
+    for (const std::string &l : toolLog("qmxbios"))
+        seen |= l.find("-x -d qmxldd1 -p bios=Disable") != std::string::npos;
+    EXPECT_TRUE(seen);
+    Result show = run({"-b", "qmxldd1", "bi", "--json"});
+    ASSERT_EQ(show.status, 0) << show.err;
+    EXPECT_EQ(parse(show.out)["hba_bios"], "disabled");
+}
+
+TEST_F(QmxmgrTest, BiosToolFailureIsReported) {
+    scriptTool("qmxbios", 3, -1);
+    Result r = run({"-b", "qmxldd0", "bi", "enable"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err.rfind("qmxmgr: QMX_SetHBABiosSetting failed: the BIOS tool failed "
+                          "(reason code 11)",
+                          0),
+              0u)
+        << r.err;
+    EXPECT_EQ(lineCount(r.err), 1);
+}
+
+}  // namespace
