@@ -122,7 +122,9 @@ std::string shellQuote(std::string_view text);
 // ---------------------------------------------------------------------------
 class Frame {
 public:
-    explicit Frame(const char *name) noexcept;
+    explicit Frame(const char *name) noexcept : Frame(name, name) {}
+    // A call whose opening line carries another label than its closing lines.
+    Frame(const char *name, const char *startLabel) noexcept;
     Frame(const Frame &) = delete;
     Frame &operator=(const Frame &) = delete;
     ~Frame();
@@ -188,8 +190,8 @@ private:
 // Runs an exported call's body with its frame.  No exception leaves: an
 // allocation failure becomes "malloc error" with code 1, anything else code 10.
 template <class Body>
-QMX_STATUS run(const char *name, Body &&body) noexcept {
-    Frame f(name);
+QMX_STATUS run(const char *name, const char *startLabel, Body &&body) noexcept {
+    Frame f(name, startLabel);
     try {
         QMX_STATUS st = body(f);
         if (!f.finished()) return st == 0 ? f.ok() : f.fail();
@@ -200,6 +202,11 @@ QMX_STATUS run(const char *name, Body &&body) noexcept {
     } catch (...) {
         return f.fail(10);
     }
+}
+
+template <class Body>
+QMX_STATUS run(const char *name, Body &&body) noexcept {
+    return run(name, name, static_cast<Body &&>(body));
 }
 
 }  // namespace qmx

@@ -91,11 +91,8 @@ QMX_STATUS QMX_GetConnectionType(QMX_WWN wwn, QMX_UINT8 *C_ConnectionType,
 QMX_STATUS QMX_SetConnectionType(QMX_WWN wwn, QMX_UINT8 ConnectionType) {
     // Tools that follow this call match its opening line by the text
     // "QMX_GetPackageInformation START"; the closing lines carry the call's
-    // own name.  The frame keeps the name by address, so the buffer is
-    // renamed once the opening line is out.
-    char name[] = "QMX_GetPackageInformation";
-    return qmx::run(name, [&](qmx::Frame &f) {
-        qmx::copyText(name, "QMX_SetConnectionType");
+    // own name.
+    return qmx::run("QMX_SetConnectionType", "QMX_GetPackageInformation", [&](qmx::Frame &f) {
         int ind = f.port(wwn);
         if (ind < 0) return f.fail();
         if (ConnectionType < 1 || ConnectionType > 3) return f.invalid("Connection type value error", "");
