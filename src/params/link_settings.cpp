@@ -56,6 +56,32 @@ void setterQueryFailed() {
 
 uint8_t listingByte(int index) { return uint8_t(QMX_G_CfgList[index].param_val & 0xFFu); }
 
+// Writes a link setting into the adapter's boot firmware: through the BIOS
+// tool for a port that is not partitioned, into the EFI option area for a
+// dedicated partition; a shared partition may not change it.
+QMX_STATUS setLinkSetting(qmx::Frame &f, QMX_WWN wwn, int ind, unsigned char efiValue, int efiOffset,
+                          int biosOption, qmx_bios_param bp) {
+    qmx_ioctl_proc_info rec;
+    if (!portInfo(wwn, ind, &rec)) {
+        setterQueryFailed();
+        return f.fail();
+    }
+    switch (mlpfClass(rec.mlpf_mode)) {
+    case 1: {
+        char msg[96];
+        std::snprintf(msg, sizeof msg, "%s Not Support Shared FC mode", f.name());
+        return f.invalid(msg, "");
+    }
+    case 2:
+        qmx::tracef("%s (MMIO-HG Dedicate)", f.name());
+        if (qmx_EFIDrvOption(ind, &efiValue, 1, efiOffset) != 0) return f.fail();
+        return f.ok();
+    default:
+        if (qmx_ExecQmxbios(ind, biosOption, &bp) != 0) return f.fail();
+        return f.ok();
+    }
+}
+
 constexpr const char *kConfFile = "/etc/qmxldd.conf";
 // The driver's sysfs attribute takes the file in one write of less than a page.
 constexpr long kSysfsFileLimit = 4096;
@@ -96,27 +122,10 @@ QMX_STATUS QMX_SetConnectionType(QMX_WWN wwn, QMX_UINT8 ConnectionType) {
         int ind = f.port(wwn);
         if (ind < 0) return f.fail();
         if (ConnectionType < 1 || ConnectionType > 3) return f.invalid("Connection type value error", "");
-        qmx_ioctl_proc_info rec;
-        if (!portInfo(wwn, ind, &rec)) {
-            setterQueryFailed();
-            return f.fail();
-        }
-        switch (mlpfClass(rec.mlpf_mode)) {
-        case 1:
-            return f.invalid("QMX_SetConnectionType Not Support Shared FC mode", "");
-        case 2: {
-            unsigned char opt = connectionTypeToEfi(ConnectionType);
-            qmx::trace("QMX_SetConnectionType (MMIO-HG Dedicate)");
-            if (qmx_EFIDrvOption(ind, &opt, 1, kEfiOptConnectType) != 0) return f.fail();
-            return f.ok();
-        }
-        default: {
-            qmx_bios_param bp{};
-            bp.connect_type = ConnectionType;
-            if (qmx_ExecQmxbios(ind, QMXBIOS_OPT_CONNECTION_TYPE, &bp) != 0) return f.fail();
-            return f.ok();
-        }
-        }
+        qmx_bios_param bp{};
+        bp.connect_type = ConnectionType;
+        return setLinkSetting(f, wwn, ind, connectionTypeToEfi(ConnectionType), kEfiOptConnectType,
+                              QMXBIOS_OPT_CONNECTION_TYPE, bp);
     });
 }
 
@@ -148,27 +157,9 @@ QMX_STATUS QMX_SetPortSpeed(QMX_WWN wwn, QMX_UINT8 portspeed) {
         int ind = f.port(wwn);
         if (ind < 0) return f.fail();
         if (!portSpeedValid(portspeed)) return f.invalid("portspeed");
-        qmx_ioctl_proc_info rec;
-        if (!portInfo(wwn, ind, &rec)) {
-            setterQueryFailed();
-            return f.fail();
-        }
-        switch (mlpfClass(rec.mlpf_mode)) {
-        case 1:
-            return f.invalid("QMX_SetPortSpeed Not Support Shared FC mode", "");
-        case 2: {
-            unsigned char opt = portspeed;
-            qmx::trace("QMX_SetPortSpeed (MMIO-HG Dedicate)");
-            if (qmx_EFIDrvOption(ind, &opt, 1, kEfiOptDataRate) != 0) return f.fail();
-            return f.ok();
-        }
-        default: {
-            qmx_bios_param bp{};
-            bp.data_rate = portspeed;
-            if (qmx_ExecQmxbios(ind, QMXBIOS_OPT_DATA_RATE, &bp) != 0) return f.fail();
-            return f.ok();
-        }
-        }
+        qmx_bios_param bp{};
+        bp.data_rate = portspeed;
+        return setLinkSetting(f, wwn, ind, portspeed, kEfiOptDataRate, QMXBIOS_OPT_DATA_RATE, bp);
     });
 }
 
