@@ -7,7 +7,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <string_view>
+#include <utility>
 
 #include "qmxldd_ioctl.h"
 #include "simstate.h"
@@ -213,74 +215,73 @@ void applyOverrides(uint8_t *rec, const Field (&fields)[N], const json &obj) {
     }
 }
 
+// The field of the port information record named `name`, found while
+// compiling.
+consteval const Field *prField(std::string_view name) {
+    for (const Field &f : kPrinfoFields)
+        if (name == f.name) return &f;
+    throw "no such field";  // not a constant expression: the build fails
+}
+
+inline void setPrinfo(uint8_t *rec, const Field *f, uint64_t v) {
+    switch (f->width) {
+    case 1: rec[f->offset] = uint8_t(v); break;
+    case 2: putU16(rec, f->offset, uint16_t(v)); break;
+    case 4: putU32(rec, f->offset, uint32_t(v)); break;
+    case 8: putU64(rec, f->offset, v); break;
+    default: break;
+    }
+}
+inline void setPrinfoText(uint8_t *rec, const Field *f, const std::string &v) {
+    std::memset(rec + f->offset, 0, f->width);
+    std::memcpy(rec + f->offset, v.data(), v.size() < f->width ? v.size() : f->width);
+}
+
 // The port information record of a port: defaults from the port's fields,
 // then the port's "prinfo" overrides by field name.
 inline void buildPrinfo(const json &port, uint8_t *rec) {
     std::memset(rec, 0, 1024);
-    int devno = int(fieldI64(port, "devno", 0));
-    json d = json::object();
-    d["version"] = 1;
-    d["dev_major"] = 240;
-    d["dev_minor"] = devno;
-    d["instance"] = fieldI64(port, "instance", devno);
-    d["host_no"] = fieldI64(port, "host", devno + 2);
-    d["unique_id"] = devno;
-    d["vender_id"] = fieldU64(port, "vendor", 0x1E5A);
-    d["device_id"] = fieldU64(port, "device", 0x0101);
-    d["ww_name"] = fieldU64(port, "wwpn", 0);
-    d["node_name"] = fieldU64(port, "wwnn", 0);
-    d["scsi_id"] = fieldU64(port, "scsi_id", 0x010000);
-    d["adap_id"] = port.value("adap_id", std::string("KQX-") + std::to_string(fieldI64(port, "adapter", 0)));
-    d["model_name"] = port.value("model", std::string("QX2402"));
-    d["driver_ver"] = port.value("driver_version", std::string("2.1.0"));
-    d["firmware_ver"] = fieldU64(port, "firmware_ver", 0x01020304);
-    d["parts_number"] = port.value("parts_number", std::string("KQX2402-E"));
-    d["pkgtype"] = fieldU64(port, "pkgtype", 1);
-    d["pkgcode"] = fieldU64(port, "pkgcode", 2);
-    d["ec_level"] = fieldU64(port, "ec_level", 3);
-    d["bus"] = fieldU64(port, "bus", 3);
-    d["dev"] = fieldU64(port, "dev", 0);
-    d["func"] = fieldU64(port, "func", 0);
-    d["port_no"] = fieldU64(port, "port_no", fieldU64(port, "func", 0));
-    d["mlpf_mode"] = 0;
-    d["port_status"] = 1;
-    d["highconf_opt"] = 0;
-    d["msi_flag"] = 1;
-    d["opt_vendor_name"] = "KESTREL";
-    d["opt_parts_number"] = "SFP-8G-SW-0001";
-    d["opt_serial_number"] = "KSN" + std::to_string(devno);
-    d["connection_type"] = 2;
-    d["max_data_rate"] = 16;
-    d["login_delay"] = 3;
-    d["spinup_delay"] = 0;
-    d["automap"] = 1;
-    d["xob_max"] = 256;
-    d["xrb_max"] = 256;
-    d["slog_max"] = 64;
-    d["dma_max"] = 4096;
-    d["queue_depth"] = 32;
-    d["linkup_tmo"] = 30;
-    d["scsi_reset_delay"] = 10;
-    d["target_reset_tmo"] = 30;
-    d["abort_tmo"] = 20;
-    d["max_target"] = 256;
-    d["trc_max"] = 1024;
-    d["max_mck_cnt"] = 3;
-    d["wmsg"] = 0;
-    d["linkup2_tmo"] = 60;
-    d["pkt_num"] = 2048;
-    d["can_queue"] = 1024;
-    d["sg_tblsize"] = 128;
-    d["cmnd_num"] = 512;
-    d["minus_tout"] = 0;
-    d["scsi_allowed"] = 3;
-    d["cmd_per_lun"] = 32;
-    d["max_sectors"] = 1024;
-    d["scsi_timeout_fail"] = 0;
-    d["tmt_delay"] = 0;
-    d["lun_reset_delay"] = 0;
-    d["target_reset_mode"] = 1;
-    applyOverrides(rec, kPrinfoFields, d);
+    // Values that do not depend on the port.
+    static constexpr std::pair<const Field *, uint64_t> fixed[] = {
+        {prField("version"), 1}, {prField("dev_major"), 240}, {prField("msi_flag"), 1}, {prField("port_status"), 1},
+        {prField("connection_type"), 2}, {prField("max_data_rate"), 16}, {prField("login_delay"), 3}, {prField("automap"), 1},
+        {prField("xob_max"), 256}, {prField("xrb_max"), 256}, {prField("slog_max"), 64}, {prField("dma_max"), 4096},
+        {prField("queue_depth"), 32}, {prField("linkup_tmo"), 30}, {prField("scsi_reset_delay"), 10}, {prField("target_reset_tmo"), 30},
+        {prField("abort_tmo"), 20}, {prField("max_target"), 256}, {prField("trc_max"), 1024}, {prField("max_mck_cnt"), 3},
+        {prField("linkup2_tmo"), 60}, {prField("pkt_num"), 2048}, {prField("can_queue"), 1024}, {prField("sg_tblsize"), 128},
+        {prField("cmnd_num"), 512}, {prField("scsi_allowed"), 3}, {prField("cmd_per_lun"), 32}, {prField("max_sectors"), 1024},
+        {prField("target_reset_mode"), 1},
+    };
+    for (const auto &kv : fixed) setPrinfo(rec, kv.first, kv.second);
+    int64_t devno = fieldI64(port, "devno", 0);
+    setPrinfo(rec, prField("dev_minor"), uint64_t(devno));
+    setPrinfo(rec, prField("instance"), uint64_t(fieldI64(port, "instance", devno)));
+    setPrinfo(rec, prField("host_no"), uint64_t(fieldI64(port, "host", devno + 2)));
+    setPrinfo(rec, prField("unique_id"), uint64_t(devno));
+    setPrinfo(rec, prField("vender_id"), fieldU64(port, "vendor", 0x1E5A));
+    setPrinfo(rec, prField("device_id"), fieldU64(port, "device", 0x0101));
+    setPrinfo(rec, prField("ww_name"), fieldU64(port, "wwpn", 0));
+    setPrinfo(rec, prField("node_name"), fieldU64(port, "wwnn", 0));
+    setPrinfo(rec, prField("scsi_id"), fieldU64(port, "scsi_id", 0x010000));
+    setPrinfo(rec, prField("firmware_ver"), fieldU64(port, "firmware_ver", 0x01020304));
+    setPrinfo(rec, prField("pkgtype"), fieldU64(port, "pkgtype", 1));
+    setPrinfo(rec, prField("pkgcode"), fieldU64(port, "pkgcode", 2));
+    setPrinfo(rec, prField("ec_level"), fieldU64(port, "ec_level", 3));
+    setPrinfo(rec, prField("bus"), fieldU64(port, "bus", 3));
+    setPrinfo(rec, prField("dev"), fieldU64(port, "dev", 0));
+    setPrinfo(rec, prField("func"), fieldU64(port, "func", 0));
+    setPrinfo(rec, prField("port_no"), fieldU64(port, "port_no", fieldU64(port, "func", 0)));
+    auto text = [&](const char *key, const std::string &dflt) {
+        auto it = port.find(key);
+        return it != port.end() && it->is_string() ? it->get<std::string>() : dflt;
+    };
+    setPrinfoText(rec, prField("adap_id"), text("adap_id", "KQX-" + std::to_string(fieldI64(port, "adapter", 0))));
+    setPrinfoText(rec, prField("model_name"), text("model", "QX2402"));
+    setPrinfoText(rec, prField("driver_ver"), text("driver_version", "2.1.0"));
+    setPrinfoText(rec, prField("parts_number"), text("parts_number", "KQX2402-E"));
+    setPrinfoText(rec, prField("opt_vendor_name"), "KESTREL");
+    setPrinfoText(rec, prField("opt_parts_number"), "SFP-8G-SW-0001");
+    setPrinfoText(rec, prField("opt_serial_number"), "KSN" + std::to_string(devno));
     auto ov = port.find("prinfo");
     if (ov != port.end()) applyOverrides(rec, kPrinfoFields, *ov);
 }

@@ -309,7 +309,7 @@ LuView luAt(const json &port, const TargetView &t, int index) {
     // Path states changed through the driver (set path requests) override
     // the scenario: "path_status" maps "<wwpn>/<lun>" to the new state.
     auto ps = port.find("path_status");
-    if (ps != port.end() && ps->is_object()) {
+    if (ps != port.end() && ps->is_object() && !ps->empty()) {
         std::string key = hex64(t.wwpn) + "/" + std::to_string(lu.lun);
         auto hit = ps->find(key);
         if (hit != ps->end()) lu.status = int(toI64(*hit, lu.status));
@@ -412,25 +412,25 @@ namespace {
 
 // A file of the scenario: a text, or {"text": ..., "mode": "0644"}, or null
 // (left out).  Returns false when the file is to be left out.
-bool fileSpec(const json &spec, std::string &text, unsigned &mode) {
+bool fileDesc(const json &desc, std::string &text, unsigned &mode) {
     mode = 0644;
-    if (spec.is_null()) return false;
-    if (spec.is_string()) {
-        text = spec.get<std::string>();
+    if (desc.is_null()) return false;
+    if (desc.is_string()) {
+        text = desc.get<std::string>();
         return true;
     }
-    if (spec.is_array()) {  // lines
+    if (desc.is_array()) {  // lines
         text.clear();
-        for (const json &l : spec) text += l.is_string() ? l.get<std::string>() + "\n" : l.dump() + "\n";
+        for (const json &l : desc) text += l.is_string() ? l.get<std::string>() + "\n" : l.dump() + "\n";
         return true;
     }
-    if (spec.is_object()) {
-        if (spec.value("absent", false)) return false;
+    if (desc.is_object()) {
+        if (desc.value("absent", false)) return false;
         text.clear();
-        if (spec.contains("text") && spec["text"].is_string()) text = spec["text"].get<std::string>();
-        if (spec.contains("lines") && spec["lines"].is_array())
-            for (const json &l : spec["lines"]) text += l.get<std::string>() + "\n";
-        if (spec.contains("mode")) mode = unsigned(toU64(spec["mode"], 0644));
+        if (desc.contains("text") && desc["text"].is_string()) text = desc["text"].get<std::string>();
+        if (desc.contains("lines") && desc["lines"].is_array())
+            for (const json &l : desc["lines"]) text += l.get<std::string>() + "\n";
+        if (desc.contains("mode")) mode = unsigned(toU64(desc["mode"], 0644));
         return true;
     }
     return false;
@@ -583,7 +583,7 @@ std::string materializeHost(const json &state, const HostLayout &layout) {
             std::string text;
             unsigned mode;
             std::string full = r + path;
-            if (!fileSpec(it.value(), text, mode)) {
+            if (!fileDesc(it.value(), text, mode)) {
                 ::unlink(full.c_str());
                 continue;
             }
@@ -612,7 +612,7 @@ std::string materializeHost(const json &state, const HostLayout &layout) {
             if (it.key().find('/') != std::string::npos) continue;
             std::string text;
             unsigned mode;
-            if (!fileSpec(it.value(), text, mode)) continue;
+            if (!fileDesc(it.value(), text, mode)) continue;
             if (!writeWholeFile(r + "/etc/" + it.key(), text, mode)) return "cannot write /etc/" + it.key();
         }
     }
@@ -620,9 +620,9 @@ std::string materializeHost(const json &state, const HostLayout &layout) {
     std::string hba = r + "/opt/kestrel/drivers/hba";
     if (!makeDirs(hba)) return "cannot create " + hba;
     static const char *const tools[] = {"qmxbios", "qmxdiag", "qmxmcup", "qmxmcref"};
-    json toolSpec = state.value("tools", json::object());
+    json toolSel = state.value("tools", json::object());
     for (const char *tool : tools) {
-        if (toolSpec.contains(tool) && toolSpec[tool].is_boolean() && !toolSpec[tool].get<bool>()) continue;
+        if (toolSel.contains(tool) && toolSel[tool].is_boolean() && !toolSel[tool].get<bool>()) continue;
         std::string src = layout.toolSourceDir + "/" + tool;
         if (::access(src.c_str(), X_OK) != 0) continue;
         std::string dst = hba + "/" + tool;

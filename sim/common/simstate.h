@@ -7,6 +7,8 @@
 // under that lock, so the adapters look the same to all of them.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -91,12 +93,29 @@ struct TargetView {
 int targetCount(const json &port);
 TargetView targetAt(const json &port, int index);
 
+// An LU identifier (at most 128 bytes), kept without heap memory: LU maps
+// of the maximum configuration are generated a few million entries at a time.
+struct LuId {
+    uint8_t bytes[128] = {};
+    std::size_t len = 0;
+    void push_back(uint8_t b) {
+        if (len < sizeof bytes) bytes[len++] = b;
+    }
+    std::size_t size() const { return len; }
+    const uint8_t *data() const { return bytes; }
+    const uint8_t *begin() const { return bytes; }
+    const uint8_t *end() const { return bytes + len; }
+    bool operator==(const LuId &o) const {
+        return len == o.len && std::equal(bytes, bytes + len, o.bytes);
+    }
+};
+
 struct LuView {
     uint32_t lun = 0;
     int flags = 1, status = 1, priority = 0, ownerCtl = 0, pathid = 0;
     uint32_t ioerror = 0, iocount = 0;
     int idType = 3;
-    std::vector<uint8_t> luid;  // LU identifier
+    LuId luid;  // LU identifier
 };
 int luCount(const TargetView &t);
 LuView luAt(const json &port, const TargetView &t, int index);

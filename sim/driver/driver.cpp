@@ -160,6 +160,8 @@ uint32_t fnv1a(const void *p, std::size_t n) {
     return h;
 }
 
+// The log is opened for every line: tests remove it while a program runs,
+// and programs close descriptors they did not open.
 void logLine(const std::string &line) {
     const char *state = std::getenv("QMXSIM_STATE");
     if (state == nullptr || *state == '\0') return;
@@ -890,7 +892,12 @@ __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request, 
     int saved = errno;
     int devno = deviceOf(fd);
     errno = saved;
-    if (devno >= 0 && std::getenv("QMXSIM_STATE") != nullptr) return driverIoctl(devno, request, argp);
+    if (devno >= 0 && std::getenv("QMXSIM_STATE") != nullptr) {
+        // One request at a time per process, like the driver serialises them.
+        static std::mutex serial;
+        std::lock_guard<std::mutex> hold(serial);
+        return driverIoctl(devno, request, argp);
+    }
     IoctlFn real = realIoctl();
     if (real == nullptr) {
         errno = ENOSYS;

@@ -187,6 +187,19 @@ void restoreFiles(const std::string &state, const std::string &dir = "") {
     closedir(d);
 }
 
+// A directory that must stay reachable inside the sandbox.
+struct Kept {
+    std::string path;
+    struct stat st;
+    int fd = -1;
+};
+
+std::string dirOf(const std::string &path) {
+    std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? std::string("/") : path.substr(0, slash);
+}
+
 struct Options {
     std::string scenario;
     bool scenarioGiven = false;
@@ -273,7 +286,15 @@ Paths findPaths(const Options &o) {
 int sandbox(const Options &o, const Paths &paths, const std::string &state, bool fresh) {
     uid_t uid = getuid();
     gid_t gid = getgid();
+    // A scenario that names the host gets its own host name (UTS namespace).
+    std::string hostname;
+    try {
+        json st = qmxsim::loadJsonFile(state + "/state.json");
+        if (st.contains("hostname") && st["hostname"].is_string()) hostname = st["hostname"].get<std::string>();
+    } catch (const std::exception &) {
+    }
     int flags = CLONE_NEWNS | CLONE_NEWIPC;
+    if (!hostname.empty()) flags |= CLONE_NEWUTS;
     if (geteuid() != 0) flags |= CLONE_NEWUSER;
     if (unshare(flags) != 0) die(std::string("unshare: ") + std::strerror(errno));
     if (flags & CLONE_NEWUSER) {
@@ -282,11 +303,33 @@ int sandbox(const Options &o, const Paths &paths, const std::string &state, bool
         writeProc("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
     }
     mountOrDie(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, "");
+    if (!hostname.empty() && sethostname(hostname.data(), hostname.size()) != 0)
+        die("sethostname: " + std::string(std::strerror(errno)));
 
-    struct stat stateSt;
-    if (stat(state.c_str(), &stateSt) != 0) die("state directory vanished");
-    int stateFd = open(state.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (stateFd < 0) die("open state directory: " + std::string(std::strerror(errno)));
+    // Directories the sandbox's own mounts must not hide: the state
+    // directory, the simulated driver and tools, the command and the working
+    // directory (a build tree under /tmp, say).
+    std::vector<Kept> kept;
+    auto keep = [&](const std::string &dir) {
+        char real[PATH_MAX];
+        if (dir.empty() || realpath(dir.c_str(), real) == nullptr) return;
+        Kept k;
+        k.path = real;
+        for (const Kept &o : kept)
+            if (o.path == k.path) return;
+        if (stat(k.path.c_str(), &k.st) != 0) return;
+        k.fd = open(k.path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        if (k.fd >= 0) kept.push_back(k);
+    };
+    keep(state);
+    keep(dirOf(paths.driver));
+    keep(paths.tools);
+    char cwd[PATH_MAX];
+    std::string workDir = getcwd(cwd, sizeof cwd) ? std::string(cwd) : std::string();
+    keep(workDir);
+    std::string cmd0 = o.command[0];
+    if (cmd0.find('/') != std::string::npos) keep(dirOf(absolute(cmd0)));
+    if (kept.empty() || kept[0].fd < 0) die("cannot open the state directory");
 
     // Scratch space for the overlays' upper layers, private to this sandbox.
     std::string scratch = state + "/.sandbox";
@@ -336,14 +379,16 @@ int sandbox(const Options &o, const Paths &paths, const std::string &state, bool
     tmpfs("/tmp");
     tmpfs("/sys/block");
 
-    // The state directory must stay reachable under its own name.
-    struct stat now;
-    if (stat(state.c_str(), &now) != 0 || now.st_ino != stateSt.st_ino || now.st_dev != stateSt.st_dev) {
-        qmxsim::makeDirs(state);
-        std::string src = "/proc/self/fd/" + std::to_string(stateFd);
-        mountOrDie(src.c_str(), state, nullptr, MS_BIND, "");
+    for (const Kept &k : kept) {
+        struct stat now;
+        if (stat(k.path.c_str(), &now) != 0 || now.st_ino != k.st.st_ino || now.st_dev != k.st.st_dev) {
+            qmxsim::makeDirs(k.path);
+            std::string src = "/proc/self/fd/" + std::to_string(k.fd);
+            mountOrDie(src.c_str(), k.path, nullptr, MS_BIND, "");
+        }
+        close(k.fd);
     }
-    close(stateFd);
+    if (!workDir.empty() && chdir(workDir.c_str()) != 0) die("chdir " + workDir + ": " + std::strerror(errno));
 
     // Host files.
     json st;

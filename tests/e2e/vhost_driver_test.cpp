@@ -417,4 +417,92 @@ TEST_F(VHostDriver, OfflinePortAnswersNothing) {
     EXPECT_EQ(err, ENXIO);
 }
 
+TEST_F(VHostDriver, RemovedRequestLogStartsAfresh) {
+    Device d(0);
+    qmx_ioctl_proc_info info;
+    ASSERT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info), 0);
+    ASSERT_TRUE(removeFile(stateDir() + "/driver.log"));
+    ASSERT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info), 0);
+    std::vector<std::string> log = driverLog();
+    ASSERT_EQ(log.size(), 1u);
+    EXPECT_NE(log[0].find(" req=IOCTL_QMX_SC_PRINFO nr=0xC400460D size=1024 "), std::string::npos);
+    EXPECT_NE(log[0].find(" result=ok"), std::string::npos);
+}
+
+TEST_F(VHostDriver, MultipathParametersRoundTrip) {
+    Device d(1), other(3);
+    qmx_mp_parameters mp;
+    std::memset(&mp, 0, sizeof mp);
+    ASSERT_EQ(d.call(IOCTL_QMX_MP_RDPARM, &mp), 0);
+    EXPECT_EQ(mp.qmxmp, 1);
+    EXPECT_EQ(mp.mp_interval, 30u);
+    EXPECT_EQ(mp.mp_max_lu_path, 8u);
+    mp.mp_interval = 1440;
+    mp.mp_failback = 1;
+    ASSERT_EQ(d.call(IOCTL_QMX_MP_WRPARM, &mp), 0);
+    qmx_mp_parameters again;
+    std::memset(&again, 0, sizeof again);
+    ASSERT_EQ(other.call(IOCTL_QMX_MP_RDPARM, &again), 0);  // driver-wide: any port
+    EXPECT_EQ(again.mp_interval, 1440u);
+    EXPECT_EQ(again.mp_failback, 1);
+    EXPECT_EQ(again.mp_max_lu_path, 8u);
+}
+
+TEST_F(VHostDriver, ReportLunsTellsTheFullCountButFillsOnlyTheBuffer) {
+    editState([](qmxsim::json &s) { portOf(s, 0)["targets"][0]["report_luns"] = 3000; });
+    Device d(0);
+    std::vector<uint8_t> data(QMX_PASSTHRU_DATA_LEN + 64, 0xEE);
+    qmx_ioctl_scsi_passthru pt;
+    std::memset(&pt, 0, sizeof pt);
+    pt.flags = QMX_PASSTHRU_FLAGS;
+    pt.data_len = QMX_PASSTHRU_DATA_LEN;
+    pt.data_addr = reinterpret_cast<uintptr_t>(data.data());
+    pt.port_wwn = 0x5000000000000a01ull;
+    pt.cdb_len = QMX_PASSTHRU_CDB_LEN;
+    pt.cdb[0] = QMX_SCSI_REPORT_LUNS;
+    ASSERT_EQ(d.call(IOCTL_QMX_SCSI_PASSTHRU, &pt), 0);
+    uint32_t listLen = uint32_t(data[0]) << 24 | uint32_t(data[1]) << 16 | uint32_t(data[2]) << 8 | data[3];
+    EXPECT_EQ(listLen, 3000u * 8);
+    EXPECT_EQ(data[8 + 8 * 3], 0);  // LUN 3 in the first two bytes of its entry
+    EXPECT_EQ(data[9 + 8 * 3], 3);
+    EXPECT_EQ(data[QMX_PASSTHRU_DATA_LEN], 0xEE);  // nothing past the buffer
+    pt.port_wwn = 0x5000000000000fffull;  // no such target
+    int err = 0;
+    EXPECT_EQ(d.call(IOCTL_QMX_SCSI_PASSTHRU, &pt, &err), -1);
+    EXPECT_EQ(err, EIO);
+}
+
+TEST_F(VHostDriver, LogicalPathListDescribesEveryTarget) {
+    Device d(2);
+    std::vector<uint8_t> buf(QMX_MP_LGPATH1_SIZE(QMX_MP_LGPATH1_MAX), 0);
+    auto *list = reinterpret_cast<qmx_mp_lgpath_info1 *>(buf.data());
+    list->header.entry_count = QMX_MP_LGPATH1_MAX;
+    ASSERT_EQ(d.call(IOCTL_QMX_MP_LGPATH1, buf.data()), 0);
+    ASSERT_EQ(list->header.lgpath_info1_count, 6u * 3);  // six target paths, three entries each
+    const auto *e = reinterpret_cast<const mp_lgpath_info1_entry *>(buf.data() + sizeof(mp_lgpath_info1_header));
+    EXPECT_EQ(e[0].type, QMX_LGPATH_TYPE_TARGET);
+    EXPECT_EQ(e[1].type, QMX_LGPATH_TYPE_NODE);
+    EXPECT_EQ(e[1].data, 0x5000000000000a00ull);
+    EXPECT_EQ(e[2].type, QMX_LGPATH_TYPE_PORT);
+    EXPECT_EQ(e[2].data, 0x5000000000000a01ull);
+    EXPECT_EQ(e[3].group, 1);  // port 0's second target
+    EXPECT_EQ(e[17].instance, 3);
+}
+
+TEST_F(VHostDriver, SfpDataForTheIsolationCalls) {
+    Device d(1);
+    uint8_t pci[4] = {};
+    ASSERT_EQ(diag(d, QMX_DG_RDPCI, 880, 4, pci), 0);
+    EXPECT_EQ(pci[0] & 0x80, 0x80);  // hot swap supported by the hardware
+    std::vector<uint8_t> table(QMX_DGRD_INITTBL_LEN + 1, 0);
+    ASSERT_EQ(diag(d, QMX_DGRD_INITTBL, 0, QMX_DGRD_INITTBL_LEN, table.data()), 0);
+    EXPECT_EQ(table[48] & 1, 1);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(&table[336]), 14), "SFP-8G-SW-0001");
+    uint8_t led = 0x88;
+    ASSERT_EQ(diag(d, QMX_DG_WRPCI, 57, 1, &led), 0);
+    uint8_t back = 0;
+    ASSERT_EQ(diag(d, QMX_DG_RDPCI, 57, 1, &back), 0);
+    EXPECT_EQ(back, 0x88);
+}
+
 }  // namespace

@@ -119,8 +119,8 @@ TEST_F(VHostState, GeneratedTargetsGiveSharedLuIdentifiersAcrossPorts) {
     EXPECT_EQ(qmxsim::luCount(ta), 2048);
     qmxsim::LuView la = qmxsim::luAt(a, ta, 2047), lb = qmxsim::luAt(b, tb, 2047);
     EXPECT_EQ(la.lun, 2047u);
-    EXPECT_EQ(la.luid, lb.luid);
-    EXPECT_NE(qmxsim::luAt(a, ta, 5).luid, la.luid);
+    EXPECT_TRUE(la.luid == lb.luid);
+    EXPECT_FALSE(qmxsim::luAt(a, ta, 5).luid == la.luid);
 }
 
 TEST_F(VHostState, ExplicitLusAndPathStates) {
@@ -134,7 +134,7 @@ TEST_F(VHostState, ExplicitLusAndPathStates) {
     EXPECT_EQ(l0.status, 2);  // changed through the driver
     EXPECT_EQ(l1.lun, 9u);
     EXPECT_EQ(l1.status, 4);
-    EXPECT_EQ(l1.luid, (std::vector<uint8_t>{0x60, 0x0a, 0x0b, 0x80}));
+    EXPECT_EQ(std::vector<uint8_t>(l1.luid.begin(), l1.luid.end()), (std::vector<uint8_t>{0x60, 0x0a, 0x0b, 0x80}));
 }
 
 TEST_F(VHostState, HostFilesFollowThePortsWithGaps) {
