@@ -9,6 +9,8 @@
 //   BM_ReadWriteFileAndImage  the same plus reading and writing the image's
 //                             table area (the I/O a set call has to do)
 //   BM_BuildText/<items>      the regrouping alone, in memory
+//   BM_BuildBindingText       binding mode with full binding tables
+//   BM_ParseBindingFile       reading back the file that write leaves
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -199,5 +201,67 @@ void BM_BuildText(benchmark::State &state) {
 }
 BENCHMARK(BM_BuildText)->Arg(1000)->Arg(2000)->Arg(4000)->Arg(8000)->Complexity(benchmark::oN)
     ->Unit(benchmark::kMicrosecond);
+
+// The largest binding configuration: full binding tables (BINDMAX records,
+// HADAPTMAX adapter records) written in binding mode next to a file of
+// about 8000 other items, then the resulting file parsed back.
+void fillBindingTables() {
+    for (int r = 0; r < BINDMAX; ++r) {
+        __TBLKEY &t = TBLKEY[r];
+        std::memset(&t, 0, sizeof t);
+        t.adapt = r % 256;
+        t.target = r / 256;
+        t.npd = r % 2 == 0 ? kBindWwpn : kBindPriority0 + (r / 2) % 4;
+        t.priority[(r / 2) % 4] = uint64_t(r);
+        std::snprintf(t.bind, sizeof t.bind, "0x50060e80%08x", unsigned(r));
+    }
+    bind_cnt = BINDMAX;
+    for (int a = 0; a < HADAPTMAX; ++a) {
+        WWPN[a].adapt = a;
+        std::snprintf(WWPN[a].bind, sizeof WWPN[a].bind, "0x21000000%08x", unsigned(a));
+        WWPN[a].use_flg = 1;
+    }
+    wwpn_cnt = HADAPTMAX;
+}
+
+void BM_BuildBindingText(benchmark::State &state) {
+    freshTables();
+    fillBindingTables();
+    std::string text = configText(8000);
+    util_para *list = nullptr;
+    int n = qmx::parseKeyLine(text.data(), text.size(), &list);
+    std::vector<util_para> work(static_cast<std::size_t>(n));
+    std::string out;
+    for (auto _ : state) {
+        std::memcpy(work.data(), list, sizeof(util_para) * std::size_t(n));
+        out.clear();
+        qmx::buildConfText(work.data(), n, nullptr, 0, 1, out);
+        benchmark::DoNotOptimize(out.data());
+    }
+    std::free(list);
+    state.counters["bytes"] = double(out.size());
+    bind_cnt = wwpn_cnt = 0;
+}
+BENCHMARK(BM_BuildBindingText)->Unit(benchmark::kMillisecond);
+
+void BM_ParseBindingFile(benchmark::State &state) {
+    freshTables();
+    fillBindingTables();
+    std::string text = configText(8000);
+    util_para *list = nullptr;
+    int n = qmx::parseKeyLine(text.data(), text.size(), &list);
+    std::string full;
+    qmx::buildConfText(list, n, nullptr, 0, 1, full);
+    std::free(list);
+    bind_cnt = wwpn_cnt = 0;
+    for (auto _ : state) {
+        util_para *parsed = nullptr;
+        int items = qmx::parseKeyLine(full.data(), full.size(), &parsed);
+        if (items <= BINDMAX) state.SkipWithError("binding file refused");
+        std::free(parsed);
+    }
+    state.counters["bytes"] = double(full.size());
+}
+BENCHMARK(BM_ParseBindingFile)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -1,7 +1,6 @@
 // Adapter discovery and the driver channel of the shared library, against the
 // simulated driver of the virtual host.
 #include <arpa/inet.h>
-#include <dlfcn.h>
 
 #include <cerrno>
 #include <cstring>
@@ -161,24 +160,6 @@ TEST_F(Channel, PortAttributesListTheTargets) {
     EXPECT_EQ(attr.tgt_num, 2u);
     EXPECT_EQ(attr.tgt_wwpn[1], 0x5000000000000b02ull);
     EXPECT_EQ(driverRequests("IOCTL_QMX_PORT_ATTR", 2, QMX_DIAG_SUB_TGTLIST), 1);
-}
-
-// The set of all open devices is reached through the LU path listing, which
-// opens every device file and holds them for the whole call.
-TEST_F(Channel, NoAdaptersOpenNoDeviceFiles) {
-    using Listing = int (*)(void *);
-    auto listing = reinterpret_cast<Listing>(dlsym(RTLD_DEFAULT, "QMX_GetLuPathStatus"));
-    if (listing == nullptr) GTEST_SKIP() << "the LU path listing is not in this library";
-    for (int devno = 0; devno < 4; ++devno) removePort(devno);
-    // Container: 65536 path pointers and the count.
-    std::vector<uint8_t> container(65536 * sizeof(void *) + 64, 0xA5);
-    int count = -1;
-    EXPECT_EQ(listing(container.data()), 0);
-    std::memcpy(&count, container.data() + 65536 * sizeof(void *), sizeof count);
-    EXPECT_EQ(count, 0);
-    EXPECT_TRUE(traceHas("no device special file (/dev/qmxlddx)"));
-    EXPECT_TRUE(traceHas("open_special_file END"));
-    EXPECT_TRUE(driverLog().empty() || driverLog()[0].empty());  // nothing reached a driver
 }
 
 }  // namespace
