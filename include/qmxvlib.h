@@ -133,8 +133,10 @@ QMX_API int QMX_GetUtilValue(QMX_WWN wwn, int index, char *key_str, int erId, vo
 QMX_API int QMX_SetUtilValue(QMX_WWN wwn, int index, char *key_str, int erId, void *setval,
                              int del);
 /* Splits "/etc/modprobe.d/qmxldd_param.conf" around its "options qmxldd"
-   line; list must hold QMX_MODULES_CONF_ITEMS records.  0 or -1. */
-#define QMX_MODULES_CONF_ITEMS 10
+   line; list must hold QMX_MODULES_CONF_ITEMS records (room for every
+   driver-wide parameter of the driver on its options line).  An options
+   line with more "name=value" pieces is refused (-1, code 9).  0 or -1. */
+#define QMX_MODULES_CONF_ITEMS 64
 QMX_API int QMX_read_modules_conf(util_para *list);
 
 /* @@PARAMS@@ port parameters and link settings */
@@ -315,6 +317,10 @@ typedef struct QMX_adapternumber {
     struct adapterinformation portlist[QMX_ADAPTERNUMBER_MAX];
     QMX_INT32 portlist_max;   /* entries in use */
 } QMX_ADAPTERNUMBER;
+QMX_STATIC_ASSERT(sizeof(struct adapterinformation) == 88, adapterinformation_size);
+QMX_STATIC_ASSERT(offsetof(struct adapterinformation, special_dev) == 20, adapterinformation_special_dev);
+QMX_STATIC_ASSERT(offsetof(struct adapterinformation, set_opr) == 87, adapterinformation_set_opr);
+QMX_CHECK_SIZE(QMX_ADAPTERNUMBER, 256 * 88 + 4);
 
 QMX_API QMX_STATUS QMX_GetAdapterNumber(QMX_ADAPTERNUMBER *adapter_info, int mode);
 QMX_API QMX_STATUS QMX_SetAdapterNumber(QMX_ADAPTERNUMBER *adapter_info);

@@ -193,6 +193,7 @@ int readDevice(sysfs_dev_t *dev) {
     }
     int result = 0;
     int count = 0;
+    int capacity = 0;  // grown by doubling: a host can have many thousand disks
     sysfs_dev *list = nullptr;
     while (struct dirent *ent = readdir(dir)) {
         if (std::strncmp(ent->d_name, "sd", 2) != 0) continue;
@@ -222,13 +223,18 @@ int readDevice(sysfs_dev_t *dev) {
             qmx::tracef("%s:%s invalid format %d", "readDevice", path, missing);
             continue;
         }
-        auto *grown = static_cast<sysfs_dev *>(std::realloc(list, sizeof(sysfs_dev) * (count + 1)));
-        if (grown == nullptr) {
-            qmx::tracef("%s:remalloc() error %s", "readDevice", std::strerror(errno));
-            result = -1;
-            break;
+        if (count == capacity) {
+            int want = capacity == 0 ? 64 : capacity * 2;
+            auto *grown = static_cast<sysfs_dev *>(
+                std::realloc(list, sizeof(sysfs_dev) * std::size_t(want)));
+            if (grown == nullptr) {
+                qmx::tracef("%s:remalloc() error %s", "readDevice", std::strerror(errno));
+                result = -1;
+                break;
+            }
+            list = grown;
+            capacity = want;
         }
-        list = grown;
         sysfs_dev &d = list[count++];
         std::memset(&d, 0, sizeof d);
         d.hostno = uint8_t(std::atoi(host));

@@ -87,7 +87,10 @@ void Frame::finish(const char *word, QMX_STATUS st) noexcept {
 int QMX_LastErrorCode(void) { return QMX_G_ERROR_CD; }
 
 char *QMX_GetVendorAPIVersion(void) {
+    // Static storage; written again on every call so that a caller that
+    // wrote into it cannot change what the next caller reads.
     static char version[] = "06-02";
+    std::memcpy(version, "06-02", sizeof version);
     QMX_G_ERROR_CD = 0;
     return version;
 }

@@ -197,9 +197,12 @@ QMX_STATUS run(const char *name, const char *startLabel, Body &&body) noexcept {
         if (!f.finished()) return st == 0 ? f.ok() : f.fail();
         return f.status();
     } catch (const std::bad_alloc &) {
+        // A throw after the closing line leaves the call's outcome as traced.
+        if (f.finished()) return f.status();
         trace("malloc error");
         return f.fail(1);
     } catch (...) {
+        if (f.finished()) return f.status();
         return f.fail(10);
     }
 }

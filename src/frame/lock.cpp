@@ -60,6 +60,20 @@ char *attachSegment(int key) {
     return static_cast<char *>(addr);
 }
 
+// The segment of a target, shared by the three lock calls: key, then
+// segment.  A key that cannot be formed is traced as "Unknown lock target",
+// whatever the cause (an unknown target or a failed ftok); a segment that
+// cannot be had is reported by attachSegment.  `message` receives the
+// target's path.
+char *targetSegment(int lock_target, char *message) {
+    int key = QMX_GetLockKey(lock_target, message);
+    if (key == -1) {
+        qmx::trace("Unknown lock target");
+        return nullptr;
+    }
+    return attachSegment(key);
+}
+
 bool isLocked(const char *seg) { return std::memcmp(seg, kLockText, sizeof kLockText) == 0; }
 
 }  // namespace
@@ -86,13 +100,7 @@ int QMX_GetLockKey(int lock_target, char *message) {
 int QMX_ExeclusiveLock(int lock_target) {
     qmx::trace("QMX_ExeclusiveLock START");
     char message[96];
-    int key = QMX_GetLockKey(lock_target, message);
-    if (key == -1) {
-        qmx::trace("Unknown lock target");
-        qmx::trace("QMX_ExeclusiveLock ABEND");
-        return -1;
-    }
-    char *seg = attachSegment(key);
+    char *seg = targetSegment(lock_target, message);
     if (seg == nullptr) {
         qmx::trace("QMX_ExeclusiveLock ABEND");
         return -1;
@@ -117,13 +125,7 @@ int QMX_ExeclusiveLock(int lock_target) {
 int QMX_ExeclusiveLockCheck(int lock_target) {
     qmx::trace("QMX_ExeclusiveLockCheck START");
     char message[96];
-    int key = QMX_GetLockKey(lock_target, message);
-    if (key == -1) {
-        qmx::trace("Unknown lock target");
-        qmx::trace("QMX_ExeclusiveLockCheck ABEND");
-        return -1;
-    }
-    char *seg = attachSegment(key);
+    char *seg = targetSegment(lock_target, message);
     if (seg == nullptr) {
         qmx::trace("QMX_ExeclusiveLockCheck ABEND");
         return -1;
@@ -139,12 +141,7 @@ int QMX_ExeclusiveLockCheck(int lock_target) {
 int QMX_ExeclusiveUnlock(int lock_target) {
     qmx::trace("QMX_ExeclusiveUnlock START");
     char message[96];
-    int key = QMX_GetLockKey(lock_target, message);
-    char *seg = nullptr;
-    if (key == -1)
-        qmx::trace("Unknown lock target");
-    else
-        seg = attachSegment(key);
+    char *seg = targetSegment(lock_target, message);
     if (seg == nullptr) {
         qmx::trace("Not found unlock dir");
         qmx::trace("QMX_ExeclusiveUnlock ABEND");

@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <vector>
 
 #include "frame/frame.h"
 
@@ -50,32 +49,33 @@ void wrapIfFull(FILE *fp) {
 // Finds the marker line the way a loop of fgets(buf, 132) + strstr("EndLog")
 // would, but reading the file in large blocks.  Returns the byte offset of
 // the read that holds the marker and the number of reads before it, or -1.
+// Fixed buffers only: the open must not fail (or throw) for want of memory.
 long findMarker(FILE *fp, int *lines) {
-    std::vector<char> block(1 << 16);
-    std::string pending;  // the read in progress when a block ends
-    long pos = 0;         // offset of the current read's first byte
+    char block[8192];
+    char pending[kScanChunk + 1];  // the read in progress, NUL-terminated
+    std::size_t held = 0;
+    long pos = 0;  // offset of the current read's first byte
     int count = 0;
-    auto finishRead = [&](const std::string &chunk) -> bool {
+    auto finishRead = [&]() -> bool {
+        pending[held] = '\0';
         // strstr stops at an embedded NUL, as it would on the fgets buffer.
-        if (std::strstr(chunk.c_str(), "EndLog") != nullptr) return true;
+        if (std::strstr(pending, "EndLog") != nullptr) return true;
         ++count;
-        pos += long(chunk.size());
+        pos += long(held);
+        held = 0;
         return false;
     };
     std::size_t got;
-    while ((got = std::fread(block.data(), 1, block.size(), fp)) > 0) {
+    while ((got = std::fread(block, 1, sizeof block, fp)) > 0) {
         for (std::size_t i = 0; i < got; ++i) {
-            pending.push_back(block[i]);
-            if (block[i] == '\n' || pending.size() == kScanChunk) {
-                if (finishRead(pending)) {
-                    *lines = count;
-                    return pos;
-                }
-                pending.clear();
+            pending[held++] = block[i];
+            if ((block[i] == '\n' || held == kScanChunk) && finishRead()) {
+                *lines = count;
+                return pos;
             }
         }
     }
-    if (!pending.empty() && finishRead(pending)) {
+    if (held > 0 && finishRead()) {
         *lines = count;
         return pos;
     }

@@ -298,11 +298,20 @@ QMX_STATUS QMX_GetAdapterNumber(QMX_ADAPTERNUMBER *adapter_info, int mode) {
             getWWN(wwn, &e.hba_wwn);
         }
         adapter_info->portlist_max = count;
+        // Ports are matched to entries through a table of the entries'
+        // WWPNs, each converted once (one "changeWWN START" line per entry,
+        // not one per port and entry).  Ports are taken in discovery order,
+        // so when two ports share a WWPN the later one fills the entry, as a
+        // pass over every port and entry would.
+        std::unordered_map<uint64_t, std::vector<int>> byWwn;
+        byWwn.reserve(std::size_t(count));
+        for (int i = 0; i < count; ++i) byWwn[changeWWN(adapter_info->portlist[i].hba_wwn)].push_back(i);
         for (int p = 0; p < c_max_port; ++p) {
             const dev_info &d = dev_info_all[p];
-            for (int i = 0; i < count; ++i) {
+            auto hit = byWwn.find(d.wwn);
+            if (hit == byWwn.end()) continue;
+            for (int i : hit->second) {
                 adapterinformation &e = adapter_info->portlist[i];
-                if (changeWWN(e.hba_wwn) != d.wwn) continue;
                 qmx::copyText(e.special_dev, std::string_view(d.name, strnlen(d.name, sizeof d.name)));
                 e.bus = d.bus;
                 e.dev = d.dev;

@@ -116,6 +116,8 @@ TEST_F(NumberingTest, ConfiguredNumberingInFileOrderWithPortsMatched) {
     EXPECT_EQ(std::string(info->portlist[1].special_dev), "");  // no such port
     EXPECT_EQ(info->portlist[2].adapternumber, 0);
     EXPECT_EQ(std::string(info->portlist[2].special_dev), "qmxldd0");
+    // Each configured WWPN is converted once, not once per port.
+    EXPECT_EQ(traceCount("changeWWN START"), 3);
 }
 
 TEST_F(NumberingTest, ConfiguredNumberingOfAFileThatCannotBeOpenedIsEmpty) {

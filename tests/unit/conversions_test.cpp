@@ -1,9 +1,16 @@
 // WWN and text conversions.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "frame/frame.h"
+#include "frame_test_util.h"
 
 TEST(Conversions, WwnRoundTripMostSignificantFirst) {
     QMX_WWN w = {{0x21, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55}};
@@ -88,4 +95,70 @@ TEST(Conversions, ShellQuoteOnlyWhenNeeded) {
     EXPECT_EQ(qmx::shellQuote("it's"), "'it'\\''s'");
     EXPECT_EQ(qmx::shellQuote(""), "''");
     EXPECT_EQ(qmx::shellQuote("$(id)"), "'$(id)'");
+}
+
+// The SCSI disk list of the host: the virtual host starts with sda..sdd on
+// "/sys/block"; the test adds a hundred more, a broken link and a non-disk.
+TEST(Conversions, DiskListIsCompleteAndInDiskOrder) {
+    if (!frametest::inVirtualHost()) GTEST_SKIP() << "needs the virtual host (run through ctest)";
+    auto addDisk = [](const std::string &name, const std::string &hctl) {
+        std::string dir = "/sys/block/" + name;
+        mkdir("/sys/block/.scsi", 0755);
+        mkdir(("/sys/block/.scsi/" + hctl).c_str(), 0755);
+        mkdir(dir.c_str(), 0755);
+        ASSERT_EQ(symlink(("../.scsi/" + hctl).c_str(), (dir + "/device").c_str()), 0) << name;
+    };
+    std::vector<std::string> added;
+    for (char a = 'z'; a >= 'a' && added.size() < 100; --a)
+        for (char b = 'z'; b >= 'a' && added.size() < 100; --b) {
+            std::string name = std::string("sd") + a + b;
+            addDisk(name, "7:0:" + std::to_string(added.size()) + ":" + std::to_string(300 + added.size()));
+            added.push_back(name);
+        }
+    addDisk("sde", "5:0:1");  // no LUN: skipped
+    addDisk("md0", "6:0:0:0");  // not a SCSI disk name
+
+    QMX_OpenApiTraceFile();
+    sysfs_dev_t list{-1, nullptr};
+    int rc = readDevice(&list);
+    QMX_CloseApiTraceFile();
+    ASSERT_EQ(rc, 0);
+    ASSERT_EQ(list.list_num, 104);
+    EXPECT_STREQ(list.list[0].devname, "sda");
+    EXPECT_EQ(list.list[3].hostno, 4);
+    EXPECT_EQ(list.list[3].tid, 1);
+    EXPECT_EQ(list.list[3].lun, 1);
+    for (int i = 1; i < list.list_num; ++i)
+        ASSERT_LT(compDevice(&list.list[i - 1], &list.list[i]), 0) << list.list[i].devname;
+    // The last added name sorts first among the added ones.
+    EXPECT_EQ(std::string(list.list[4].devname), added.back());
+    EXPECT_EQ(list.list[4].hostno, 7);
+    EXPECT_EQ(list.list[4].tid, 99);
+    EXPECT_EQ(list.list[4].lun, 399);
+    std::free(list.list);
+    EXPECT_TRUE(frametest::contains(frametest::texts(),
+                                    "readDevice:/sys/block/sde/device invalid format 4"));
+}
+
+// The set of all open devices, with and without adapters.
+TEST(DeviceSet, OpensEveryPortAndTracesWhenThereIsNone) {
+    if (!frametest::inVirtualHost()) GTEST_SKIP() << "needs the virtual host (run through ctest)";
+    QMX_OpenApiTraceFile();
+    qmx_spfile *set = nullptr;
+    EXPECT_EQ(open_special_file(&set), 4);
+    ASSERT_NE(set, nullptr);
+    EXPECT_TRUE(spfileValid(set[3]));
+    EXPECT_NE(set[3].fd, -1);
+    EXPECT_FALSE(spfileValid(set[4]));
+    EXPECT_EQ(set[4].fd, -1);
+    close_special_file(set);
+
+    for (int n = 0; n < 4; ++n) unlink(("/dev/qmxldd" + std::to_string(n)).c_str());
+    set = nullptr;
+    EXPECT_EQ(open_special_file(&set), 0);
+    ASSERT_NE(set, nullptr);
+    for (int n = 0; n < kMaxPorts; ++n) ASSERT_EQ(set[n].fd, -1) << n;
+    close_special_file(set);
+    QMX_CloseApiTraceFile();
+    EXPECT_TRUE(frametest::contains(frametest::texts(), "no device special file (/dev/qmxlddx)"));
 }

@@ -6,41 +6,23 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
-#include <sstream>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "frame/frame.h"
+#include "frame_test_util.h"
 
 namespace {
 
-std::vector<std::string> traceTexts() {
-    std::ifstream in("/opt/kestrel/drivers/hba/qmxlibTrace.txt", std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    std::string all = s.str();
-    std::vector<std::string> out;
-    std::string pid = std::to_string(getpid()) + " ";
-    for (std::size_t i = 0; i + 121 <= all.size(); i += 121) {
-        std::string t = all.substr(i, 120);
-        t.erase(t.find_last_not_of(' ') + 1);
-        auto at = t.find(pid);
-        out.push_back(at == std::string::npos ? t : t.substr(at + pid.size()));
-    }
-    return out;
-}
+using frametest::contains;
 
-bool contains(const std::vector<std::string> &v, const std::string &s) {
-    for (const auto &x : v)
-        if (x == s) return true;
-    return false;
-}
+std::vector<std::string> traceTexts() { return frametest::texts(); }
 
 class LockTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (getenv("QMXSIM_STATE") == nullptr) GTEST_SKIP() << "needs the virtual host (run through ctest)";
+        if (!frametest::inVirtualHost()) GTEST_SKIP() << "needs the virtual host (run through ctest)";
         QMX_OpenApiTraceFile();
     }
     void TearDown() override {
@@ -167,6 +149,29 @@ TEST_F(LockTest, ExceptionsNeverLeaveTheFrame) {
     auto t = traceTexts();
     EXPECT_TRUE(contains(t, "malloc error"));
     EXPECT_EQ(t[t.size() - 2], "QMX_GetProbe ABEND");
+}
+
+TEST_F(LockTest, ThrowAfterTheClosingLineKeepsTheTracedOutcome) {
+    QMX_CloseApiTraceFile();
+    QMX_STATUS st = qmx::run("QMX_GetProbe", [&](qmx::Frame &f) -> QMX_STATUS {
+        f.ok();
+        throw std::bad_alloc();
+    });
+    EXPECT_EQ(st, 0);
+    EXPECT_EQ(QMX_LastErrorCode(), 0);
+    auto t = traceTexts();
+    EXPECT_FALSE(contains(t, "malloc error"));
+    EXPECT_FALSE(contains(t, "QMX_GetProbe ABEND"));
+    EXPECT_EQ(t[t.size() - 2], "QMX_GetProbe END");
+}
+
+TEST(VendorVersion, CallerWritesDoNotReachTheNextCaller) {
+    QMX_G_ERROR_CD = 9;
+    char *v = QMX_GetVendorAPIVersion();
+    EXPECT_STREQ(v, "06-02");
+    EXPECT_EQ(QMX_LastErrorCode(), 0);
+    std::strcpy(v, "xx-x");
+    EXPECT_STREQ(QMX_GetVendorAPIVersion(), "06-02");
 }
 
 }  // namespace

@@ -6,27 +6,43 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
-#include <sstream>
+#include <new>
 #include <string>
 #include <vector>
 
 #include "frame/frame.h"
+#include "frame_test_util.h"
+
+// Allocation failure on demand, for this test binary: while failNew is set,
+// operator new refuses blocks of 1 KiB and more.  (Small blocks still
+// succeed: the virtual host's own file redirection allocates a little.)
+namespace {
+bool failNew = false;
+}
+// Out of line, so that the compiler does not pair an inlined delete with
+// the new it cannot see is malloc-based.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+__attribute__((noinline)) void *operator new(std::size_t n) {
+    if (failNew && n >= 1024) throw std::bad_alloc();
+    if (void *p = std::malloc(n ? n : 1)) return p;
+    throw std::bad_alloc();
+}
+__attribute__((noinline)) void operator delete(void *p) noexcept { std::free(p); }
+__attribute__((noinline)) void operator delete(void *p, std::size_t) noexcept { std::free(p); }
+#pragma GCC diagnostic pop
 
 namespace {
+
+using frametest::slurp;
 
 std::string tracePath(const std::string &name) {
     struct stat st;
     if (stat("/opt/kestrel/drivers/hba", &st) == 0 && S_ISDIR(st.st_mode))
         return "/opt/kestrel/drivers/hba/" + name;
     return name;
-}
-
-std::string slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
 }
 
 // Each test writes its own trace file so that tests never share one.
@@ -43,23 +59,8 @@ protected:
         QMX_CloseApiTraceFile();
         unlink(path_.c_str());
     }
-    std::vector<std::string> lines() const {
-        std::string all = slurp(path_);
-        EXPECT_EQ(all.size() % 121, 0u) << "file is not made of 121-byte lines";
-        std::vector<std::string> out;
-        for (std::size_t i = 0; i + 121 <= all.size(); i += 121) {
-            EXPECT_EQ(all[i + 120], '\n');
-            out.push_back(all.substr(i, 120));
-        }
-        return out;
-    }
-    static std::string text(const std::string &line) {  // without stamp and pid, right-trimmed
-        std::string t = line;
-        t.erase(t.find_last_not_of(' ') + 1);
-        std::string prefix = std::to_string(getpid()) + " ";
-        auto at = t.find(prefix);
-        return at == std::string::npos ? t : t.substr(at + prefix.size());
-    }
+    std::vector<std::string> lines() const { return frametest::rawLines(path_); }
+    static std::string text(const std::string &line) { return frametest::text(line); }
     static void write(const std::string &msg) { QMX_WriteApiTraceFile(const_cast<char *>(msg.c_str())); }
 
     std::string name_, path_;
@@ -98,6 +99,21 @@ TEST_F(TraceRing, WrapsAfter4000LinesAndMarkerFollowsNewest) {
     EXPECT_EQ(text(l[1]), "next");
     EXPECT_EQ(text(l[2]), "EndLog");
     EXPECT_EQ(text(l[3]), "m4");
+}
+
+TEST_F(TraceRing, OpeningAnExistingFileNeedsNoHeapMemory) {
+    { qmx::Frame f("QMX_Probe"); f.ok(); }
+    failNew = true;
+    FILE *fp = QMX_OpenApiTraceFile();  // must neither throw nor fail
+    failNew = false;
+    ASSERT_NE(fp, nullptr);
+    EXPECT_EQ(QMX_G_TraceLineCnt, 2);
+    write("again");
+    QMX_CloseApiTraceFile();
+    auto l = lines();
+    ASSERT_EQ(l.size(), 4u);
+    EXPECT_EQ(text(l[2]), "again");
+    EXPECT_EQ(text(l[3]), "EndLog");
 }
 
 TEST_F(TraceRing, FileWithoutMarkerIsWrittenFromTheTop) {
