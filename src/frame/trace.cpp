@@ -67,9 +67,17 @@ long findMarker(FILE *fp, int *lines) {
     };
     std::size_t got;
     while ((got = std::fread(block, 1, sizeof block, fp)) > 0) {
-        for (std::size_t i = 0; i < got; ++i) {
-            pending[held++] = block[i];
-            if ((block[i] == '\n' || held == kScanChunk) && finishRead()) {
+        std::size_t i = 0;
+        while (i < got) {
+            // Take bytes up to the newline or until the read is full.
+            std::size_t room = kScanChunk - held;
+            std::size_t span = got - i < room ? got - i : room;
+            const void *nl = std::memchr(block + i, '\n', span);
+            std::size_t take = nl ? std::size_t(static_cast<const char *>(nl) - (block + i)) + 1 : span;
+            std::memcpy(pending + held, block + i, take);
+            held += take;
+            i += take;
+            if ((nl != nullptr || held == kScanChunk) && finishRead()) {
                 *lines = count;
                 return pos;
             }
