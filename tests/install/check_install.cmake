@@ -78,7 +78,8 @@ if(NOT rc EQUAL 0)
   message(FATAL_ERROR "pkg-config does not know qmxvlib")
 endif()
 separate_arguments(flags UNIX_COMMAND "${flags}")
-execute_process(COMMAND cc -std=c99 -Wall -Werror ${WORK_DIR}/consumer.c ${flags}
+separate_arguments(consumer_flags UNIX_COMMAND "${CONSUMER_FLAGS}")
+execute_process(COMMAND cc -std=c99 -Wall -Werror ${consumer_flags} ${WORK_DIR}/consumer.c ${flags}
                         -Wl,-rpath,${sonames} -o ${WORK_DIR}/pc_consumer RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "pkg-config consumer did not build")
@@ -99,7 +100,8 @@ add_executable(consumer ../consumer.c)
 target_link_libraries(consumer PRIVATE qmxvlib::qmxvlib)
 ]=])
 execute_process(COMMAND ${CMAKE_COMMAND} -S ${WORK_DIR}/cm -B ${WORK_DIR}/cm/build
-                        -DCMAKE_PREFIX_PATH=${prefix} RESULT_VARIABLE rc)
+                        -DCMAKE_PREFIX_PATH=${prefix} "-DCMAKE_C_FLAGS=${CONSUMER_FLAGS}"
+                        "-DCMAKE_EXE_LINKER_FLAGS=${CONSUMER_FLAGS}" RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "find_package(qmxvlib) failed")
 endif()
