@@ -75,7 +75,7 @@ const char *redirect(const char *path, std::string &buf) {
 
 // Files the scenario made unreadable ("$QMXSIM_STATE/unreadable", one path a
 // line): every process of the host is refused them with EACCES, root too.
-bool refused(const char *path) {
+bool refusedByList(const char *path) {
     if (path == nullptr || path[0] != '/') return false;
     const char *state = std::getenv("QMXSIM_STATE");
     if (state == nullptr || *state == '\0') return false;
@@ -102,6 +102,16 @@ bool refused(const char *path) {
     }
     std::string want = std::string("\n") + path + "\n";
     return ("\n" + cached).find(want) != std::string::npos;
+}
+
+// Called from replacements of C functions: nothing may escape as an
+// exception.  Without memory to read the list, the file is not refused.
+bool refused(const char *path) noexcept {
+    try {
+        return refusedByList(path);
+    } catch (...) {
+        return false;
+    }
 }
 
 // ---------------------------------------------------------------------------
