@@ -12,10 +12,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <string_view>
 
+#include "multipath/binding_tables.h"
 #include "qmxvlib.h"
 
 // ---------------------------------------------------------------------------
@@ -120,9 +122,14 @@ constexpr int kReadNoOpen = -2;    // the file could not be opened
 constexpr int kReadNoMemory = -3;  // allocation failed
 constexpr int kReadRefused = -4;   // too large to be a configuration file (code 9)
 
-// Largest number of item slots and of bytes a configuration file may have;
-// the writer keeps real files far below both.
-constexpr int kMaxKeySlots = 132000;
+// Largest number of item slots and of bytes a configuration file may have.
+// A file written in binding mode holds one item per binding record and per
+// adapter record of full tables (BINDMAX + HADAPTMAX) next to the other
+// items, which plain-mode writes keep under 200000 bytes (at least 4 bytes
+// an item); both bounds lie above that.  Every slot costs one util_para, so
+// a longer line is refused rather than allocated.
+constexpr int kMaxKeySlots = 262144;
+static_assert(kMaxKeySlots >= BINDMAX + HADAPTMAX + 200000 / 4);
 constexpr long kMaxConfBytes = 16L * 1024 * 1024;
 
 // Parses the first line of `text` (up to a newline, a NUL or `len`).
@@ -169,6 +176,25 @@ void copyModulesConf(const ConfStore &store) noexcept;
 // undefined behaviour on overflow.
 int atoiText(const char *s) noexcept;
 int atoiText(std::string_view s) noexcept;
+
+// A WWN as the configuration file writes it: "0x" and 16 lower-case
+// hexadecimal digits, byte 0 first.
+struct WwnText {
+    char text[19];
+};
+inline WwnText wwnText(const QMX_WWN &w) noexcept {
+    WwnText t;
+    std::snprintf(t.text, sizeof t.text, "0x%02x%02x%02x%02x%02x%02x%02x%02x", w.wwn[0], w.wwn[1],
+                  w.wwn[2], w.wwn[3], w.wwn[4], w.wwn[5], w.wwn[6], w.wwn[7]);
+    return t;
+}
+
+// Closes a stdio stream held in a std::unique_ptr.
+struct FileCloser {
+    void operator()(FILE *fp) const noexcept {
+        if (fp != nullptr) std::fclose(fp);
+    }
+};
 
 // The key and the value of an item, never read past their fields.
 inline std::string_view keyOf(const util_para &p) noexcept {

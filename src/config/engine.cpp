@@ -58,13 +58,6 @@ int portNumberOf(int index) {
     return qmx::atoiText(name.substr(at + 6));
 }
 
-std::string wwnText(const QMX_WWN &w) {
-    char buf[24];
-    std::snprintf(buf, sizeof buf, "0x%02x%02x%02x%02x%02x%02x%02x%02x", w.wwn[0], w.wwn[1],
-                  w.wwn[2], w.wwn[3], w.wwn[4], w.wwn[5], w.wwn[6], w.wwn[7]);
-    return buf;
-}
-
 // Key forms.  With a sub-index, Get appends it only for "_retry_cnt" while
 // Set appends it for every suffix; no caller passes another suffix with a
 // sub-index, and both forms are kept as they are.
@@ -223,16 +216,12 @@ int setUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key
             // A port's first item: tie its number to its WWN first.
             if (!adapterPresent) {
                 copyText(add[addCount].keyword, adapterKey);
-                copyText(add[addCount].value, wwnText(wwn));
+                copyText(add[addCount].value, wwnText(wwn).text);
                 ++addCount;
             }
-            char k[512];
-            std::string sfx(suffix);
-            if (erId != -1)
-                std::snprintf(k, sizeof k, "qmx%d%s%d", port, sfx.c_str(), erId);
-            else
-                std::snprintf(k, sizeof k, "qmx%d%s", port, sfx.c_str());
-            copyText(add[addCount].keyword, k);
+            // The key formed above: "qmx<N><suffix>", with the sub-index
+            // appended when there is one.
+            copyText(add[addCount].keyword, key);
             formatValue(enc, setval, add[addCount].value, sizeof add[addCount].value);
             ++addCount;
         }

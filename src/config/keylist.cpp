@@ -170,9 +170,8 @@ bool isAdapterKey(std::string_view key) {
 
 int QMX_SearchInKeylist(QMX_WWN wwn, util_para *key_list, int list_max, int *maxadapnum) {
     qmx::trace("QMX_SearchInKeylist START");
-    char text[24];
-    std::snprintf(text, sizeof text, "0x%02x%02x%02x%02x%02x%02x%02x%02x", wwn.wwn[0], wwn.wwn[1],
-                  wwn.wwn[2], wwn.wwn[3], wwn.wwn[4], wwn.wwn[5], wwn.wwn[6], wwn.wwn[7]);
+    const qmx::WwnText wanted = qmx::wwnText(wwn);
+    const std::string_view text(wanted.text);
     if (key_list == nullptr || list_max <= 0) {
         if (maxadapnum != nullptr) *maxadapnum = 0;
         qmx::trace("QMX_SearchInKeylist ABEND");

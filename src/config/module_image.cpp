@@ -14,10 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "config/config.h"
 #include "frame/frame.h"
@@ -70,15 +68,10 @@ long readAt(int fd, char *buf, size_t want, off_t off) {
 void freeTable(Type_tbl *tbl) {
     if (tbl == nullptr) return;
     std::free(tbl->data);
-    delete tbl;
+    std::free(tbl);
 }
 
-struct FileCloser {
-    void operator()(FILE *fp) const noexcept {
-        if (fp != nullptr) std::fclose(fp);
-    }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
+using FilePtr = std::unique_ptr<FILE, qmx::FileCloser>;
 
 bool releaseName(struct utsname *un) { return uname(un) == 0; }
 
@@ -154,9 +147,11 @@ int find_table(int fd) {
         qmx::trace("not found DESCRIPTION_NAME!");
         return -1;
     }
-    auto *tbl = new (std::nothrow) Type_tbl{};
+    // A plain C record, allocated and released with the C allocator like
+    // its data.
+    auto *tbl = static_cast<Type_tbl *>(std::calloc(1, sizeof(Type_tbl)));
     if (tbl == nullptr) {
-        qmx::sysError("malloc", ENOMEM);
+        qmx::sysError("malloc", errno);
         return -1;
     }
     tbl->offset = off_t(off);
@@ -249,8 +244,16 @@ int writeConfigFrom(const char *confPath, Type_tbl *tbl, int fd) noexcept {
         trace("conf file size is too big!");
         return abend();
     }
-    std::vector<char> text(size_t(st.st_size));
-    if (!text.empty() && std::fread(text.data(), 1, text.size(), fp.get()) != text.size()) {
+    // The text is read into a buffer of its own: the table check below
+    // reads the area again before it is changed.
+    std::unique_ptr<char, decltype(&std::free)> text(
+        static_cast<char *>(std::malloc(size_t(st.st_size) + 1)), &std::free);
+    if (!text) {
+        sysError("malloc", errno);
+        return abend();
+    }
+    const size_t textSize = size_t(st.st_size);
+    if (textSize != 0 && std::fread(text.get(), 1, textSize, fp.get()) != textSize) {
         sysError("fread", errno);
         return abend();
     }
@@ -261,7 +264,7 @@ int writeConfigFrom(const char *confPath, Type_tbl *tbl, int fd) noexcept {
         nullptr)
         return abend();
     std::memset(tbl->data + at, 0, kConfigValueSize);
-    if (!text.empty()) std::memcpy(tbl->data + at, text.data(), text.size());
+    if (textSize != 0) std::memcpy(tbl->data + at, text.get(), textSize);
     size_t done = 0;
     while (done < size_t(kTableAreaSize)) {
         ssize_t w = pwrite(fd, tbl->data + done, size_t(kTableAreaSize) - done,
@@ -405,6 +408,10 @@ int readModulesConf(const ConfStore &store, util_para *list, int cap) noexcept {
     return end(0);
 }
 
+// Puts the part before the options block back as the module options file.
+// Nothing more is appended: the configuration reaches the driver through the
+// module image, which the configuration file writer refreshes after every
+// write (qmx_mpcfg); the writer does not rebuild the module options file.
 void copyModulesConf(const ConfStore &store) noexcept {
     FilePtr in(QMX_fopen(const_cast<char *>(store.modTmp1), const_cast<char *>("r")));
     if (!in) return;

@@ -148,8 +148,9 @@ void clearTables() {
     isolateNext = 0;
     // Only the first 9216 bytes of retry_cnt (port 0, entries 0 to 255) are
     // cleared: entries beyond them keep what an earlier write of the same
-    // process stored there.  The writer has always behaved so, and files
-    // written by a long-running manager depend on it.
+    // process stored there and are written again.  This is the writer's
+    // established behaviour and is kept as it is; a process that removes a
+    // retry count of another port sees it come back at its next write.
     static_assert(9216 == 256 * sizeof(__HBAKEY));
     std::memset(retry_cnt, 0, 9216);
     for (int w = 0; w < 256 / 64; ++w) retryBits[0][w] = 0;
@@ -365,11 +366,6 @@ void writeBindingTables(std::string &out) {
 
 int clampCount(const util_para *list, int n) { return list == nullptr || n < 0 ? 0 : n; }
 
-struct FileCloser {
-    void operator()(FILE *fp) const noexcept {
-        if (fp != nullptr) std::fclose(fp);
-    }
-};
 
 }  // namespace
 
@@ -501,7 +497,7 @@ int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
         }
         // Opened without truncating: the old text stays in place while the
         // new one is built.
-        std::unique_ptr<FILE, FileCloser> fp(
+        std::unique_ptr<FILE, qmx::FileCloser> fp(
             QMX_fopen(const_cast<char *>(store.conf), const_cast<char *>("r+")));
         if (!fp) return abend();
 

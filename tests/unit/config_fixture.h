@@ -69,12 +69,14 @@ inline std::string tableArea(const std::string &text = "") {
 constexpr std::size_t kEntryAt[6] = {0, 96, 192, 4368, 8544, 208612};
 constexpr std::size_t kConfigText = 8544 + 68;
 
+// Retry counts of earlier writes in this process stay in their table by
+// design; each test starts from an empty one.
+inline void clearRetryTable() { std::memset(retry_cnt, 0, sizeof retry_cnt); }
+
 class ConfTree : public ::testing::Test {
 protected:
     void SetUp() override {
-        // Retry counts of earlier writes in this process stay in their table
-        // by design; each test starts from an empty one.
-        std::memset(retry_cnt, 0, sizeof retry_cnt);
+        clearRetryTable();
         char tmpl[] = "/tmp/qmxcfg-XXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         root_ = tmpl;

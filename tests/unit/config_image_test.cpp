@@ -251,6 +251,13 @@ TEST_F(ModOptions, MissingFileEndsWithEnd) {
 }
 
 TEST_F(ModOptions, MoreOptionsThanRecordsAreRefused) {
+    // Every driver-wide parameter of the driver fits on one options line.
+    std::string all = "options qmxldd";
+    for (int i = 0; i < 45; ++i) all += " qmx_p" + std::to_string(i) + "=" + std::to_string(i);
+    spit(modprobe_, all + "\n");
+    ASSERT_EQ(read(), 0);
+    EXPECT_STREQ(list_[44].keyword, "qmx_p44");
+    EXPECT_STREQ(list_[44].value, "44\n");
     std::string line = "options qmxldd";
     for (int i = 0; i < QMX_MODULES_CONF_ITEMS + 1; ++i) line += " o" + std::to_string(i) + "=1";
     spit(modprobe_, line + "\n");

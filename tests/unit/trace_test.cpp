@@ -8,31 +8,12 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <new>
 #include <string>
 #include <vector>
 
 #include "frame/frame.h"
 #include "frame_test_util.h"
 
-// Allocation failure on demand, for this test binary: while failNew is set,
-// operator new refuses blocks of 1 KiB and more.  (Small blocks still
-// succeed: the virtual host's own file redirection allocates a little.)
-namespace {
-bool failNew = false;
-}
-// Out of line, so that the compiler does not pair an inlined delete with
-// the new it cannot see is malloc-based.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-__attribute__((noinline)) void *operator new(std::size_t n) {
-    if (failNew && n >= 1024) throw std::bad_alloc();
-    if (void *p = std::malloc(n ? n : 1)) return p;
-    throw std::bad_alloc();
-}
-__attribute__((noinline)) void operator delete(void *p) noexcept { std::free(p); }
-__attribute__((noinline)) void operator delete(void *p, std::size_t) noexcept { std::free(p); }
-#pragma GCC diagnostic pop
 
 namespace {
 
@@ -99,21 +80,6 @@ TEST_F(TraceRing, WrapsAfter4000LinesAndMarkerFollowsNewest) {
     EXPECT_EQ(text(l[1]), "next");
     EXPECT_EQ(text(l[2]), "EndLog");
     EXPECT_EQ(text(l[3]), "m4");
-}
-
-TEST_F(TraceRing, OpeningAnExistingFileNeedsNoHeapMemory) {
-    { qmx::Frame f("QMX_Probe"); f.ok(); }
-    failNew = true;
-    FILE *fp = QMX_OpenApiTraceFile();  // must neither throw nor fail
-    failNew = false;
-    ASSERT_NE(fp, nullptr);
-    EXPECT_EQ(QMX_G_TraceLineCnt, 2);
-    write("again");
-    QMX_CloseApiTraceFile();
-    auto l = lines();
-    ASSERT_EQ(l.size(), 4u);
-    EXPECT_EQ(text(l[2]), "again");
-    EXPECT_EQ(text(l[3]), "EndLog");
 }
 
 TEST_F(TraceRing, FileWithoutMarkerIsWrittenFromTheTop) {
