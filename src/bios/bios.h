@@ -117,6 +117,11 @@ int qmx_ExecQmxbios(int ind, int option, qmx_bios_param *param);
 // QMX_G_BootPriority.  0 / -1.
 int qmx_GetQmxbiosInfo(int ind);
 
+// The low byte of decoded listing entry `index` (QMX_CFG_*): 1 enabled, 2
+// disabled for the on/off entries, 255 while no listing has shown the line.
+// Indexes outside the list read 255.
+uint8_t qmx_CfgListByte(int index) noexcept;
+
 // One listing line (always 0).
 int qmx_CfgAnalyze(char *buf);
 // One titled line into entry ind.  0 / -1 ("unknown format", code 10).

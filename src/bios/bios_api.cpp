@@ -16,7 +16,7 @@ QMX_STATUS getListed(const char *name, QMX_WWN wwn, QMX_UINT32 *out, const char 
         if (ind < 0) return f.fail();
         if (!f.out(out, arg, " == NULL")) return f.fail();
         if (qmx_GetQmxbiosInfo(ind) != 0) return f.fail();
-        *out = QMX_UINT32(QMX_G_CfgList[entry].param_val & 0xFF);
+        *out = qmx_CfgListByte(entry);
         return f.ok();
     });
 }

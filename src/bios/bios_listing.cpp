@@ -63,6 +63,11 @@ void hexText(char (&dst)[kLineMax + 2], const char *hex) {
 
 }  // namespace
 
+uint8_t qmx_CfgListByte(int index) noexcept {
+    if (index < 0 || index >= kCfgListEntries) return 0xFF;
+    return uint8_t(QMX_G_CfgList[index].param_val & 0xFFu);
+}
+
 int qmx_CfgLineAnalyze(char *buf, int ind) {
     qmx::trace("qmx_CfgLineAnalyze START");
     char *colon = buf != nullptr ? std::strchr(buf, ':') : nullptr;

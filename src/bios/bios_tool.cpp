@@ -61,7 +61,7 @@ std::string deviceName(int ind) {
 
 bool toolDirExists() {
     struct stat st;
-    return stat(kToolDir, &st) == 0 && (st.st_mode & 0x4000) != 0;
+    return stat(kToolDir, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 // Bounded formatting into a command buffer.  A text that does not fit is
@@ -73,6 +73,13 @@ bool fmt(CmdBuf &buf, const char *f, ...) {
     int n = std::vsnprintf(buf, kCmdLen, f, ap);
     va_end(ap);
     return n >= 0 && std::size_t(n) < kCmdLen;
+}
+
+// A WWN as the tool takes it: 16 lowercase hexadecimal digits, byte 0 first.
+using WwnHex = char[17];
+void wwnHex(const uint8_t (&w)[8], WwnHex &hex) {
+    std::snprintf(hex, sizeof hex, "%02x%02x%02x%02x%02x%02x%02x%02x", w[0], w[1], w[2], w[3],
+                  w[4], w[5], w[6], w[7]);
 }
 
 // A refusal while building the command: the message is traced and the
@@ -187,10 +194,8 @@ const Refusal *buildArgs(CmdBuf &args, int ind, int option, const qmx_bios_param
             }
             break;
         case QMXBIOS_OPT_WWN_OF_HBA: {
-            const uint8_t *w = p->addwwn.wwn;
-            char hex[17];
-            std::snprintf(hex, sizeof hex, "%02x%02x%02x%02x%02x%02x%02x%02x", w[0], w[1], w[2],
-                          w[3], w[4], w[5], w[6], w[7]);
+            WwnHex hex;
+            wwnHex(p->addwwn.wwn, hex);
             fits = fmt(args, "-x -d %s -p %s=%s", d, word, hex);
             break;
         }
@@ -248,10 +253,8 @@ int shell(const char *cmd) {
 int runBootRows(int ind, int option, const qmx_bios_param *p, int *status) {
     std::string dev = deviceName(ind);
     for (int row = 0; row < kBootPriorityRows; ++row) {
-        const uint8_t *w = p->boot_pri[row].wwn;
-        char hex[17];
-        std::snprintf(hex, sizeof hex, "%02x%02x%02x%02x%02x%02x%02x%02x", w[0], w[1], w[2], w[3],
-                      w[4], w[5], w[6], w[7]);
+        WwnHex hex;
+        wwnHex(p->boot_pri[row].wwn, hex);
         CmdBuf args, cmd;
         if (!fmt(args, "-x -d %s -p %s=%d,%s,%04x", dev.c_str(), optionName[option], row + 1, hex,
                  unsigned(p->boot_pri[row].lun)) ||

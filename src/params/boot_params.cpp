@@ -13,23 +13,6 @@ using namespace qmx::params;
 
 namespace {
 
-// The port information record; a failure traces the request and the
-// call's own "Error" line (getters) or the channel's (setters).
-bool portInfo(qmx::Frame &f, QMX_WWN wwn, int ind, qmx_ioctl_proc_info *rec, bool setter) {
-    std::memset(rec, 0, sizeof *rec);
-    if (QMX_CallDriver(wwn, ind, int(IOCTL_QMX_SC_PRINFO), rec) == 0) return true;
-    if (setter) {
-        qmx::trace("IOCTL_QMX_SC_PRINFO");
-        qmx::trace("QMX_CallDriver Error");
-    } else {
-        f.requestFailed("IOCTL_QMX_SC_PRINFO");
-    }
-    return false;
-}
-
-// The low byte of a decoded setting of the BIOS tool's configuration listing.
-uint8_t listingByte(int index) { return uint8_t(QMX_G_CfgList[index].param_val & 0xFFu); }
-
 // Login delay in the EFI option area: bit 7 marks a value as set.
 constexpr uint8_t kEfiLoginDelaySet = 0x80;
 constexpr uint32_t kLoginDelayNotSet = 255;
@@ -42,21 +25,18 @@ QMX_STATUS QMX_GetLoginDelayTime(QMX_WWN wwn, QMX_UINT32 *C_delaytime, QMX_UINT3
         int ind = f.port(wwn);
         if (ind < 0) return f.fail();
         if (!f.out(C_delaytime, p.cArg, p.cNull)) return f.fail();
-        *C_delaytime = QMX_UINT32(p.initC);
         if (!f.out(S_delaytime, p.sArg, p.sNull)) return f.fail();
-        *S_delaytime = QMX_UINT32(p.initS);
         qmx_ioctl_proc_info rec;
-        if (!portInfo(f, wwn, ind, &rec, false)) return f.fail();
+        if (!queryPortInfo(f, wwn, ind, &rec, QueryTrace::Call)) return f.fail();
         *C_delaytime = rec.login_delay;
-        if (rec.mlpf_mode & kMlpfPartitioned) {
-            qmx::tracef("%s (MMIO-HG)", p.getName);
-            unsigned char opt = 0;
-            if (qmx_EFIDrvOption(ind, &opt, 0, kEfiOptLoginDelay) != 0) return f.fail();
-            *S_delaytime = (opt & kEfiLoginDelaySet) ? QMX_UINT32(opt & 0x7F) : kLoginDelayNotSet;
-        } else {
-            if (qmx_GetQmxbiosInfo(ind) != 0) return f.fail();
-            *S_delaytime = listingByte(QMX_CFG_LOGIN_DELAY);
-        }
+        uint8_t v = 0;
+        bool efi = false;
+        if (!readBootSetting(f, ind, rec, kEfiOptLoginDelay, QMX_CFG_LOGIN_DELAY, &v, &efi))
+            return f.fail();
+        if (efi)
+            *S_delaytime = (v & kEfiLoginDelaySet) ? QMX_UINT32(v & 0x7F) : kLoginDelayNotSet;
+        else
+            *S_delaytime = v;  // 255: the tool's default
         return f.ok();
     });
 }
@@ -73,18 +53,13 @@ QMX_STATUS QMX_SetLoginDelayTime(QMX_WWN wwn, QMX_UINT32 delaytime, int del) {
             if (!accepts(p.range, int64_t(delaytime))) return f.invalid(p.word);
             value = int(delaytime);
         }
-        qmx_ioctl_proc_info rec;
-        if (!portInfo(f, wwn, ind, &rec, true)) return f.fail();
-        if (rec.mlpf_mode & kMlpfPartitioned) {
-            qmx::tracef("%s (MMIO-HG)", p.setName);
-            unsigned char opt = del == 0 ? uint8_t(uint8_t(value) | kEfiLoginDelaySet) : 0;
-            if (qmx_EFIDrvOption(ind, &opt, 1, kEfiOptLoginDelay) != 0) return f.fail();
-            return f.ok();
-        }
-        qmx_bios_param bp{};
-        bp.login_delay = value;
-        if (qmx_ExecQmxbios(ind, QMXBIOS_OPT_LOGIN_DELAY, &bp) != 0) return f.fail();
-        return f.ok();
+        // Every partitioned port, shared or dedicated, keeps it in the option
+        // area.
+        BootWrite w{kEfiOptLoginDelay,
+                    uint8_t(del == 0 ? (uint8_t(value) | kEfiLoginDelaySet) : 0), false,
+                    QMXBIOS_OPT_LOGIN_DELAY, qmx_bios_param{}};
+        w.bp.login_delay = value;
+        return writeBootSetting(f, wwn, ind, w);
     });
 }
 
@@ -94,16 +69,15 @@ QMX_STATUS QMX_GetSpinupDelay(QMX_WWN wwn, QMX_SPINUP *C_spinupdelay, QMX_SPINUP
         int ind = f.port(wwn);
         if (ind < 0) return f.fail();
         if (!f.out(C_spinupdelay, p.cArg, p.cNull)) return f.fail();
-        *C_spinupdelay = QMX_SPINUP(p.initC);
         if (!f.out(S_spinupdelay, p.sArg, p.sNull)) return f.fail();
-        *S_spinupdelay = QMX_SPINUP(p.initS);
         qmx_ioctl_proc_info rec;
-        if (!portInfo(f, wwn, ind, &rec, false)) return f.fail();
+        if (!queryPortInfo(f, wwn, ind, &rec, QueryTrace::Call)) return f.fail();
         int64_t cur = 0;
         currentFrom(p, reinterpret_cast<const unsigned char *>(&rec), sizeof rec, &cur);
         *C_spinupdelay = QMX_SPINUP(cur);
+        // Only the BIOS tool keeps the spin-up delay, partitioned or not.
         if (qmx_GetQmxbiosInfo(ind) != 0) return f.fail();
-        *S_spinupdelay = listingByte(QMX_CFG_SPINUP_DELAY);
+        *S_spinupdelay = qmx_CfgListByte(QMX_CFG_SPINUP_DELAY);
         return f.ok();
     });
 }

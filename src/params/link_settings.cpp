@@ -5,6 +5,9 @@
 // Connection type and port speed live in the adapter's boot firmware: the
 // BIOS tool serves ports that are not partitioned; partitioned ports keep
 // them in the EFI driver option area, which only a dedicated port may change.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -36,51 +39,65 @@ bool portSpeedValid(uint8_t speed) noexcept {
     return false;
 }
 
+bool queryPortInfo(Frame &f, QMX_WWN wwn, int ind, qmx_ioctl_proc_info *rec,
+                   QueryTrace how) noexcept {
+    std::memset(rec, 0, sizeof *rec);
+    if (QMX_CallDriver(wwn, ind, int(IOCTL_QMX_SC_PRINFO), rec) == 0) return true;
+    if (how == QueryTrace::Call) {
+        f.requestFailed("IOCTL_QMX_SC_PRINFO");
+    } else {
+        trace("IOCTL_QMX_SC_PRINFO");
+        trace("QMX_CallDriver Error");
+    }
+    return false;
+}
+
+bool readBootSetting(Frame &f, int ind, const qmx_ioctl_proc_info &rec, int efiOffset,
+                     int cfgIndex, uint8_t *value, bool *fromEfi) noexcept {
+    *fromEfi = (rec.mlpf_mode & kMlpfPartitioned) != 0;
+    if (*fromEfi) {
+        tracef("%s (MMIO-HG)", f.name());
+        unsigned char opt = 0;
+        if (qmx_EFIDrvOption(ind, &opt, 0, efiOffset) != 0) return false;
+        *value = opt;
+        return true;
+    }
+    if (qmx_GetQmxbiosInfo(ind) != 0) return false;
+    *value = qmx_CfgListByte(cfgIndex);
+    return true;
+}
+
+QMX_STATUS writeBootSetting(Frame &f, QMX_WWN wwn, int ind, BootWrite w) noexcept {
+    qmx_ioctl_proc_info rec;
+    if (!queryPortInfo(f, wwn, ind, &rec, QueryTrace::Channel)) return f.fail();
+    switch (mlpfClass(rec.mlpf_mode)) {
+    case 0:
+        if (qmx_ExecQmxbios(ind, w.biosOption, &w.bp) != 0) return f.fail();
+        return f.ok();
+    case 1:
+        if (w.dedicatedOnly) {
+            char msg[96];
+            std::snprintf(msg, sizeof msg, "%s Not Support Shared FC mode", f.name());
+            return f.invalid(msg, "");
+        }
+        tracef("%s (MMIO-HG)", f.name());
+        break;
+    default:
+        if (w.dedicatedOnly)
+            tracef("%s (MMIO-HG Dedicate)", f.name());
+        else
+            tracef("%s (MMIO-HG)", f.name());
+        break;
+    }
+    if (qmx_EFIDrvOption(ind, &w.efiValue, 1, w.efiOffset) != 0) return f.fail();
+    return f.ok();
+}
+
 }  // namespace qmx::params
 
 using namespace qmx::params;
 
 namespace {
-
-// The port information record, zeroed first.
-bool portInfo(QMX_WWN wwn, int ind, qmx_ioctl_proc_info *rec) {
-    std::memset(rec, 0, sizeof *rec);
-    return QMX_CallDriver(wwn, ind, int(IOCTL_QMX_SC_PRINFO), rec) == 0;
-}
-
-// Setters report a failed port information query under the channel's name.
-void setterQueryFailed() {
-    qmx::trace("IOCTL_QMX_SC_PRINFO");
-    qmx::trace("QMX_CallDriver Error");
-}
-
-uint8_t listingByte(int index) { return uint8_t(QMX_G_CfgList[index].param_val & 0xFFu); }
-
-// Writes a link setting into the adapter's boot firmware: through the BIOS
-// tool for a port that is not partitioned, into the EFI option area for a
-// dedicated partition; a shared partition may not change it.
-QMX_STATUS setLinkSetting(qmx::Frame &f, QMX_WWN wwn, int ind, unsigned char efiValue, int efiOffset,
-                          int biosOption, qmx_bios_param bp) {
-    qmx_ioctl_proc_info rec;
-    if (!portInfo(wwn, ind, &rec)) {
-        setterQueryFailed();
-        return f.fail();
-    }
-    switch (mlpfClass(rec.mlpf_mode)) {
-    case 1: {
-        char msg[96];
-        std::snprintf(msg, sizeof msg, "%s Not Support Shared FC mode", f.name());
-        return f.invalid(msg, "");
-    }
-    case 2:
-        qmx::tracef("%s (MMIO-HG Dedicate)", f.name());
-        if (qmx_EFIDrvOption(ind, &efiValue, 1, efiOffset) != 0) return f.fail();
-        return f.ok();
-    default:
-        if (qmx_ExecQmxbios(ind, biosOption, &bp) != 0) return f.fail();
-        return f.ok();
-    }
-}
 
 constexpr const char *kConfFile = "/etc/qmxldd.conf";
 // The driver's sysfs attribute takes the file in one write of less than a page.
@@ -96,20 +113,13 @@ QMX_STATUS QMX_GetConnectionType(QMX_WWN wwn, QMX_UINT8 *C_ConnectionType,
         if (!f.out(C_ConnectionType, "C_ConnectionType", " == NULL")) return f.fail();
         if (!f.out(S_ConnectionType, "S_ConnectionType", " == NULL")) return f.fail();
         qmx_ioctl_proc_info rec;
-        if (!portInfo(wwn, ind, &rec)) {
-            f.requestFailed("IOCTL_QMX_SC_PRINFO");
+        if (!queryPortInfo(f, wwn, ind, &rec, QueryTrace::Call)) return f.fail();
+        *C_ConnectionType = rec.connection_type;  // as the driver reports it, unmapped
+        uint8_t v = 0;
+        bool efi = false;
+        if (!readBootSetting(f, ind, rec, kEfiOptConnectType, QMX_CFG_CONNECTION_TYPE, &v, &efi))
             return f.fail();
-        }
-        *C_ConnectionType = rec.connection_type;
-        if (rec.mlpf_mode & kMlpfPartitioned) {
-            qmx::trace("QMX_GetConnectionType (MMIO-HG)");
-            unsigned char opt = 0;
-            if (qmx_EFIDrvOption(ind, &opt, 0, kEfiOptConnectType) != 0) return f.fail();
-            *S_ConnectionType = connectionTypeFromEfi(opt);
-        } else {
-            if (qmx_GetQmxbiosInfo(ind) != 0) return f.fail();
-            *S_ConnectionType = listingByte(QMX_CFG_CONNECTION_TYPE);
-        }
+        *S_ConnectionType = efi ? connectionTypeFromEfi(v) : v;
         return f.ok();
     });
 }
@@ -122,10 +132,10 @@ QMX_STATUS QMX_SetConnectionType(QMX_WWN wwn, QMX_UINT8 ConnectionType) {
         int ind = f.port(wwn);
         if (ind < 0) return f.fail();
         if (ConnectionType < 1 || ConnectionType > 3) return f.invalid("Connection type value error", "");
-        qmx_bios_param bp{};
-        bp.connect_type = ConnectionType;
-        return setLinkSetting(f, wwn, ind, connectionTypeToEfi(ConnectionType), kEfiOptConnectType,
-                              QMXBIOS_OPT_CONNECTION_TYPE, bp);
+        BootWrite w{kEfiOptConnectType, connectionTypeToEfi(ConnectionType), true,
+                    QMXBIOS_OPT_CONNECTION_TYPE, qmx_bios_param{}};
+        w.bp.connect_type = ConnectionType;
+        return writeBootSetting(f, wwn, ind, w);
     });
 }
 
@@ -136,18 +146,12 @@ QMX_STATUS QMX_GetPortSpeed(QMX_WWN wwn, QMX_UINT8 *C_portspeed, QMX_UINT8 *S_po
         if (!f.out(C_portspeed, "C_portspeed")) return f.fail();
         if (!f.out(S_portspeed, "S_portspeed")) return f.fail();
         qmx_ioctl_proc_info rec;
-        if (!portInfo(wwn, ind, &rec)) {
-            f.requestFailed("IOCTL_QMX_SC_PRINFO");
-            return f.fail();
-        }
+        if (!queryPortInfo(f, wwn, ind, &rec, QueryTrace::Call)) return f.fail();
         *C_portspeed = portSpeedFromRate(rec.max_data_rate);
-        if (rec.mlpf_mode & kMlpfPartitioned) {
-            qmx::trace("QMX_GetPortSpeed (MMIO-HG)");
-            if (qmx_EFIDrvOption(ind, S_portspeed, 0, kEfiOptDataRate) != 0) return f.fail();
-        } else {
-            if (qmx_GetQmxbiosInfo(ind) != 0) return f.fail();
-            *S_portspeed = listingByte(QMX_CFG_DATA_RATE);
-        }
+        // The option byte holds the API value itself, as the listing does.
+        bool efi = false;
+        if (!readBootSetting(f, ind, rec, kEfiOptDataRate, QMX_CFG_DATA_RATE, S_portspeed, &efi))
+            return f.fail();
         return f.ok();
     });
 }
@@ -157,9 +161,9 @@ QMX_STATUS QMX_SetPortSpeed(QMX_WWN wwn, QMX_UINT8 portspeed) {
         int ind = f.port(wwn);
         if (ind < 0) return f.fail();
         if (!portSpeedValid(portspeed)) return f.invalid("portspeed");
-        qmx_bios_param bp{};
-        bp.data_rate = portspeed;
-        return setLinkSetting(f, wwn, ind, portspeed, kEfiOptDataRate, QMXBIOS_OPT_DATA_RATE, bp);
+        BootWrite w{kEfiOptDataRate, portspeed, true, QMXBIOS_OPT_DATA_RATE, qmx_bios_param{}};
+        w.bp.data_rate = portspeed;
+        return writeBootSetting(f, wwn, ind, w);
     });
 }
 
@@ -169,10 +173,7 @@ QMX_STATUS QMX_GetProcInfo(QMX_WWN wwn, QMX_PROC_INFO *proc_info) {
         if (ind < 0) return f.fail();
         if (!f.notNull(proc_info, "proc_info")) return f.fail();
         qmx_ioctl_proc_info rec;
-        if (!portInfo(wwn, ind, &rec)) {
-            f.requestFailed("IOCTL_QMX_SC_PRINFO");
-            return f.fail();
-        }
+        if (!queryPortInfo(f, wwn, ind, &rec, QueryTrace::Call)) return f.fail();
         // host_no is left as the caller set it.
         proc_info->vender_id = rec.vender_id;
         proc_info->device_id = rec.device_id;
@@ -198,10 +199,7 @@ int QMX_JudgeMlpfMode(QMX_WWN wwn) {
         int ind = f.port(wwn);
         if (ind < 0) return f.fail();
         qmx_ioctl_proc_info rec;
-        if (!portInfo(wwn, ind, &rec)) {
-            f.requestFailed("IOCTL_QMX_SC_PRINFO");
-            return f.fail();
-        }
+        if (!queryPortInfo(f, wwn, ind, &rec, QueryTrace::Call)) return f.fail();
         result = mlpfClass(rec.mlpf_mode);
         return f.ok();
     });
@@ -213,10 +211,7 @@ int QMX_SysFsFileCopy(QMX_WWN wwn) {
         int ind = f.port(wwn);
         if (ind < 0) return f.fail();
         qmx_ioctl_proc_info rec;
-        if (!portInfo(wwn, ind, &rec)) {
-            f.requestFailed("IOCTL_QMX_SC_PRINFO");
-            return f.fail();
-        }
+        if (!queryPortInfo(f, wwn, ind, &rec, QueryTrace::Call)) return f.fail();
         FILE *in = std::fopen(kConfFile, "r");
         if (in == nullptr) {
             qmx::sysError("qmxldd.conf open", errno);
@@ -239,8 +234,13 @@ int QMX_SysFsFileCopy(QMX_WWN wwn) {
         char path[96];
         std::snprintf(path, sizeof path, "/sys/class/scsi_host/host%d/qmxldd_conf",
                       int(rec.host_no));
-        FILE *out = std::fopen(path, "w");
-        if (out == nullptr) {
+        // The attribute takes the file in exactly one write(2): a stream
+        // would write again from its buffer when closed after a refused
+        // write.
+        int out = open(path, O_WRONLY | O_TRUNC | O_CLOEXEC);
+        if (out < 0) {
+            // The attribute's path goes to the trace (it names the host the
+            // driver registered); the failure itself to the system log.
             int err = errno;
             qmx::trace(path);
             qmx::sysError("sysfs open", err);
@@ -257,15 +257,13 @@ int QMX_SysFsFileCopy(QMX_WWN wwn) {
             qmx::sysError("fread", errno);
             good = false;
         }
-        // One write: the stream's buffer holds the whole file, and the flush
-        // below hands it to the attribute at once, reporting its answer.
-        if (good && (std::fwrite(buf, 1, n, out) != n || std::fflush(out) != 0)) {
+        if (good && write(out, buf, n) != ssize_t(n)) {
             qmx::sysError("fwrite", errno);
             good = false;
         }
         std::free(buf);
         std::fclose(in);
-        std::fclose(out);
+        close(out);
         return good ? f.ok() : f.fail();
     });
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "bios/bios.h"
 #include "frame/frame.h"
 #include "params/param_table.h"
 
@@ -36,5 +37,40 @@ constexpr uint8_t connectionTypeFromEfi(uint8_t efi) { return efi == 0 ? 1 : efi
 uint8_t portSpeedFromRate(uint32_t max_data_rate) noexcept;
 // Accepted port speeds: 0 (auto), 1, 2, 4, 8, 10.
 bool portSpeedValid(uint8_t speed) noexcept;
+
+// The port information record (IOCTL_QMX_SC_PRINFO), zeroed first.  A failed
+// query traces "IOCTL_QMX_SC_PRINFO" and then "<call> Error" (Call: getters
+// and the port information calls) or "QMX_CallDriver Error" (Channel: the
+// boot-firmware setters report it under the driver channel's name).
+enum class QueryTrace : uint8_t { Call, Channel };
+bool queryPortInfo(Frame &f, QMX_WWN wwn, int ind, qmx_ioctl_proc_info *rec,
+                   QueryTrace how) noexcept;
+
+// A boot-firmware setting as the getters read it.  A partitioned port (bit 7
+// of mlpf_mode) keeps it in the EFI option byte at `efiOffset`: the call
+// traces "<call> (MMIO-HG)" and reads that byte (*fromEfi true).  Any other
+// port has the BIOS tool list its configuration and gives the low byte of
+// listing entry `cfgIndex` (*fromEfi false).  false: the read failed; the
+// option access sets no code of its own, so the call fails with the code the
+// driver channel left (1 for a device that cannot be opened or a refused
+// request), the BIOS tool runner's 11, or 5 for its lock.
+bool readBootSetting(Frame &f, int ind, const qmx_ioctl_proc_info &rec, int efiOffset,
+                     int cfgIndex, uint8_t *value, bool *fromEfi) noexcept;
+
+// A boot-firmware setting as the setters write it, after their own port
+// information query.  A port that is not partitioned runs BIOS tool option
+// `biosOption` with `bp`.  A partitioned port gets `efiValue` in the EFI
+// option byte at `efiOffset`: with dedicatedOnly a shared port is refused
+// ("<call> Not Support Shared FC mode", code 2) and a dedicated one traces
+// "<call> (MMIO-HG Dedicate)"; without it every partitioned port is written
+// after "<call> (MMIO-HG)".  Ends the frame.
+struct BootWrite {
+    int efiOffset;
+    unsigned char efiValue;
+    bool dedicatedOnly;
+    int biosOption;
+    qmx_bios_param bp;
+};
+QMX_STATUS writeBootSetting(Frame &f, QMX_WWN wwn, int ind, BootWrite w) noexcept;
 
 }  // namespace qmx::params

@@ -30,10 +30,7 @@ bool queryDriver(Frame &f, const PortParam &p, QMX_WWN wwn, int ind, DriverRecor
     switch (p.source) {
     case Source::None: return true;
     case Source::PortInfo:
-        if (QMX_CallDriver(wwn, ind, int(IOCTL_QMX_SC_PRINFO), &rec.port) != 0) {
-            f.requestFailed("IOCTL_QMX_SC_PRINFO");
-            return false;
-        }
+        if (!queryPortInfo(f, wwn, ind, &rec.port, QueryTrace::Call)) return false;
         q->bytes = reinterpret_cast<const unsigned char *>(&rec.port);
         q->size = sizeof rec.port;
         return true;

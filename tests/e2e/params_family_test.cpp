@@ -9,7 +9,7 @@
 #include <ostream>
 #include <string>
 
-#include "vhost.h"
+#include "params_support.h"
 
 namespace {
 
@@ -186,16 +186,11 @@ std::vector<Member> members() {
     };
 }
 
-const char *kConf = "/etc/qmxldd.conf";
-
 }  // namespace
 
-class ParamFamily : public VHostTest, public ::testing::WithParamInterface<Member> {
+class ParamFamily : public ParamsVHostTest, public ::testing::WithParamInterface<Member> {
 protected:
     const Member &m() const { return GetParam(); }
-    // Discovery (once per process) queries every port itself: tests that
-    // count or fail requests run it first.
-    static void discover() { ASSERT_GE(QMX_InitRoutine(portWwn(0)), 0); }
     static std::string key(int devno, const Member &m) {
         return "qmx" + std::to_string(devno) + m.suffix + "=";
     }
@@ -203,42 +198,6 @@ protected:
     void reportRaw(int devno) {
         if (m().field == nullptr) return;
         editState([&](qmxsim::json &s) { portOf(s, devno)[m().record][m().field] = m().raw; });
-    }
-    void appendConf(const std::string &item) {
-        std::string text = readFile(kConf);
-        while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
-        ASSERT_TRUE(writeFile(kConf, text + item));
-    }
-    static bool confHas(const std::string &item) { return readFile(kConf).find(item) != std::string::npos; }
-    // "<item>" followed by the item delimiter, so that "=1" does not match "=10".
-    static bool confHasItem(const std::string &keyValue) {
-        std::string text = readFile(kConf);
-        std::size_t at = text.find(keyValue);
-        while (at != std::string::npos) {
-            bool startOk = at == 0 || text[at - 1] == ':' || text[at - 1] == '\n' || text[at - 1] == ' ';
-            std::size_t end = at + keyValue.size();
-            bool endOk = end == text.size() || text[end] == ':' || text[end] == '\n';
-            if (startOk && endOk) return true;
-            at = text.find(keyValue, at + 1);
-        }
-        return false;
-    }
-    // Whether the messages appear in this order (others may come between).
-    static bool inOrder(std::initializer_list<std::string> msgs) {
-        int at = 0;
-        for (const std::string &msg : msgs) {
-            at = traceIndex(msg, at);
-            if (at < 0) return false;
-            ++at;
-        }
-        return true;
-    }
-    // The last message before `msg`'s first occurrence, or "".
-    static std::string before(const std::string &msg) {
-        std::vector<std::string> lines = traceLines();
-        for (std::size_t i = 1; i < lines.size(); ++i)
-            if (lines[i] == msg) return lines[i - 1];
-        return "";
     }
 };
 

@@ -8,17 +8,15 @@
 #include <string>
 #include <vector>
 
-#include "vhost.h"
+#include "params_support.h"
 
 namespace {
-const char *kConf = "/etc/qmxldd.conf";
 constexpr int kShared = 0x80;
 constexpr int kDedicated = 0xC0;
 }  // namespace
 
-class LinkSettings : public VHostTest {
+class LinkSettings : public ParamsVHostTest {
 protected:
-    static void discover() { ASSERT_GE(QMX_InitRoutine(portWwn(0)), 0); }
     static void setMlpf(int devno, int mode) { setPrinfoField(devno, "mlpf_mode", mode); }
     static void setEfi(int devno, int offset, int value) {
         editState([&](qmxsim::json &s) { portOf(s, devno)["efi"][std::to_string(offset)] = value; });
@@ -29,25 +27,6 @@ protected:
         const qmxsim::json *p = qmxsim::findPort(s, devno);
         if (p == nullptr || !p->contains("efi") || !(*p)["efi"].contains(std::to_string(offset))) return -1;
         return int(qmxsim::fieldI64((*p)["efi"], std::to_string(offset).c_str(), -1));
-    }
-    static bool toolRan(const std::string &args) {
-        for (const std::string &l : toolLog("qmxbios"))
-            if (l.find(args) != std::string::npos) return true;
-        return false;
-    }
-    static int toolRuns() {
-        int n = 0;
-        for (const std::string &l : toolLog("qmxbios")) n += l.empty() ? 0 : 1;
-        return n;
-    }
-    static bool inOrder(std::initializer_list<std::string> msgs) {
-        int at = 0;
-        for (const std::string &msg : msgs) {
-            at = traceIndex(msg, at);
-            if (at < 0) return false;
-            ++at;
-        }
-        return true;
     }
 };
 
@@ -255,6 +234,12 @@ TEST_F(LinkSettings, LoginDelayOfAPartitionedPortLivesInTheOptionArea) {
     EXPECT_EQ(efiByte(2, 516), 4);  // the rest of the option word is written back unchanged
     ASSERT_EQ(QMX_SetLoginDelayTime(portWwn(2), 10, 1), 0);
     EXPECT_EQ(efiByte(2, 518), 0);
+    // A dedicated port keeps it there too, under the same trace line.
+    setMlpf(3, kDedicated);
+    ASSERT_EQ(QMX_SetLoginDelayTime(portWwn(3), 0, 0), 0);
+    EXPECT_EQ(efiByte(3, 518), 0x80);
+    EXPECT_EQ(traceCount("QMX_SetLoginDelayTime (MMIO-HG)"), 3);
+    EXPECT_FALSE(traceHas("QMX_SetLoginDelayTime (MMIO-HG Dedicate)"));
     EXPECT_EQ(toolRuns(), 0);
     EXPECT_FALSE(traceHas("QMX_ExeclusiveLock START"));
 }
@@ -345,6 +330,10 @@ TEST_F(LinkSettings, SysFsFileCopyHandsTheWholeFileToTheDriver) {
     ASSERT_TRUE(writeFile(kConf, text));
     ASSERT_EQ(QMX_SysFsFileCopy(portWwn(1)), 0) << QMX_LastErrorCode();
     EXPECT_EQ(readFile("/sys/class/scsi_host/host3/qmxldd_conf"), text);
+    // A shorter file later replaces it whole.
+    ASSERT_TRUE(writeFile(kConf, "qmx_queue_depth=16:"));
+    ASSERT_EQ(QMX_SysFsFileCopy(portWwn(1)), 0);
+    EXPECT_EQ(readFile("/sys/class/scsi_host/host3/qmxldd_conf"), "qmx_queue_depth=16:");
     EXPECT_TRUE(traceHas("QMX_SysFsFileCopy END"));
 }
 
@@ -367,10 +356,12 @@ TEST_F(LinkSettings, SysFsFileCopyWithoutTheFile) {
 }
 
 TEST_F(LinkSettings, SysFsFileCopyWithoutTheAttribute) {
+    // The host is there, but its driver offers no attribute: nothing is
+    // created in its place.
     removeFile("/sys/class/scsi_host/host2/qmxldd_conf");
-    ::rmdir("/sys/class/scsi_host/host2");
     EXPECT_EQ(QMX_SysFsFileCopy(portWwn(0)), 1);
     EXPECT_EQ(QMX_LastErrorCode(), 1);
+    EXPECT_FALSE(fileExists("/sys/class/scsi_host/host2/qmxldd_conf"));
     EXPECT_TRUE(inOrder({"/sys/class/scsi_host/host2/qmxldd_conf",
                          "qmxvlib:sysfs open is error. errno(2:No such file or directory)",
                          "QMX_SysFsFileCopy ABEND"}));

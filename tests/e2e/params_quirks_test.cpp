@@ -6,55 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "vhost.h"
+#include "params_support.h"
 
-namespace {
-const char *kConf = "/etc/qmxldd.conf";
-}
-
-class ParamQuirks : public VHostTest {
-protected:
-    static void discover() { ASSERT_GE(QMX_InitRoutine(portWwn(0)), 0); }
-    static void appendConf(const std::string &items) {
-        std::string text = readFile(kConf);
-        while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
-        ASSERT_TRUE(writeFile(kConf, text + items));
-    }
-    // "key=value" as a whole item of the file.
-    static bool confHasItem(const std::string &keyValue) {
-        std::string text = readFile(kConf);
-        for (std::size_t at = text.find(keyValue); at != std::string::npos; at = text.find(keyValue, at + 1)) {
-            bool startOk = at == 0 || text[at - 1] == ':' || text[at - 1] == '\n' || text[at - 1] == ' ';
-            std::size_t end = at + keyValue.size();
-            bool endOk = end == text.size() || text[end] == ':' || text[end] == '\n';
-            if (startOk && endOk) return true;
-        }
-        return false;
-    }
-    static bool confHasKey(const std::string &key) {
-        std::string text = readFile(kConf);
-        std::string k = key + "=";
-        for (std::size_t at = text.find(k); at != std::string::npos; at = text.find(k, at + 1))
-            if (at == 0 || text[at - 1] == ':' || text[at - 1] == '\n' || text[at - 1] == ' ') return true;
-        return false;
-    }
-    static bool inOrder(std::initializer_list<std::string> msgs) {
-        int at = 0;
-        for (const std::string &msg : msgs) {
-            at = traceIndex(msg, at);
-            if (at < 0) return false;
-            ++at;
-        }
-        return true;
-    }
-    // Messages from the first `first` on.
-    static std::vector<std::string> traceFrom(const std::string &first) {
-        std::vector<std::string> lines = traceLines();
-        int at = traceIndex(first);
-        if (at < 0) return {};
-        return std::vector<std::string>(lines.begin() + at, lines.end());
-    }
-};
+class ParamQuirks : public ParamsVHostTest {};
 
 TEST_F(ParamQuirks, MachineCheckRetryChecksItsRangeOnlyWhenDelIsNotZero) {
     QMX_WWN w = portWwn(0);

@@ -14,15 +14,11 @@
 #include <string>
 #include <vector>
 
-#include "bios/bios.h"
-#include "frame/frame.h"
+#include "bios_fixture.h"
 
 namespace {
 
-std::string stateDir() {
-    const char *s = std::getenv("QMXSIM_STATE");
-    return s != nullptr ? s : "";
-}
+using biostest::stateDir;
 
 // Diagnostic requests on qmxldd0 logged by the driver, as their sub-commands
 // ('6' = 54 read, '7' = 55 write), with " store" added to the store command.
@@ -61,21 +57,12 @@ void addFault(const nlohmann::json &fault) {
     close(fd);
 }
 
-class EfiOption : public ::testing::Test {
+class EfiOption : public biostest::PortZeroTest {
 protected:
     void SetUp() override {
-        if (stateDir().empty() || access("/dev/qmxldd0", F_OK) != 0) GTEST_SKIP() << "needs the virtual host";
-        saved_ = c_max_port;
-        std::memcpy(&savedDev_, &dev_info_all[0], sizeof savedDev_);
-        std::snprintf(dev_info_all[0].name, sizeof dev_info_all[0].name, "qmxldd0");
-        if (c_max_port < 1) c_max_port = 1;
+        PortZeroTest::SetUp();
+        if (IsSkipped()) return;
         std::remove((stateDir() + "/driver.log").c_str());
-    }
-    void TearDown() override {
-        if (saved_ >= 0) {
-            c_max_port = saved_;
-            std::memcpy(&dev_info_all[0], &savedDev_, sizeof savedDev_);
-        }
     }
     static uint8_t readByte(int offset) {
         uint8_t b = 0xEE;
@@ -83,9 +70,6 @@ protected:
         return b;
     }
     static void writeByte(int offset, uint8_t v) { EXPECT_EQ(0, qmx_EFIDrvOption(0, &v, 1, offset)); }
-
-    int saved_ = -1;
-    dev_info savedDev_{};
 };
 
 TEST_F(EfiOption, ReadIssuesOneByteReadAndNoWrite) {

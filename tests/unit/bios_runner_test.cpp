@@ -14,25 +14,15 @@
 #include <string>
 #include <vector>
 
-#include "bios/bios.h"
-#include "frame/frame.h"
+#include "bios_fixture.h"
 
 namespace {
 
+using biostest::fileLines;
+using biostest::stateFile;
+
 const char *kTool = "/opt/kestrel/drivers/hba/qmxbios";
 const char *kTrace = "/opt/kestrel/drivers/hba/qmxlibTrace.txt";
-
-std::string stateFile(const std::string &rel) {
-    const char *s = std::getenv("QMXSIM_STATE");
-    return s != nullptr ? std::string(s) + "/" + rel : std::string();
-}
-
-std::vector<std::string> fileLines(const std::string &path) {
-    std::vector<std::string> out;
-    std::ifstream in(path);
-    for (std::string l; std::getline(in, l);) out.push_back(l);
-    return out;
-}
 
 // Trace messages up to the marker, without time stamp and process id; a
 // continuation line is joined to its message.
@@ -72,16 +62,12 @@ bool traced(const std::string &msg) {
     return false;
 }
 
-class BiosRunner : public ::testing::Test {
+class BiosRunner : public biostest::PortZeroTest {
 protected:
     void SetUp() override {
-        if (access(kTool, X_OK) != 0 || std::getenv("QMXSIM_STATE") == nullptr)
-            GTEST_SKIP() << "needs the virtual host";
-        savedPorts_ = c_max_port;
-        std::memcpy(&savedDev_, &dev_info_all[0], sizeof savedDev_);
-        // Port index 0 names the host's first simulated port.
-        std::snprintf(dev_info_all[0].name, sizeof dev_info_all[0].name, "qmxldd0");
-        if (c_max_port < 1) c_max_port = 1;
+        if (access(kTool, X_OK) != 0) GTEST_SKIP() << "needs the virtual host";
+        PortZeroTest::SetUp();
+        if (IsSkipped()) return;
         std::remove(stateFile("tools/qmxbios.log").c_str());
         std::remove(stateFile("tools/qmxbios.script").c_str());
         QMX_G_ERROR_CD = 0;
@@ -89,10 +75,7 @@ protected:
     }
     void TearDown() override {
         QMX_CloseApiTraceFile();
-        if (savedPorts_ >= 0) {
-            c_max_port = savedPorts_;
-            std::memcpy(&dev_info_all[0], &savedDev_, sizeof savedDev_);
-        }
+        PortZeroTest::TearDown();
     }
     static std::vector<std::string> toolRuns() { return fileLines(stateFile("tools/qmxbios.log")); }
     static void script(const std::string &line) {
@@ -104,9 +87,6 @@ protected:
         QMX_CloseApiTraceFile();
         QMX_OpenApiTraceFile();
     }
-
-    int savedPorts_ = -1;
-    dev_info savedDev_{};
 };
 
 TEST_F(BiosRunner, OnOffOptionsBuildEnableAndDisable) {
