@@ -119,17 +119,14 @@ TEST_F(QmxmgrTest, TextThatIsNoPortIsAUsageError) {
     }
 }
 
-TEST_F(QmxmgrTest, UnknownWwnIsReportedWithTheCallAndReason) {
+TEST_F(QmxmgrTest, UnknownWwnFailsAndAllZeroWwnOnlyWhereTheDriverWideValueApplies) {
     Result r = run({"get", "2100001122334499", "queue_depth"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err,
               "qmxmgr: QMX_GetQueueDepthCount failed: the WWN names no discovered port "
               "(reason code 4): Invalid WWN\n");
-}
-
-TEST_F(QmxmgrTest, AllZeroWwnOnlyWhereTheDriverWideValueApplies) {
     EXPECT_EQ(run({"get", "0000000000000000", "queue_depth"}).status, 2);
-    Result r = run({"set", "00:00:00:00:00:00:00:00", "queue_depth", "12"});
+    r = run({"set", "00:00:00:00:00:00:00:00", "queue_depth", "12"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(readFile(kConf).find("qmx_queue_depth=12:"), std::string::npos);
 }
@@ -340,7 +337,7 @@ TEST_F(QmxmgrTest, TraceFollowPrintsNewLinesOnce) {
 }
 
 // ------------------------------------------------------------- HBA BIOS
-TEST_F(QmxmgrTest, BiosSwitchRunsTheBiosTool) {
+TEST_F(QmxmgrTest, BiosSwitchRunsTheBiosToolAndReportsItsFailure) {
     Result r = run({"-b", "qmxldd1", "bi", "disable"});
     ASSERT_EQ(r.status, 0) << r.err;
     bool seen = false;
@@ -350,11 +347,8 @@ TEST_F(QmxmgrTest, BiosSwitchRunsTheBiosTool) {
     Result show = run({"-b", "qmxldd1", "bi", "--json"});
     ASSERT_EQ(show.status, 0) << show.err;
     EXPECT_EQ(parse(show.out)["hba_bios"], "disabled");
-}
-
-TEST_F(QmxmgrTest, BiosToolFailureIsReported) {
     scriptTool("qmxbios", 3, -1);
-    Result r = run({"-b", "qmxldd0", "bi", "enable"});
+    r = run({"-b", "qmxldd0", "bi", "enable"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err.rfind("qmxmgr: QMX_SetHBABiosSetting failed: the BIOS tool failed "
                           "(reason code 11)",

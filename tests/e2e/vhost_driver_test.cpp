@@ -1,6 +1,5 @@
 // The virtual host itself: the simulated driver's request checks and answers,
 // scripted faults, state shared between processes, host files, tools.
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
@@ -54,8 +53,11 @@ int diag(const Device &d, uint8_t sub, uint32_t offset, uint32_t length, void *b
 
 class VHostDriver : public VHostTest {};
 
-TEST_F(VHostDriver, PortInformationFollowsTheScenario) {
-    Device d(2);
+TEST_F(VHostDriver, PortInformationFollowsTheScenarioAndFieldOverrides) {
+    setPrinfoField(1, "queue_depth", 77);
+    setPrinfoField(1, "model_name", "QX9999");
+    setPrinfoField(1, "mlpf_mode", -1);
+    Device d(2), changed(1);
     ASSERT_GE(d.fd(), 0);
     qmx_ioctl_proc_info info;
     std::memset(&info, 0xAB, sizeof info);
@@ -70,15 +72,7 @@ TEST_F(VHostDriver, PortInformationFollowsTheScenario) {
     EXPECT_EQ(info.bus_dev_func[2], 0);
     EXPECT_EQ(info.rsv5[0], 0);  // the whole record is the driver's: reserved bytes zero
     EXPECT_EQ(driverRequests("IOCTL_QMX_SC_PRINFO", 2), 1);
-}
-
-TEST_F(VHostDriver, PortInformationOverridesByFieldName) {
-    setPrinfoField(1, "queue_depth", 77);
-    setPrinfoField(1, "model_name", "QX9999");
-    setPrinfoField(1, "mlpf_mode", -1);
-    Device d(1);
-    qmx_ioctl_proc_info info;
-    ASSERT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info), 0);
+    ASSERT_EQ(changed.call(IOCTL_QMX_SC_PRINFO, &info), 0);
     EXPECT_EQ(info.queue_depth, 77u);
     EXPECT_STREQ(reinterpret_cast<const char *>(info.model_name), "QX9999");
     EXPECT_EQ(int8_t(info.mlpf_mode), -1);
@@ -101,7 +95,7 @@ TEST_F(VHostDriver, WrongSizeOrUnknownRequestIsRefused) {
     EXPECT_EQ(d.call(req(0x0D, 1024), buf.data(), &err), 0);
 }
 
-TEST_F(VHostDriver, OtherDescriptorsGoToTheRealCall) {
+TEST_F(VHostDriver, OnlyDriverDescriptorsAreLoggedAndARemovedLogStartsAfresh) {
     int fd = ::open("/dev/null", O_RDONLY);
     ASSERT_GE(fd, 0);
     int n = 0;
@@ -110,22 +104,18 @@ TEST_F(VHostDriver, OtherDescriptorsGoToTheRealCall) {
     EXPECT_EQ(errno, ENOTTY);  // the character device's own answer
     ::close(fd);
     EXPECT_TRUE(driverLog().empty() || driverLog()[0].empty());
-}
-
-TEST_F(VHostDriver, PciIdWordIsBigEndianWithVendorLow) {
     Device d(0);
-    uint32_t word = 0;
-    ASSERT_EQ(diag(d, QMX_DG_RDFIXPCI, 0, 4, &word), 0);
-    uint32_t host = ntohl(word);
-    EXPECT_EQ(host & 0xFFFF, 0x1E5Au);
-    EXPECT_EQ(host >> 16, 0x0101u);
-    setPortField(0, "pci_id_readable", false);
-    int err = 0;
-    EXPECT_EQ(diag(d, QMX_DG_RDFIXPCI, 0, 4, &word, &err), -1);
-    EXPECT_EQ(err, EIO);
+    qmx_ioctl_proc_info info;
+    ASSERT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info), 0);
+    ASSERT_TRUE(removeFile(stateDir() + "/driver.log"));
+    ASSERT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info), 0);
+    std::vector<std::string> log = driverLog();
+    ASSERT_EQ(log.size(), 1u);
+    EXPECT_NE(log[0].find(" req=IOCTL_QMX_SC_PRINFO nr=0xC400460D size=1024 "), std::string::npos);
+    EXPECT_NE(log[0].find(" result=ok"), std::string::npos);
 }
 
-TEST_F(VHostDriver, EmbeddedAddressIsChecked) {
+TEST_F(VHostDriver, EmbeddedAddressAndLengthAreChecked) {
     Device d(0);
     int err = 0;
     EXPECT_EQ(diag(d, QMX_DG_RDFIXPCI, 0, 4, reinterpret_cast<void *>(uintptr_t(16)), &err), -1);
@@ -133,6 +123,8 @@ TEST_F(VHostDriver, EmbeddedAddressIsChecked) {
     uint8_t small[8];
     EXPECT_EQ(diag(d, QMX_DG_RDHG, 1020, 8, small, &err), -1);  // past the option area
     EXPECT_EQ(err, EINVAL);
+    // The PCI ID word and its scripted read failure are checked through the
+    // library: Channel.DiagRequestSucceedsAfterRetries, Discovery.PortWhosePciIdCannotBeReadIsLeftOut.
 }
 
 TEST_F(VHostDriver, EfiOptionAreaKeepsWritesAcrossProcesses) {
@@ -162,8 +154,9 @@ TEST_F(VHostDriver, EfiOptionAreaKeepsWritesAcrossProcesses) {
     EXPECT_EQ(b, 3);
 }
 
-TEST_F(VHostDriver, FaultFailsNTimesThenSucceeds) {
+TEST_F(VHostDriver, ScriptedFaultsByPortSubCommandAndNumber) {
     failRequest("IOCTL_QMX_SC_PRINFO", 1, EAGAIN, 2);
+    addFault({{"request", "0xC0904609"}, {"port", 0}, {"sub", QMX_DG_TGTSCAN}, {"err_code", 2}, {"times", -1}});
     Device d(1), other(0);
     qmx_ioctl_proc_info info;
     int err = 0;
@@ -171,46 +164,15 @@ TEST_F(VHostDriver, FaultFailsNTimesThenSucceeds) {
     EXPECT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info, &err), -1);
     EXPECT_EQ(err, EAGAIN);
     EXPECT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info, &err), -1);
-    EXPECT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info, &err), 0);
-}
-
-TEST_F(VHostDriver, FaultBySubCommandAndByNumber) {
-    addFault({{"request", "0xC0904609"}, {"port", 0}, {"sub", QMX_DG_TGTSCAN}, {"err_code", 2}, {"times", -1}});
-    Device d(0);
+    EXPECT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info, &err), 0);  // after two failures
     diag_ioctl r;
     std::memset(&r, 0, sizeof r);
     r.sub_cmd = QMX_DG_TGTSCAN;
-    ASSERT_EQ(d.call(IOCTL_QMX_DIAG0, &r), 0);
+    ASSERT_EQ(other.call(IOCTL_QMX_DIAG0, &r), 0);
     EXPECT_EQ(r.uni.raw[0], 2);  // scripted scan outcome
     uint32_t word = 0;
-    EXPECT_EQ(diag(d, QMX_DG_RDFIXPCI, 0, 4, &word), 0);  // other sub-commands answer normally
-}
-
-TEST_F(VHostDriver, WwnInfoBusyAndResponseCodes) {
-    addFault({{"request", "IOCTL_QMX_WWN_INFO"}, {"port", 0}, {"busy", true}, {"times", 1}});
-    Device d(0);
-    qmx_ioctl_wwn w;
-    std::memset(&w, 0, sizeof w);
-    w.sub_code = 1;
-    ASSERT_EQ(d.call(IOCTL_QMX_WWN_INFO, &w), 0);
-    EXPECT_EQ(w.resp_code, 1);
-    ASSERT_EQ(d.call(IOCTL_QMX_WWN_INFO, &w), 0);
-    EXPECT_EQ(w.resp_code, 0);
-}
-
-TEST_F(VHostDriver, TargetListThroughEmbeddedAddress) {
-    Device d(0);
-    qmx_ioctl_port_attr list;
-    std::memset(&list, 0, sizeof list);
-    qmx_ioctl_diag_req r;
-    std::memset(&r, 0, sizeof r);
-    r.sub_code = 2;
-    r.length = QMX_PORT_ATTR_LIST_LEN;
-    r.addr = reinterpret_cast<uintptr_t>(&list);
-    ASSERT_EQ(d.call(IOCTL_QMX_PORT_ATTR, &r), 0);
-    ASSERT_EQ(list.tgt_num, 2u);
-    EXPECT_EQ(list.tgt_wwpn[0], 0x5000000000000a01ull);
-    EXPECT_EQ(list.tgt_wwpn[1], 0x5000000000000b01ull);
+    EXPECT_EQ(diag(other, QMX_DG_RDFIXPCI, 0, 4, &word), 0);  // other sub-commands answer normally
+    // Busy and response-code faults: discovery_channel_test (Channel.WwnInfoBusyGivesMinus2).
 }
 
 // Maps read in the layout the multipath requests use.
@@ -222,6 +184,18 @@ struct TargetMap {
     } e[256];
 };
 static_assert(sizeof(TargetMap) == 8 + 256 * 24);
+
+TEST_F(VHostDriver, TargetMapStaysWithinTheCallersCapacity) {
+    Device d(0);
+    // The PORT_ATTR target list: Channel.PortAttributesListTheTargets.
+    auto map = std::make_unique<TargetMap>();
+    std::memset(map.get(), 0xEE, sizeof *map);
+    map->entry_count = 1;
+    map->target_count = 1;
+    ASSERT_EQ(d.call(req(0x12, 32), map.get()), 0);
+    EXPECT_EQ(map->target_count, 1u);
+    EXPECT_EQ(map->e[1].nodename, 0xEEEEEEEEEEEEEEEEull);  // nothing written past the capacity
+}
 
 TEST_F(VHostDriver, MaximumTargetAndLuMapsAreGeneratedOnDemand) {
     setPortField(0, "gen_targets", 256);
@@ -246,18 +220,7 @@ TEST_F(VHostDriver, MaximumTargetAndLuMapsAreGeneratedOnDemand) {
     EXPECT_LT(readFile(stateDir() + "/state.json").size(), 64u * 1024);
 }
 
-TEST_F(VHostDriver, TargetMapRespectsTheCallersCapacity) {
-    Device d(0);
-    auto map = std::make_unique<TargetMap>();
-    std::memset(map.get(), 0xEE, sizeof *map);
-    map->entry_count = 1;
-    map->target_count = 1;
-    ASSERT_EQ(d.call(req(0x12, 32), map.get()), 0);
-    EXPECT_EQ(map->target_count, 1u);
-    EXPECT_EQ(map->e[1].nodename, 0xEEEEEEEEEEEEEEEEull);  // nothing written past the capacity
-}
-
-TEST_F(VHostDriver, IsolationChangesThePortStatus) {
+TEST_F(VHostDriver, IsolationChangesThePortStatusAndSfpDataIsThere) {
     Device d(1);
     std::vector<uint8_t> iso(2160, 0);
     iso[1] = 1;  // isolate
@@ -271,6 +234,18 @@ TEST_F(VHostDriver, IsolationChangesThePortStatus) {
     ASSERT_EQ(d.call(req(0x20, 2160), iso.data()), 0);
     ASSERT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info), 0);
     EXPECT_EQ(info.port_status, 1);
+    uint8_t pci[4] = {};
+    ASSERT_EQ(diag(d, QMX_DG_RDPCI, 880, 4, pci), 0);
+    EXPECT_EQ(pci[0] & 0x80, 0x80);  // hot swap supported by the hardware
+    std::vector<uint8_t> table(QMX_DGRD_INITTBL_LEN + 1, 0);
+    ASSERT_EQ(diag(d, QMX_DGRD_INITTBL, 0, QMX_DGRD_INITTBL_LEN, table.data()), 0);
+    EXPECT_EQ(table[48] & 1, 1);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(&table[336]), 14), "SFP-8G-SW-0001");
+    uint8_t led = 0x88;
+    ASSERT_EQ(diag(d, QMX_DG_WRPCI, 57, 1, &led), 0);
+    uint8_t back = 0;
+    ASSERT_EQ(diag(d, QMX_DG_RDPCI, 57, 1, &back), 0);
+    EXPECT_EQ(back, 0x88);
 }
 
 TEST_F(VHostDriver, SetPathErrCodeIsScriptable) {
@@ -300,9 +275,6 @@ TEST_F(VHostDriver, ProcEntriesAreRedirected) {
     while (std::fgets(line, sizeof line, fp)) text += line;
     std::fclose(fp);
     EXPECT_NE(text.find("  Instance_number           = 2\n"), std::string::npos);
-    int instance = -1;
-    std::sscanf(text.substr(text.find("  Instance_number")).c_str(), "  Instance_number         = %d", &instance);
-    EXPECT_EQ(instance, 2);
     EXPECT_EQ(std::fopen("/proc/scsi/vqmxldd/99", "r"), nullptr);
 }
 
@@ -354,7 +326,7 @@ TEST_F(VHostDriver, DiagnosticToolWritesItsLog) {
     EXPECT_EQ(WEXITSTATUS(std::system(cmd.c_str())), 3);
 }
 
-TEST_F(VHostDriver, ModuleImageHoldsACheckedTable) {
+TEST_F(VHostDriver, ModuleImageIsNamedByModulesDepAndHoldsTheTable) {
     std::string dep = readFile("/lib/modules/" + release() + "/modules.dep");
     ASSERT_NE(dep.find("extra/qmxldd/qmxldd_conf.ko:"), std::string::npos);
     std::string ko = readFile("/lib/modules/" + release() + "/extra/qmxldd/qmxldd_conf.ko");
@@ -362,18 +334,8 @@ TEST_F(VHostDriver, ModuleImageHoldsACheckedTable) {
     ASSERT_NE(at, std::string::npos);
     ASSERT_LT(at, qmxsim::kModuleTableSize);
     ASSERT_GE(ko.size(), at + qmxsim::kModuleTableSize);
-    // Chain of entries: next offsets 96, 96, 4176, 4176, 200068 and 0.
-    const int32_t nexts[] = {96, 96, 4176, 4176, 200068, 0};
-    const char *names[] = {"<Kestrel_Fibre_Channel_Host_Bus_Adapter_Configuration_Module>", "<Kestrel_Ltd>",
-                           "<qmxldd_key>", "<qmxldd_key_hop>", "<qmxldd_conf>", "<CONFIG_END>"};
-    std::size_t entry = at;
-    for (int i = 0; i < 6; ++i) {
-        EXPECT_STREQ(ko.c_str() + entry, names[i]);
-        int32_t next;
-        std::memcpy(&next, ko.data() + entry + 64, 4);
-        EXPECT_EQ(next, nexts[i]);
-        entry += std::size_t(next);
-    }
+    // The entry chain itself is checked by the library on every image write
+    // (config_store_test writes this image through the library).
     EXPECT_EQ(ko.compare(at + 8544 + 68, 16, "qmx_queue_depth="), 0);  // the configuration text
 }
 
@@ -386,11 +348,17 @@ TEST_F(VHostDriver, ScsiDisksAreLinked) {
     EXPECT_EQ(stat("/sys/block/sdc/device", &st), 0);  // the link resolves
 }
 
-TEST_F(VHostDriver, RemovedPortVanishesFromDevAndDriver) {
+TEST_F(VHostDriver, RemovedPortVanishesAndOfflinePortAnswersNothing) {
     removePort(1);
     EXPECT_FALSE(fileExists("/dev/qmxldd1"));
-    EXPECT_TRUE(fileExists("/dev/qmxldd2"));
     EXPECT_FALSE(fileExists(stateDir() + "/proc/scsi/vqmxldd/3"));
+    setPortField(2, "online", false);
+    Device d(2);
+    ASSERT_GE(d.fd(), 0);  // the device file is still there
+    qmx_ioctl_proc_info info;
+    int err = 0;
+    EXPECT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info, &err), -1);
+    EXPECT_EQ(err, ENXIO);
 }
 
 TEST_F(VHostDriver, UnreadableFilesAreRefusedEvenToRoot) {
@@ -405,28 +373,6 @@ TEST_F(VHostDriver, UnreadableFilesAreRefusedEvenToRoot) {
     FILE *fp = std::fopen("/etc/qmxldd.conf", "r");  // other files open as before
     ASSERT_NE(fp, nullptr);
     std::fclose(fp);
-}
-
-TEST_F(VHostDriver, OfflinePortAnswersNothing) {
-    setPortField(2, "online", false);
-    Device d(2);
-    ASSERT_GE(d.fd(), 0);  // the device file is still there
-    qmx_ioctl_proc_info info;
-    int err = 0;
-    EXPECT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info, &err), -1);
-    EXPECT_EQ(err, ENXIO);
-}
-
-TEST_F(VHostDriver, RemovedRequestLogStartsAfresh) {
-    Device d(0);
-    qmx_ioctl_proc_info info;
-    ASSERT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info), 0);
-    ASSERT_TRUE(removeFile(stateDir() + "/driver.log"));
-    ASSERT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info), 0);
-    std::vector<std::string> log = driverLog();
-    ASSERT_EQ(log.size(), 1u);
-    EXPECT_NE(log[0].find(" req=IOCTL_QMX_SC_PRINFO nr=0xC400460D size=1024 "), std::string::npos);
-    EXPECT_NE(log[0].find(" result=ok"), std::string::npos);
 }
 
 TEST_F(VHostDriver, MultipathParametersRoundTrip) {
@@ -487,22 +433,6 @@ TEST_F(VHostDriver, LogicalPathListDescribesEveryTarget) {
     EXPECT_EQ(e[2].data, 0x5000000000000a01ull);
     EXPECT_EQ(e[3].group, 1);  // port 0's second target
     EXPECT_EQ(e[17].instance, 3);
-}
-
-TEST_F(VHostDriver, SfpDataForTheIsolationCalls) {
-    Device d(1);
-    uint8_t pci[4] = {};
-    ASSERT_EQ(diag(d, QMX_DG_RDPCI, 880, 4, pci), 0);
-    EXPECT_EQ(pci[0] & 0x80, 0x80);  // hot swap supported by the hardware
-    std::vector<uint8_t> table(QMX_DGRD_INITTBL_LEN + 1, 0);
-    ASSERT_EQ(diag(d, QMX_DGRD_INITTBL, 0, QMX_DGRD_INITTBL_LEN, table.data()), 0);
-    EXPECT_EQ(table[48] & 1, 1);
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(&table[336]), 14), "SFP-8G-SW-0001");
-    uint8_t led = 0x88;
-    ASSERT_EQ(diag(d, QMX_DG_WRPCI, 57, 1, &led), 0);
-    uint8_t back = 0;
-    ASSERT_EQ(diag(d, QMX_DG_RDPCI, 57, 1, &back), 0);
-    EXPECT_EQ(back, 0x88);
 }
 
 }  // namespace

@@ -91,22 +91,19 @@ TEST_F(Engine, AllZeroWwnWritesTheDriverWideKey) {
     EXPECT_EQ(slurp(conf_), "qmx_queue_depth=64:qmxmp_failover=1:qmx2_queue_depth=9:");
 }
 
-TEST_F(Engine, GetDoesNotFallBackToTheDriverWideItem) {
+TEST_F(Engine, GetFailsWithoutAFileAndDoesNotFallBackToTheDriverWideItem) {
+    int v = 7;
+    EXPECT_EQ(get(0, "_queue_depth", &v), -1);
+    EXPECT_EQ(v, 7);
+    EXPECT_TRUE(traced("QMX_GetUtilValue ABEND"));
     spit(conf_, "qmx_queue_depth=8:qmx3_queue_depth=5:");
-    int v = 0;
+    v = 0;
     ASSERT_EQ(get(0, "_queue_depth", &v), 0);
     EXPECT_EQ(v, 0);
     ASSERT_EQ(get(1, "_queue_depth", &v), 0);
     EXPECT_EQ(v, 5);
     ASSERT_EQ(get(-1, "_queue_depth", &v), 0);
     EXPECT_EQ(v, 8);
-}
-
-TEST_F(Engine, GetOfAMissingFileFails) {
-    int v = 7;
-    EXPECT_EQ(get(0, "_queue_depth", &v), -1);
-    EXPECT_EQ(v, 7);
-    EXPECT_TRUE(traced("QMX_GetUtilValue ABEND"));
 }
 
 TEST_F(Engine, SubIndexFormsDifferBetweenGetAndSet) {
@@ -167,13 +164,16 @@ TEST_F(Engine, IsolationKeyComesFromThePciAddress) {
     EXPECT_EQ(slurp(conf_), "");
 }
 
-TEST_F(Engine, FileThatCannotBeHeldIsNotOverwritten) {
+TEST_F(Engine, FileThatCannotBeHeldOrIsTooLargeIsRefusedWithItsCode) {
     std::string text(std::size_t(qmx::kMaxKeySlots) + 5, ':');
     spit(conf_, text);
     EXPECT_EQ(set(0, "_queue_depth", 1), -1);
     EXPECT_EQ(QMX_G_ERROR_CD, 9);
     EXPECT_EQ(slurp(conf_), text);
     EXPECT_TRUE(traced("QMX_SetUtilValue ABEND"));
+    spit(conf_, std::string(199990, 'x') + "=1:");
+    EXPECT_EQ(set(0, "_queue_depth", 1), -1);
+    EXPECT_EQ(QMX_G_ERROR_CD, 14);
 }
 
 TEST_F(Engine, BadArgumentsFail) {
@@ -184,12 +184,6 @@ TEST_F(Engine, BadArgumentsFail) {
     EXPECT_EQ(qmx::setUtilValue(store_, kWwn, 0, "_queue_depth", -1, nullptr, 0), -1);
     EXPECT_EQ(qmx::setUtilValue(store_, kWwn, 300, "_queue_depth", -1, &v, 0), -1);
     EXPECT_EQ(slurp(conf_), "");
-}
-
-TEST_F(Engine, SizeLimitKeepsItsCode) {
-    spit(conf_, std::string(199990, 'x') + "=1:");
-    EXPECT_EQ(set(0, "_queue_depth", 1), -1);
-    EXPECT_EQ(QMX_G_ERROR_CD, 14);
 }
 
 }  // namespace

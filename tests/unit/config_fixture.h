@@ -11,21 +11,16 @@
 
 #include <cstring>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "config/config.h"
 #include "frame/frame.h"
+#include "frame_test_util.h"
 
 namespace cfgtest {
 
-inline std::string slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
+using frametest::slurp;
 
 inline void spit(const std::string &path, const std::string &text) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
@@ -126,25 +121,12 @@ protected:
     // The trace text lines written so far (stamp and pid removed).
     std::vector<std::string> traceLines() {
         QMX_CloseApiTraceFile();
-        std::string all = slurp(tracePath_);
+        std::vector<std::string> out = frametest::texts(tracePath_);
         QMX_OpenApiTraceFile();
-        std::vector<std::string> out;
-        std::string pid = std::to_string(getpid()) + " ";
-        for (std::size_t i = 0; i + 121 <= all.size(); i += 121) {
-            std::string t = all.substr(i, 120);
-            t.erase(t.find_last_not_of(' ') + 1);
-            if (t == "EndLog") continue;
-            auto at = t.find(pid);
-            if (at != std::string::npos && at < 32) t = t.substr(at + pid.size());
-            out.push_back(t);
-        }
+        std::erase(out, std::string("EndLog"));
         return out;
     }
-    bool traced(const std::string &text) {
-        for (const auto &l : traceLines())
-            if (l == text) return true;
-        return false;
-    }
+    bool traced(const std::string &text) { return frametest::contains(traceLines(), text); }
     // The index of the first line equal to `text` at or after `from`, or -1.
     int traceIndex(const std::string &text, int from = 0) {
         auto lines = traceLines();
@@ -171,19 +153,20 @@ protected:
 
 // A key list built from "key=value" texts (an entry without "=" is an
 // empty slot).
-inline std::vector<util_para> items(std::initializer_list<std::string> kv) {
+inline std::vector<util_para> items(const std::vector<std::string> &kv) {
     std::vector<util_para> v(kv.size());
     std::memset(v.data(), 0, v.size() * sizeof(util_para));
-    std::size_t i = 0;
-    for (const std::string &s : kv) {
-        auto eq = s.find('=');
+    for (std::size_t i = 0; i < kv.size(); ++i) {
+        auto eq = kv[i].find('=');
         if (eq != std::string::npos) {
-            qmx::copyText(v[i].keyword, s.substr(0, eq));
-            qmx::copyText(v[i].value, s.substr(eq + 1));
+            qmx::copyText(v[i].keyword, kv[i].substr(0, eq));
+            qmx::copyText(v[i].value, kv[i].substr(eq + 1));
         }
-        ++i;
     }
     return v;
+}
+inline std::vector<util_para> items(std::initializer_list<std::string> kv) {
+    return items(std::vector<std::string>(kv));
 }
 
 inline std::string build(std::vector<util_para> keys, std::vector<util_para> add = {},

@@ -92,7 +92,7 @@ TEST_F(Image, EndEntryMustCloseTheChain) {
     EXPECT_EQ(QMX_G_ERROR_CD, 1);
 }
 
-TEST_F(Image, OffsetsOutsideTheAreaAreRefusedWithoutReadingPastIt) {
+TEST_F(Image, NothingIsReadPastTheAreaOrTheFile) {
     spit(conf_, "a=1:");
     std::string area = tableArea();
     putNext(area, 3, 0x7FFFFFF0);
@@ -106,6 +106,11 @@ TEST_F(Image, OffsetsOutsideTheAreaAreRefusedWithoutReadingPastIt) {
     area = tableArea();
     putNext(area, 3, 4176 + 96);
     EXPECT_EQ(refreshWith(area), -1);
+    // The area's last entry lies past the end of the file.
+    spit(imagePath_, imageHead() + tableArea().substr(0, 4468));
+    EXPECT_EQ(qmx::mpcfg(store_), -1);
+    EXPECT_TRUE(traced("invalid CONFIG_NAME"));
+    EXPECT_EQ(slurp(imagePath_).size(), imageHead().size() + 4468);
 }
 
 TEST_F(Image, MarkerMustBeInTheFirstAreaSizeOfTheFile) {
@@ -120,15 +125,6 @@ TEST_F(Image, MarkerMustBeInTheFirstAreaSizeOfTheFile) {
         if (lines[i].rfind("qmxvlib:fopen is error.", 0) == 0) report = int(i);
     EXPECT_GE(report, 0);
     EXPECT_LT(report, traceIndex("not found DESCRIPTION_NAME!"));
-}
-
-TEST_F(Image, ShortFileIsReadWithZeros) {
-    // The area's last entry lies past the end of the file.
-    spit(conf_, "a=1:");
-    spit(imagePath_, imageHead() + tableArea().substr(0, 4468));
-    EXPECT_EQ(qmx::mpcfg(store_), -1);
-    EXPECT_TRUE(traced("invalid CONFIG_NAME"));
-    EXPECT_EQ(slurp(imagePath_).size(), imageHead().size() + 4468);
 }
 
 TEST_F(Image, ConfigurationTextMustFitTheTable) {

@@ -21,37 +21,33 @@ protected:
     util_para *list_ = nullptr;
 };
 
-TEST_F(KeyListRead, ItemsOfTheFirstLineOnly) {
-    spit(conf_, "qmx0_queue_depth=32:qmx_queue_depth=16:\nqmx1_queue_depth=8:\n");
-    ASSERT_EQ(read(), 2);
-    EXPECT_STREQ(list_[0].keyword, "qmx0_queue_depth");
-    EXPECT_STREQ(list_[0].value, "32");
-    EXPECT_STREQ(list_[1].keyword, "qmx_queue_depth");
-    EXPECT_STREQ(list_[1].value, "16");
-    EXPECT_EQ(list_[0].used, 0);
+TEST_F(KeyListRead, ItemsOfTheFirstLineAsWritten) {
+    struct Case {
+        const char *text;
+        std::vector<std::string> want;  // "keyword=value"
+    } cases[] = {
+        {"qmx0_queue_depth=32:qmx_queue_depth=16:\nqmx1_queue_depth=8:\n",
+         {"qmx0_queue_depth=32", "qmx_queue_depth=16"}},
+        {"a=1:b:c=3:", {"a=1", "=", "="}},  // no "=": the walk ends, the slots count
+        {"", {}},
+        {"qmx_queue_depth=8\n", {}},          // no ":" at all
+        {"a=1:tail=2", {"a=1"}},               // text after the last ":" is no item
+        {" a =1:=5:b==2:", {" a =1", "=5", "b==2"}},  // blanks belong to the key
+    };
+    for (const Case &c : cases) {
+        spit(conf_, c.text);
+        ASSERT_EQ(read(), int(c.want.size())) << c.text;
+        if (c.want.empty()) {
+            EXPECT_EQ(list_, nullptr);
+        }
+        std::vector<std::string> got;
+        for (std::size_t i = 0; i < c.want.size(); ++i) {
+            got.push_back(std::string(list_[i].keyword) + "=" + list_[i].value);
+            EXPECT_EQ(list_[i].used, 0);
+        }
+        EXPECT_EQ(got, c.want) << c.text;
+    }
     EXPECT_TRUE(traced("QMX_Read_qmxlddconf START"));
-}
-
-TEST_F(KeyListRead, ItemWithoutEqualsEndsTheWalkButCountsSlots) {
-    spit(conf_, "a=1:b:c=3:");
-    ASSERT_EQ(read(), 3);
-    EXPECT_STREQ(list_[0].keyword, "a");
-    EXPECT_STREQ(list_[1].keyword, "");
-    EXPECT_STREQ(list_[2].keyword, "");
-    EXPECT_STREQ(list_[2].value, "");
-}
-
-TEST_F(KeyListRead, EmptyFileAndLineWithoutColonGiveNoList) {
-    spit(conf_, "");
-    EXPECT_EQ(read(), 0);
-    EXPECT_EQ(list_, nullptr);
-    spit(conf_, "qmx_queue_depth=8\n");
-    EXPECT_EQ(read(), 0);
-    EXPECT_EQ(list_, nullptr);
-    // Text after the last ":" is not an item.
-    spit(conf_, "a=1:tail=2");
-    EXPECT_EQ(read(), 1);
-    EXPECT_STREQ(list_[0].keyword, "a");
 }
 
 TEST_F(KeyListRead, MissingFileIsStatFailureWithoutAbend) {
@@ -86,16 +82,6 @@ TEST_F(KeyListRead, OverlongKeysAndValuesAreCutNotOverrun) {
     EXPECT_STREQ(list_[1].keyword, "next");
     EXPECT_STREQ(list_[1].value, "1");
     EXPECT_TRUE(traced("qmxldd.conf item truncated"));
-}
-
-TEST_F(KeyListRead, BlanksBelongToTheKeyAndEmptyKeysAreKept) {
-    spit(conf_, " a =1:=5:b==2:");
-    ASSERT_EQ(read(), 3);
-    EXPECT_STREQ(list_[0].keyword, " a ");
-    EXPECT_STREQ(list_[1].keyword, "");
-    EXPECT_STREQ(list_[1].value, "5");
-    EXPECT_STREQ(list_[2].keyword, "b");
-    EXPECT_STREQ(list_[2].value, "=2");
 }
 
 TEST_F(KeyListRead, TooManySlotsIsRefusedWithCode9) {

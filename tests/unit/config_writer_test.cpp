@@ -30,9 +30,47 @@ protected:
     void SetUp() override { clearRetryTable(); }
 };
 
-TEST_F(ConfLayout, DriverWideThenPortsThenNewItems) {
-    EXPECT_EQ(build(items({"qmx_queue_depth=8", "qmx0_queue_depth=16"}), items({"qmx1_queue_depth=4"})),
-              "qmx_queue_depth=8:qmx0_queue_depth=16:qmx1_queue_depth=4:");
+// Plain-mode layouts of a key list (and new items) that need no other setup.
+TEST_F(ConfLayout, ItemsAreWrittenInTheFixedOrder) {
+    struct Case {
+        const char *why;
+        std::vector<std::string> keys, add;
+        std::string want;
+    } cases[] = {
+        {"driver-wide, then ports, then new items",
+         {"qmx_queue_depth=8", "qmx0_queue_depth=16"},
+         {"qmx1_queue_depth=4"},
+         "qmx_queue_depth=8:qmx0_queue_depth=16:qmx1_queue_depth=4:"},
+        // "_lun_reset_delay" is not a "_reset_delay"; "_link_down" must be the
+        // whole rest of the key; an unknown suffix follows the port's tables.
+        {"suffix tests take the first match",
+         {"qmx2_unknown=1", "qmx2_lun_reset_delay=7", "qmx2_reset_delay=3", "qmx2_link_down_x=9",
+          "qmx2_link_down=4", "qmx3_queue_depth=1"},
+         {},
+         "qmx2_link_down=4:qmx2_reset_delay=3:qmx2_lun_reset_delay=7:qmx2_unknown=1:"
+         "qmx2_link_down_x=9:qmx3_queue_depth=1:"},
+        // Ports 10..19 and 100..199 share port 1's prefix "qmx1".
+        {"leftovers follow the first port their key starts with",
+         {"qmx12_unknown=a", "qmx2_queue_depth=2", "qmx150_other=b", "qmx1_queue_depth=1",
+          "qmx12_queue_depth=12", "qmx1x=c"},
+         {},
+         "qmx1_queue_depth=1:qmx12_unknown=a:qmx150_other=b:qmx1x=c:qmx2_queue_depth=2:"
+         "qmx12_queue_depth=12:"},
+        // Only "qmx<N>_retry_cnt<0..999>" as printed with %d names an entry.
+        {"retry keys that name no entry are taken and dropped",
+         {"qmx03_retry_cnt5=a", "qmx3_retry_cnt1000=b", "qmx3_retry_cnt05=c", "qmx3_retry_cnt7=d",
+          "qmx3_x_retry_cnt8=e"},
+         {},
+         "qmx3_retry_cnt7=d:"},
+        {"values too long for a table and ports outside stay as items",
+         {"qmx2_queue_depth=12345678", "qmx300_queue_depth=4", "qmx-4_queue_depth=5", "qmx2_link_speed=8"},
+         {},
+         "qmx2_link_speed=8:qmx2_queue_depth=12345678:qmx300_queue_depth=4:qmx-4_queue_depth=5:"},
+    };
+    for (const Case &c : cases) {
+        clearRetryTable();
+        EXPECT_EQ(build(items(c.keys), items(c.add)), c.want) << c.why;
+    }
 }
 
 TEST_F(ConfLayout, EveryPortParameterInItsFixedPlace) {
@@ -44,14 +82,7 @@ TEST_F(ConfLayout, EveryPortParameterInItsFixedPlace) {
     kv.push_back("qmx5_retry_cnt999=r999");
     kv.push_back("qmx5_retry_cnt10=r10");
     kv.push_back("qmx5_retry_cnt0=r0");
-    std::vector<util_para> add(kv.size());
-    std::memset(add.data(), 0, add.size() * sizeof(util_para));
-    for (std::size_t i = 0; i < kv.size(); ++i) {
-        auto eq = kv[i].find('=');
-        qmx::copyText(add[i].keyword, kv[i].substr(0, eq));
-        qmx::copyText(add[i].value, kv[i].substr(eq + 1));
-    }
-    std::string out = build({}, add);
+    std::string out = build({}, items(kv));
     std::string want;
     for (std::size_t i = 0; i < std::size(kPortOrder); ++i) {
         if (std::string(kPortOrder[i]) == "_lun_reset_delay")
@@ -59,25 +90,6 @@ TEST_F(ConfLayout, EveryPortParameterInItsFixedPlace) {
         want += std::string("qmx5") + kPortOrder[i] + "=" + std::to_string(i) + ":";
     }
     EXPECT_EQ(out, want);
-}
-
-TEST_F(ConfLayout, SuffixTestsTakeTheFirstMatch) {
-    // "_lun_reset_delay" is not a "_reset_delay"; "_link_down" must be the
-    // whole rest of the key; an unknown suffix follows the port's tables.
-    std::string out = build(items({"qmx2_unknown=1", "qmx2_lun_reset_delay=7", "qmx2_reset_delay=3",
-                                   "qmx2_link_down_x=9", "qmx2_link_down=4", "qmx3_queue_depth=1"}));
-    EXPECT_EQ(out,
-              "qmx2_link_down=4:qmx2_reset_delay=3:qmx2_lun_reset_delay=7:qmx2_unknown=1:"
-              "qmx2_link_down_x=9:qmx3_queue_depth=1:");
-}
-
-TEST_F(ConfLayout, LeftoversFollowTheFirstPortTheirKeyStartsWith) {
-    // Ports 10..19 and 100..199 share port 1's prefix "qmx1".
-    std::string out = build(items({"qmx12_unknown=a", "qmx2_queue_depth=2", "qmx150_other=b",
-                                   "qmx1_queue_depth=1", "qmx12_queue_depth=12", "qmx1x=c"}));
-    EXPECT_EQ(out,
-              "qmx1_queue_depth=1:qmx12_unknown=a:qmx150_other=b:qmx1x=c:qmx2_queue_depth=2:"
-              "qmx12_queue_depth=12:");
 }
 
 TEST_F(ConfLayout, PassOneTakesPrefixesAndPassTwoOnlyTheDriverWideSet) {
@@ -94,13 +106,6 @@ TEST_F(ConfLayout, EmptiedAndMarkedItemsAreNotWrittenInPlainMode) {
     keys[3].used = 1;
     keys[4].used = 1;
     EXPECT_EQ(build(keys), "qmx0_queue_depth=1:keep=1:");
-}
-
-TEST_F(ConfLayout, RetryKeysThatNameNoEntryAreTakenAndDropped) {
-    // Only "qmx<N>_retry_cnt<0..999>" as printed with %d names an entry.
-    std::string out = build(items({"qmx03_retry_cnt5=a", "qmx3_retry_cnt1000=b", "qmx3_retry_cnt05=c",
-                                   "qmx3_retry_cnt7=d", "qmx3_x_retry_cnt8=e"}));
-    EXPECT_EQ(out, "qmx3_retry_cnt7=d:");
 }
 
 TEST_F(ConfLayout, RetryCountsOfEarlierWritesStayExceptThePortZeroHead) {
@@ -129,14 +134,6 @@ TEST_F(ConfLayout, IsolationItemsFillRecordsFrontToBack) {
     std::string all = build(add);
     EXPECT_NE(all.find("qmx_01_2b_00_bs=2:"), std::string::npos);
     EXPECT_EQ(std::count(all.begin(), all.end(), ':'), 300);
-}
-
-TEST_F(ConfLayout, ValuesTooLongForATableAndPortsOutsideStayAsItems) {
-    std::string out = build(items({"qmx2_queue_depth=12345678", "qmx300_queue_depth=4",
-                                   "qmx-4_queue_depth=5", "qmx2_link_speed=8"}));
-    EXPECT_EQ(out,
-              "qmx2_link_speed=8:qmx2_queue_depth=12345678:qmx300_queue_depth=4:"
-              "qmx-4_queue_depth=5:");
 }
 
 TEST_F(ConfLayout, HostileListsDoNotCrash) {
