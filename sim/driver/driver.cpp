@@ -478,33 +478,47 @@ bool doWrParm(json &state, json &, Call &c) {
     return true;
 }
 
-bool doTgtMap(json &, json &port, Call &c) {
-    auto *map = reinterpret_cast<qmx_mp_target *>(c.arg);
-    uint32_t cap = map->header.entry_count;
-    if (cap > QMX_MP_TGTMAP_MAX) cap = QMX_MP_TGTMAP_MAX;
-    if (!probe(uint64_t(uintptr_t(c.arg)), QMX_MP_TARGET_SIZE(cap))) {
+// Fills the entries of a map whose header tells how many the caller made
+// room for, bounded by that room and by the driver's maximum; false when the
+// caller's buffer is not there.
+template <class Entry, class SizeFor, class Fill>
+bool fillBoundedMap(Call &c, json &port, uint32_t room, std::size_t headerSize, SizeFor sizeFor,
+                    uint32_t *count, Fill fill) {
+    uint32_t cap = room > QMX_MP_TGTMAP_MAX ? QMX_MP_TGTMAP_MAX : room;
+    if (!probe(uint64_t(uintptr_t(c.arg)), sizeFor(cap))) {
         c.err = EFAULT;
         return false;
     }
-    int n = qmxsim::targetCount(port);
-    uint32_t count = uint32_t(n) < cap ? uint32_t(n) : cap;
-    int instance = int(fieldI64(port, "instance", fieldI64(port, "devno", 0)));
-    auto *entries = reinterpret_cast<mp_target_entry *>(c.arg + sizeof(mp_target_header));
-    for (uint32_t i = 0; i < count; ++i) {
-        qmxsim::TargetView t = qmxsim::targetAt(port, int(i));
-        mp_target_entry e;
+    int available = qmxsim::targetCount(port);
+    *count = uint32_t(available) < cap ? uint32_t(available) : cap;
+    auto *entries = reinterpret_cast<Entry *>(c.arg + headerSize);
+    for (uint32_t i = 0; i < *count; ++i) {
+        Entry e;
         std::memset(&e, 0, sizeof e);
-        e.nodename = t.wwnn;
-        e.portname = t.wwpn;
-        e.flags = uint8_t(t.flags);
-        e.attribute = uint8_t(t.attribute);
-        e.groupid = uint8_t(t.group);
-        e.targetid = uint8_t(t.tid);
-        e.pathid = uint8_t(t.pathid);
-        e.instance = uint8_t(instance);
+        fill(e, qmxsim::targetAt(port, int(i)));
         std::memcpy(&entries[i], &e, sizeof e);
     }
-    map->header.target_count = count;
+    return true;
+}
+
+bool doTgtMap(json &, json &port, Call &c) {
+    auto *map = reinterpret_cast<qmx_mp_target *>(c.arg);
+    int instance = int(fieldI64(port, "instance", fieldI64(port, "devno", 0)));
+    uint32_t count = 0;
+    auto size = [](uint32_t n) { return QMX_MP_TARGET_SIZE(n); };
+    if (fillBoundedMap<mp_target_entry>(c, port, map->header.entry_count, sizeof(mp_target_header),
+                                        size, &count,
+                                        [&](mp_target_entry &e, const qmxsim::TargetView &t) {
+                                            e.nodename = t.wwnn;
+                                            e.portname = t.wwpn;
+                                            e.flags = uint8_t(t.flags);
+                                            e.attribute = uint8_t(t.attribute);
+                                            e.groupid = uint8_t(t.group);
+                                            e.targetid = uint8_t(t.tid);
+                                            e.pathid = uint8_t(t.pathid);
+                                            e.instance = uint8_t(instance);
+                                        }))
+        map->header.target_count = count;
     return false;
 }
 
@@ -580,28 +594,19 @@ bool doSetPath(json &, json &port, Call &c) {
 
 bool doLgTgtMap(json &, json &port, Call &c) {
     auto *map = reinterpret_cast<qmx_mp_lgtarget *>(c.arg);
-    uint32_t cap = map->header.entry_count;
-    if (cap > QMX_MP_TGTMAP_MAX) cap = QMX_MP_TGTMAP_MAX;
-    if (!probe(uint64_t(uintptr_t(c.arg)), QMX_MP_LGTARGET_SIZE(cap))) {
-        c.err = EFAULT;
-        return false;
-    }
-    int n = qmxsim::targetCount(port);
-    uint32_t count = uint32_t(n) < cap ? uint32_t(n) : cap;
     int instance = int(fieldI64(port, "instance", fieldI64(port, "devno", 0)));
-    auto *entries = reinterpret_cast<mp_lgtarget_entry *>(c.arg + sizeof(mp_lgtarget_header));
-    for (uint32_t i = 0; i < count; ++i) {
-        qmxsim::TargetView t = qmxsim::targetAt(port, int(i));
-        mp_lgtarget_entry e;
-        std::memset(&e, 0, sizeof e);
-        e.flags = 1;
-        e.groupid = uint8_t(t.group);
-        e.targetid = uint8_t(t.tid);
-        e.instance = uint8_t(instance);
-        e.path_cnt = 1;
-        std::memcpy(&entries[i], &e, sizeof e);
-    }
-    map->header.lgtarget_count = count;
+    uint32_t count = 0;
+    auto size = [](uint32_t n) { return QMX_MP_LGTARGET_SIZE(n); };
+    if (fillBoundedMap<mp_lgtarget_entry>(c, port, map->header.entry_count,
+                                          sizeof(mp_lgtarget_header), size, &count,
+                                          [&](mp_lgtarget_entry &e, const qmxsim::TargetView &t) {
+                                              e.flags = 1;
+                                              e.groupid = uint8_t(t.group);
+                                              e.targetid = uint8_t(t.tid);
+                                              e.instance = uint8_t(instance);
+                                              e.path_cnt = 1;
+                                          }))
+        map->header.lgtarget_count = count;
     return false;
 }
 

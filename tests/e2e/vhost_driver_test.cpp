@@ -197,6 +197,17 @@ TEST_F(VHostDriver, TargetMapStaysWithinTheCallersCapacity) {
     EXPECT_EQ(map->e[1].nodename, 0xEEEEEEEEEEEEEEEEull);  // nothing written past the capacity
 }
 
+TEST_F(VHostDriver, LogicalTargetMapStaysWithinTheCallersCapacity) {
+    Device d(0);
+    std::vector<uint8_t> buf(QMX_MP_LGTARGET_SIZE(4), 0xEE);
+    auto *map = reinterpret_cast<qmx_mp_lgtarget *>(buf.data());
+    map->header.entry_count = 1;
+    ASSERT_EQ(d.call(IOCTL_QMX_MP_LGTGTMAP, map), 0);
+    EXPECT_EQ(map->header.lgtarget_count, 1u);
+    EXPECT_EQ(map->entry[0].path_cnt, 1);
+    EXPECT_EQ(buf[QMX_MP_LGTARGET_SIZE(1)], 0xEE);  // nothing written past the capacity
+}
+
 TEST_F(VHostDriver, MaximumTargetAndLuMapsAreGeneratedOnDemand) {
     setPortField(0, "gen_targets", 256);
     setPortField(0, "gen_luns", 2048);
