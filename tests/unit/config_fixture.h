@@ -154,8 +154,7 @@ protected:
 // A key list built from "key=value" texts (an entry without "=" is an
 // empty slot).
 inline std::vector<util_para> items(const std::vector<std::string> &kv) {
-    std::vector<util_para> v(kv.size());
-    std::memset(v.data(), 0, v.size() * sizeof(util_para));
+    std::vector<util_para> v(kv.size());  // value-initialised: all zero
     for (std::size_t i = 0; i < kv.size(); ++i) {
         auto eq = kv[i].find('=');
         if (eq != std::string::npos) {
