@@ -897,6 +897,26 @@ int driverIoctl(int devno, unsigned long request, void *argp) {
 // ---------------------------------------------------------------------------
 // Interposed calls
 // ---------------------------------------------------------------------------
+// The body every replacement of the open and fopen family shares: a path the
+// scenario made unreadable is refused, a /proc path of the driver is sent
+// into the state directory, anything else goes to the real function
+// unchanged.  These are C functions: nothing may escape as an exception.
+template <class R, class Call>
+R openPath(const char *path, R failed, Call call) noexcept {
+    if (refused(path)) {
+        errno = EACCES;
+        return failed;
+    }
+    try {
+        std::string buf;
+        const char *p = redirect(path, buf);
+        return call(p ? p : path);
+    } catch (...) {
+        errno = ENOMEM;
+        return failed;
+    }
+}
+
 extern "C" {
 
 __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request, ...) {
@@ -933,104 +953,50 @@ __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request, 
 __attribute__((visibility("default"))) int open(const char *path, int flags, ...) {
     QMX_OPEN_MODE(flags, mode)
     static OpenFn real = realFn<OpenFn>("open");
-    if (refused(path)) {
-        errno = EACCES;
-        return -1;
-    }
-    std::string buf;
-    const char *p = redirect(path, buf);
-    return real(p ? p : path, flags, mode);
+    return openPath(path, -1, [&](const char *p) { return real(p, flags, mode); });
 }
 
 __attribute__((visibility("default"))) int open64(const char *path, int flags, ...) {
     QMX_OPEN_MODE(flags, mode)
     static OpenFn real = realFn<OpenFn>("open64");
-    if (refused(path)) {
-        errno = EACCES;
-        return -1;
-    }
-    std::string buf;
-    const char *p = redirect(path, buf);
-    return real(p ? p : path, flags, mode);
+    return openPath(path, -1, [&](const char *p) { return real(p, flags, mode); });
 }
 
 __attribute__((visibility("default"))) int openat(int dirfd, const char *path, int flags, ...) {
     QMX_OPEN_MODE(flags, mode)
     static OpenatFn real = realFn<OpenatFn>("openat");
-    if (refused(path)) {
-        errno = EACCES;
-        return -1;
-    }
-    std::string buf;
-    const char *p = redirect(path, buf);
-    return real(dirfd, p ? p : path, flags, mode);
+    return openPath(path, -1, [&](const char *p) { return real(dirfd, p, flags, mode); });
 }
 
 __attribute__((visibility("default"))) int openat64(int dirfd, const char *path, int flags, ...) {
     QMX_OPEN_MODE(flags, mode)
     static OpenatFn real = realFn<OpenatFn>("openat64");
-    if (refused(path)) {
-        errno = EACCES;
-        return -1;
-    }
-    std::string buf;
-    const char *p = redirect(path, buf);
-    return real(dirfd, p ? p : path, flags, mode);
+    return openPath(path, -1, [&](const char *p) { return real(dirfd, p, flags, mode); });
 }
 
 __attribute__((visibility("default"))) int __open_2(const char *path, int flags) {
     static Open2Fn real = realFn<Open2Fn>("__open_2");
-    if (refused(path)) {
-        errno = EACCES;
-        return -1;
-    }
-    std::string buf;
-    const char *p = redirect(path, buf);
-    return real(p ? p : path, flags);
+    return openPath(path, -1, [&](const char *p) { return real(p, flags); });
 }
 
 __attribute__((visibility("default"))) int __open64_2(const char *path, int flags) {
     static Open2Fn real = realFn<Open2Fn>("__open64_2");
-    if (refused(path)) {
-        errno = EACCES;
-        return -1;
-    }
-    std::string buf;
-    const char *p = redirect(path, buf);
-    return real(p ? p : path, flags);
+    return openPath(path, -1, [&](const char *p) { return real(p, flags); });
 }
 
 __attribute__((visibility("default"))) int __openat_2(int dirfd, const char *path, int flags) {
     static Openat2Fn real = realFn<Openat2Fn>("__openat_2");
-    if (refused(path)) {
-        errno = EACCES;
-        return -1;
-    }
-    std::string buf;
-    const char *p = redirect(path, buf);
-    return real(dirfd, p ? p : path, flags);
+    return openPath(path, -1, [&](const char *p) { return real(dirfd, p, flags); });
 }
 
 __attribute__((visibility("default"))) FILE *fopen(const char *path, const char *mode) {
     static FopenFn real = realFn<FopenFn>("fopen");
-    if (refused(path)) {
-        errno = EACCES;
-        return nullptr;
-    }
-    std::string buf;
-    const char *p = redirect(path, buf);
-    return real(p ? p : path, mode);
+    return openPath(path, static_cast<FILE *>(nullptr), [&](const char *p) { return real(p, mode); });
 }
 
 __attribute__((visibility("default"))) FILE *fopen64(const char *path, const char *mode) {
     static FopenFn real = realFn<FopenFn>("fopen64");
-    if (refused(path)) {
-        errno = EACCES;
-        return nullptr;
-    }
-    std::string buf;
-    const char *p = redirect(path, buf);
-    return real(p ? p : path, mode);
+    return openPath(path, static_cast<FILE *>(nullptr), [&](const char *p) { return real(p, mode); });
 }
 
 }  // extern "C"
