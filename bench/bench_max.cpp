@@ -43,72 +43,13 @@
 #include <vector>
 
 #include "frame/frame.h"
+#include "max_support.h"
 #include "qmxldd_ioctl.h"
 #include "qmxvlib.h"
 
 namespace {
 
-constexpr const char *kTraceDir = "/opt/kestrel/drivers/hba";
-constexpr const char *kConfFile = "/etc/qmxldd.conf";
-constexpr int kLineBytes = 121;
-constexpr int kRingLines = 4000;
-
-std::string slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-bool spit(const std::string &path, const std::string &text) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-    return bool(out);
-}
-
-// Discovery runs once per process in the library's port lookup; the
-// benchmarks that need the port table fill it here, untimed.
-int discoveredPorts() {
-    static int ports = [] {
-        QMX_DevFind();
-        skipInitRtn = 1;
-        return c_max_port;
-    }();
-    return ports;
-}
-
-QMX_WWN lastPortWwn() {
-    QMX_WWN w{};
-    int n = discoveredPorts();
-    if (n > 0) getWWN(dev_info_all[n - 1].wwn, &w);
-    return w;
-}
-
-// A trace text line: `text` padded with blanks to 120 characters.
-std::string traceLine(const std::string &text) {
-    std::string line = text.substr(0, 120);
-    line.resize(120, ' ');
-    return line + '\n';
-}
-
-// Keeps the trace file name the exported calls use; benchmarks that work on
-// a ring of their own switch the name and restore it.
-class OwnRing {
-public:
-    explicit OwnRing(const char *name) {
-        QMX_ChangeTraceLogFile(const_cast<char *>(name));
-        path_ = std::string(kTraceDir) + "/" + name;
-    }
-    ~OwnRing() {
-        if (QMX_G_TraceFP != nullptr) QMX_CloseApiTraceFile();
-        QMX_ChangeTraceLogFile(const_cast<char *>("qmxlibTrace.txt"));
-        ::unlink(path_.c_str());
-    }
-    const std::string &path() const { return path_; }
-
-private:
-    std::string path_;
-};
+using namespace qmxbench;
 
 // ---------------------------------------------------------------------------
 

@@ -56,6 +56,21 @@ typedef struct QMX_wwn {
 #define QMX_ERR_BIOS_TOOL       11
 #define QMX_ERR_DIAG_ABORT      12
 #define QMX_ERR_SIZE_LIMIT      14
+#define QMX_ERR_SFP_ISOLATION   20  /* transceiver isolation refused by the port's state */
+#define QMX_ERR_ISOLATION_1     21  /* adapter isolation refused by the driver (errcode 1) */
+#define QMX_ERR_ISOLATION_2     22  /* adapter isolation refused by the driver (errcode 2) */
+#define QMX_ERR_LUPATH_BAD_STATUS      30  /* "bad status" */
+#define QMX_ERR_LUPATH_PCM_DISABLE     31  /* "QMX-PCM disable" */
+#define QMX_ERR_LUPATH_BAD_NEW_STATUS  32  /* "bad new status" */
+#define QMX_ERR_LUPATH_NO_DEVICE       33  /* "no device" */
+#define QMX_ERR_LUPATH_NOT_REGISTERED  34  /* "not register lgde (no device)" */
+#define QMX_ERR_LUPATH_ADAPTER_OFFLINE 35  /* "adapter status is not online" */
+#define QMX_ERR_LUPATH_TARGET_OFFLINE  36  /* "target status is not online" */
+#define QMX_ERR_LUPATH_INCOMPLETE      37  /* "request imcomplete" */
+#define QMX_ERR_LUPATH_BUSY            38  /* "BUSY path-delete" (EBUSY) */
+#define QMX_ERR_TGTSCAN_3       39  /* target scan: driver result 3 */
+#define QMX_ERR_TGTSCAN_2       40  /* target scan: driver result 2 */
+#define QMX_ERR_TGTSCAN_1       41  /* target scan: driver result 1 */
 
 /* ------------------------------------------------------------------------- */
 /* Process globals                                                           */
@@ -291,6 +306,10 @@ QMX_API QMX_STATUS QMX_SetBootPriorityList(QMX_WWN wwn, QMX_BOOTPRIORITYLIST boo
 
 /* @@MULTIPATH@@ binding, adapter numbering */
 
+/* @@BINDING@@ persistent binding, LU priority and path control */
+
+/* @@MPRUNTIME@@ multipath environment, LU and target paths, LU IDs, path limits */
+
 /* Adapter numbering.  One entry per port; set_opr selects the change that
    QMX_SetAdapterNumber makes for the entry:
      0 none, 1 give hba_wwn the number adapternumber,
@@ -325,6 +344,14 @@ QMX_CHECK_SIZE(QMX_ADAPTERNUMBER, 256 * 88 + 4);
 QMX_API QMX_STATUS QMX_GetAdapterNumber(QMX_ADAPTERNUMBER *adapter_info, int mode);
 QMX_API QMX_STATUS QMX_SetAdapterNumber(QMX_ADAPTERNUMBER *adapter_info);
 QMX_API QMX_STATUS QMX_DeleteAdapterPath(QMX_WWN wwn, QMX_UINT8 devno);
+
+/* @@BIOSDATA@@ BIOS backup data, firmware, diagnostics */
+
+/* @@ISOLATION@@ isolation and trouble counters */
+
+/* @@DISKCONF@@ disk configuration record */
+
+/* @@HOSTINFO@@ aliases, host and port information, defaults, reflection, target scan */
 
 #ifdef __cplusplus
 }

@@ -12,7 +12,7 @@ run_suite() {  # name, extra cmake args...
   local name=$1; shift
   local dir=$out/$name
   echo "=== $name build"
-  cmake -S "$root" -B "$dir" "$@" >/dev/null
+  cmake -S "$root" -B "$dir" -DQMX_WERROR=ON "$@" >/dev/null
   cmake --build "$dir" -j"$jobs"
   echo "=== $name tests"
   ctest --test-dir "$dir" -j"$((jobs * 2))" --output-on-failure --timeout 600
@@ -24,7 +24,7 @@ run_suite sanitize -DCMAKE_BUILD_TYPE=Debug -DQMX_SANITIZE=ON -DQMX_BUILD_BENCH=
 if [ -f "$root/fuzz/CMakeLists.txt" ]; then
   echo "=== fuzz smoke"
   fdir=$out/fuzz
-  CC=clang CXX=clang++ cmake -S "$root" -B "$fdir" -DCMAKE_BUILD_TYPE=Debug -DQMX_BUILD_FUZZ=ON \
+  CC=clang CXX=clang++ cmake -S "$root" -B "$fdir" -DQMX_WERROR=ON -DCMAKE_BUILD_TYPE=Debug -DQMX_BUILD_FUZZ=ON \
     -DQMX_BUILD_TESTS=OFF -DQMX_BUILD_BENCH=OFF >/dev/null
   cmake --build "$fdir" -j"$jobs"
   for f in "$fdir"/fuzz/fuzz_*; do

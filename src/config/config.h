@@ -17,7 +17,7 @@
 #include <string>
 #include <string_view>
 
-#include "multipath/binding_tables.h"
+#include "config/binding_tables.h"
 #include "qmxvlib.h"
 
 // ---------------------------------------------------------------------------

@@ -23,7 +23,7 @@
 
 #include "config/config.h"
 #include "frame/frame.h"
-#include "multipath/binding_tables.h"
+#include "config/binding_tables.h"
 
 __HBAKEY connection_type[kConfPorts], link_speed[kConfPorts], max_transfer[kConfPorts],
     link_down[kConfPorts], reset_delay[kConfPorts], mck_retry[kConfPorts],

@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "config_fixture.h"
-#include "multipath/binding_tables.h"
+#include "config/binding_tables.h"
 
 using namespace cfgtest;
 

@@ -1,13 +1,55 @@
 // The qmxmgr commands.  Each returns the process exit status and throws
 // UsageError or CallError for the caller to report.
+//
+// Command groups register themselves: each group file has one add...Commands
+// function that adds its subcommands to the application and, from a
+// subcommand's callback, selects the action that main runs after parsing.
+// A new group adds its function to the list below and to kCommandGroups in
+// groups.cpp.
 #pragma once
 
+#include <functional>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include <CLI/CLI.hpp>
 
 #include "common.h"
 
 namespace qmxmgr {
+
+// The command line being built.
+struct CommandLine {
+    CLI::App &app;
+    std::map<const CLI::App *, std::function<int()>> actions;
+
+    // Runs `fn` when `sub` is the command given.
+    void on(CLI::App *sub, std::function<int()> fn) { actions[sub] = std::move(fn); }
+
+    // After parsing: the action of the most deeply nested command given
+    // (`numbering set` runs set, `numbering` alone the listing), or none.
+    std::function<int()> chosen() const {
+        std::function<int()> fn;
+        for (const CLI::App *a = &app; a != nullptr;) {
+            if (auto it = actions.find(a); it != actions.end()) fn = it->second;
+            auto subs = a->get_subcommands();
+            a = subs.empty() ? nullptr : subs.front();
+        }
+        return fn;
+    }
+};
+
+// Help text of a PORT operand.
+extern const char *const kPortHelp;
+
+using AddCommands = void (*)(CommandLine &);
+void addPortCommands(CommandLine &cl);       // ports, show, get, set, unset, bi
+void addNumberingCommands(CommandLine &cl);  // numbering
+void addTraceCommands(CommandLine &cl);      // trace
+// Every group, in the order of the help text.
+extern const std::vector<AddCommands> kCommandGroups;
 
 struct Options {
     bool json = false;
@@ -15,6 +57,8 @@ struct Options {
     bool configured = false;
     bool follow = false;
     int lines = -1;
+    int devno = -1;
+    std::string board;
     std::string port;
     std::string state;
     std::vector<std::string> args;

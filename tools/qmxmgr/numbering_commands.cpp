@@ -153,4 +153,43 @@ int cmdTrace(const Options &o) {
     }
 }
 
+void addNumberingCommands(CommandLine &cl) {
+    auto o = std::make_shared<Options>();
+    auto *numbering = cl.app.add_subcommand(
+        "numbering", "Adapter numbers: as the driver has them, or --configured as "
+                     "/etc/qmxldd.conf fixes them");
+    numbering->add_flag("--configured", o->configured, "The numbering in /etc/qmxldd.conf");
+    numbering->add_flag("--json", o->json, "JSON output");
+    numbering->require_subcommand(0, 1);
+    cl.on(numbering, [o] { return cmdNumbering(*o); });
+
+    auto *nset = numbering->add_subcommand(
+        "set", "Give ports numbers: set NUMBER PORT [NUMBER PORT ...]");
+    nset->add_option("PAIRS", o->args, "NUMBER PORT pairs")->required();
+    cl.on(nset, [o] { return cmdNumberingChange(*o, QMX_ADPNUM_OPR_ASSIGN); });
+    auto *nremove = numbering->add_subcommand(
+        "remove", "Remove the numbers bound to ports: remove PORT [PORT ...]");
+    nremove->add_option("PORTS", o->args, kPortHelp)->required();
+    cl.on(nremove, [o] { return cmdNumberingChange(*o, QMX_ADPNUM_OPR_REMOVE); });
+    auto *nrebind = numbering->add_subcommand(
+        "rebind", "Bind existing numbers to other WWNs: rebind NUMBER PORT [NUMBER PORT ...]");
+    nrebind->add_option("PAIRS", o->args, "NUMBER PORT pairs")->required();
+    cl.on(nrebind, [o] { return cmdNumberingChange(*o, QMX_ADPNUM_OPR_REBIND); });
+    auto *ndelete = numbering->add_subcommand(
+        "delete-path", "Remove a port's device path from the driver and /dev");
+    ndelete->add_option("PORT", o->port, kPortHelp)->required();
+    ndelete->add_option("--devno", o->devno, "Device number to send the request to "
+                                             "(default: the port's own)");
+    cl.on(ndelete, [o] { return cmdDeletePath(*o, o->devno); });
+}
+
+void addTraceCommands(CommandLine &cl) {
+    auto o = std::make_shared<Options>();
+    auto *trace = cl.app.add_subcommand("trace", "The library's API trace, oldest line first");
+    trace->add_flag("-f,--follow", o->follow, "Keep printing new lines as they are written");
+    trace->add_option("-n,--lines", o->lines, "Only the last N lines");
+    trace->add_flag("--json", o->json, "JSON output");
+    cl.on(trace, [o] { return cmdTrace(*o); });
+}
+
 }  // namespace qmxmgr

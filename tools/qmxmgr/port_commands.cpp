@@ -216,4 +216,53 @@ int cmdBios(const Options &o) {
     return kExitOk;
 }
 
+void addPortCommands(CommandLine &cl) {
+    auto o = std::make_shared<Options>();
+    CLI::App &app = cl.app;
+
+    auto *ports = app.add_subcommand("ports", "List the ports with device, WWN, PCI address, "
+                                              "model, firmware and status");
+    ports->add_flag("--json", o->json, "JSON output");
+    cl.on(ports, [o] { return cmdPorts(*o); });
+
+    auto *show = app.add_subcommand("show", "Every parameter of a port, current and setting value");
+    show->add_option("PORT", o->port, kPortHelp)->required();
+    show->add_flag("--json", o->json, "JSON output");
+    cl.on(show, [o] { return cmdShow(*o); });
+
+    auto *get = app.add_subcommand("get", "One parameter: get PORT PARAM, or get --all-ports PARAM");
+    get->add_flag("--all-ports", o->allPorts, "Every port");
+    get->add_option("ARGS", o->args, "PORT PARAM (PARAM alone with --all-ports)")
+        ->required()->expected(1, 2);
+    get->add_flag("--json", o->json, "JSON output");
+    cl.on(get, [o] { return cmdGet(*o); });
+
+    auto *set = app.add_subcommand(
+        "set", "Store a setting: set PORT PARAM VALUE, or set --all-ports PARAM VALUE "
+               "(driver-wide value; the all-zero WWN does the same)");
+    set->add_flag("--all-ports", o->allPorts, "The driver-wide value");
+    set->add_option("ARGS", o->args, "PORT PARAM VALUE (PARAM VALUE with --all-ports)")
+        ->required()->expected(2, 3);
+    cl.on(set, [o] { return cmdSet(*o, false); });
+
+    auto *unset = app.add_subcommand("unset", "Remove a stored setting: unset PORT PARAM, or "
+                                              "unset --all-ports PARAM");
+    unset->add_flag("--all-ports", o->allPorts, "The driver-wide value");
+    unset->add_option("ARGS", o->args, "PORT PARAM (PARAM alone with --all-ports)")
+        ->required()->expected(1, 2);
+    cl.on(unset, [o] { return cmdSet(*o, true); });
+
+    app.add_option("-b,--board", o->board,
+                   "Port (device name, WWN or adapter number) for the bi command");
+    auto *bi = app.add_subcommand("bi", "HBA BIOS setting of the -b port: bi [enable|disable]");
+    bi->add_option("STATE", o->state, "enable or disable; none: show")
+        ->check(CLI::IsMember({"enable", "disable"}));
+    bi->add_flag("--json", o->json, "JSON output");
+    cl.on(bi, [o] {
+        if (o->board.empty()) throw UsageError("bi needs the port: qmxmgr -b DEVICE bi ...");
+        o->port = o->board;
+        return cmdBios(*o);
+    });
+}
+
 }  // namespace qmxmgr

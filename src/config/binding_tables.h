@@ -1,7 +1,8 @@
 // Process-wide persistent binding tables: one record per target binding item
 // ("qmxl<N>-tid-<T>-<kind>") and one per adapter item ("qmxl<N>-wwpn").
-// The binding module fills them (from the driver or from the configuration
-// file); the configuration file writer emits them in binding mode.  Static
+// They are the configuration store's model of the binding items: the store
+// owns them, the binding and multipath calls (src/multipath/) fill and edit
+// them, and the configuration file writer emits them in binding mode.  Static
 // storage, zero at load, unguarded (the library has no threads).
 #pragma once
 

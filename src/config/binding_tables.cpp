@@ -1,5 +1,5 @@
 // Storage of the persistent binding tables (see binding_tables.h).
-#include "multipath/binding_tables.h"
+#include "config/binding_tables.h"
 
 __TBLKEY TBLKEY[BINDMAX];
 int bind_cnt = 0;

@@ -1,0 +1,119 @@
+// Shared pieces of the maximum-configuration benchmarks (qmx_bench_max):
+// bench_max.cpp holds main and the frame, trace and discovery benchmarks;
+// every bench/max_*.cpp file adds the benchmarks of one call family and is
+// linked into the same binary.
+//
+// Each benchmark of a call also times the bare I/O that the call must do
+// (the driver requests it issues, the bytes it reads and writes) and reports
+// the ratio with timeAgainstBare().
+#pragma once
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "frame/frame.h"
+#include "qmxvlib.h"
+
+namespace qmxbench {
+
+inline constexpr const char *kTraceDir = "/opt/kestrel/drivers/hba";
+inline constexpr const char *kConfFile = "/etc/qmxldd.conf";
+inline constexpr int kLineBytes = 121;
+inline constexpr int kRingLines = 4000;
+
+inline std::string slurp(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+inline bool spit(const std::string &path, const std::string &text) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+    return bool(out);
+}
+
+// Discovery runs once per process in the library's port lookup; the
+// benchmarks that need the port table fill it here, untimed.
+inline int discoveredPorts() {
+    static int ports = [] {
+        QMX_DevFind();
+        skipInitRtn = 1;
+        return c_max_port;
+    }();
+    return ports;
+}
+
+inline QMX_WWN lastPortWwn() {
+    QMX_WWN w{};
+    int n = discoveredPorts();
+    if (n > 0) getWWN(dev_info_all[n - 1].wwn, &w);
+    return w;
+}
+
+// A trace text line: `text` padded with blanks to 120 characters.
+inline std::string traceLine(const std::string &text) {
+    std::string line = text.substr(0, 120);
+    line.resize(120, ' ');
+    return line + '\n';
+}
+
+// Keeps the trace file name the exported calls use; benchmarks that work on
+// a ring of their own switch the name and restore it.
+class OwnRing {
+public:
+    explicit OwnRing(const char *name) {
+        QMX_ChangeTraceLogFile(const_cast<char *>(name));
+        path_ = std::string(kTraceDir) + "/" + name;
+    }
+    ~OwnRing() {
+        if (QMX_G_TraceFP != nullptr) QMX_CloseApiTraceFile();
+        QMX_ChangeTraceLogFile(const_cast<char *>("qmxlibTrace.txt"));
+        ::unlink(path_.c_str());
+    }
+    const std::string &path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// Times `call` in the benchmark loop, then `bare` (the raw I/O the call
+// must do) as many times outside it, and reports both and their ratio:
+// counters "bare_us" (mean of the bare I/O, microseconds) and "x_bare"
+// (call time / bare time).  Either returning false stops the benchmark with
+// an error, so a failing path is never timed.
+template <class Call, class Bare>
+void timeAgainstBare(benchmark::State &state, Call &&call, Bare &&bare) {
+    using clock = std::chrono::steady_clock;
+    double callNs = 0;
+    long n = 0;
+    for (auto _ : state) {
+        auto t0 = clock::now();
+        bool ok = call();
+        callNs += std::chrono::duration<double, std::nano>(clock::now() - t0).count();
+        ++n;
+        if (!ok) return state.SkipWithError("the call failed");
+    }
+    if (n == 0) return;
+    double bareNs = 0;
+    for (long i = 0; i < n; ++i) {
+        auto t0 = clock::now();
+        bool ok = bare();
+        bareNs += std::chrono::duration<double, std::nano>(clock::now() - t0).count();
+        if (!ok) return state.SkipWithError("the bare I/O failed");
+    }
+    state.counters["bare_us"] = bareNs / double(n) / 1000.0;
+    state.counters["x_bare"] = bareNs > 0 ? callNs / bareNs : 0.0;
+}
+
+}  // namespace qmxbench

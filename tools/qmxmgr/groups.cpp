@@ -1,0 +1,15 @@
+// The command groups of qmxmgr, in the order the help text lists them.
+#include "commands.h"
+
+namespace qmxmgr {
+
+const char *const kPortHelp =
+    "PORT: WWN (16 hex digits, colons optional), device (qmxldd0) or adapter number";
+
+const std::vector<AddCommands> kCommandGroups = {
+    addPortCommands,
+    addNumberingCommands,
+    addTraceCommands,
+};
+
+}  // namespace qmxmgr
