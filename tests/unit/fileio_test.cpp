@@ -1,0 +1,67 @@
+// Whole-file replacement: content, owner and mode kept, links followed,
+// nothing touched on failure.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "frame/fileio.h"
+#include "frame_test_util.h"
+
+namespace {
+
+class ReplaceFile : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/qmx-fileio-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+    }
+    void TearDown() override { (void)std::system(("rm -rf '" + dir_ + "'").c_str()); }
+    std::string p(const char *name) const { return dir_ + "/" + name; }
+    std::string dir_;
+};
+
+TEST_F(ReplaceFile, KeepsModeAndFollowsLinks) {
+    std::string real = p("real.conf"), link = p("link.conf");
+    ASSERT_TRUE(qmx::replaceFile(real.c_str(), "old", nullptr));
+    ASSERT_EQ(chmod(real.c_str(), 0640), 0);
+    ASSERT_EQ(symlink("real.conf", link.c_str()), 0);
+
+    ASSERT_TRUE(qmx::replaceFile(link.c_str(), std::string(70000, 'x'), nullptr));
+    struct stat st;
+    ASSERT_EQ(lstat(link.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    ASSERT_EQ(stat(real.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+    EXPECT_EQ(frametest::slurp(real), std::string(70000, 'x'));
+    // Only the two names are left: no temporary file stays behind.
+    EXPECT_EQ(std::system(("test $(ls -A '" + dir_ + "' | wc -l) -eq 2").c_str()), 0);
+}
+
+TEST_F(ReplaceFile, DanglingLinkCreatesItsTarget) {
+    std::string link = p("dangling");
+    ASSERT_EQ(symlink("made.conf", link.c_str()), 0);
+    ASSERT_TRUE(qmx::replaceFile(link.c_str(), "new\n", nullptr, 0600));
+    struct stat st;
+    ASSERT_EQ(stat(p("made.conf").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    EXPECT_EQ(frametest::slurp(p("made.conf")), "new\n");
+}
+
+TEST_F(ReplaceFile, FailureNamesTheCallAndLeavesNothing) {
+    std::string sub = p("sub");
+    ASSERT_EQ(mkdir(sub.c_str(), 0755), 0);
+    qmx::FileError err;
+    // A folder in place of the file is refused before anything is written.
+    EXPECT_FALSE(qmx::replaceFile(sub.c_str(), "x", &err));
+    EXPECT_STREQ(err.call, "stat");
+    EXPECT_FALSE(qmx::replaceFile(p("missing/dir/file").c_str(), "x", &err));
+    EXPECT_STREQ(err.call, "mkstemp");
+    EXPECT_EQ(err.err, ENOENT);
+    EXPECT_EQ(std::system(("test $(ls -A '" + dir_ + "' | wc -l) -eq 1").c_str()), 0);
+}
+
+}  // namespace
