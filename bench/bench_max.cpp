@@ -144,6 +144,56 @@ std::string confText(int perPort) {
     return s;
 }
 
+// A full trace ring of 4001 lines whose marker stands after line `marker`.
+std::string fullRing(int marker) {
+    std::string text;
+    text.reserve(std::size_t(kLineBytes) * (kRingLines + 1));
+    for (int i = 0; i <= kRingLines; ++i) {
+        if (i == marker)
+            text += traceLine("EndLog");
+        else
+            text += traceLine("2026/01/01 00:00:00 4242 QMX_GetQueueDepthCount line " +
+                              std::to_string(i));
+    }
+    return text;
+}
+
+// The bare I/O of a traced call that reads the configuration file: one
+// trace open, `lines` lines and the marker appended in the middle of a full
+// ring (a scratch copy, so the call's own ring is not disturbed), close;
+// then one read of the whole configuration file.
+class BareTraceAndRead {
+public:
+    BareTraceAndRead(const std::string &ring, int lines) : path_(ring + ".bare") {
+        spit(path_, fullRing(kRingLines / 2));
+        block_ = std::string(std::size_t(lines) * kLineBytes, ' ');
+        for (int i = 1; i <= lines; ++i) block_[std::size_t(i) * kLineBytes - 1] = '\n';
+        block_ += traceLine("EndLog");
+        buf_.resize(1 << 20);
+    }
+    ~BareTraceAndRead() { ::unlink(path_.c_str()); }
+    bool operator()() {
+        int fd = ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
+        if (fd < 0) return false;
+        bool ok = ::pwrite(fd, block_.data(), block_.size(), off_t(kRingLines / 2) * kLineBytes) ==
+                  ssize_t(block_.size());
+        ::close(fd);
+        int cf = ::open(kConfFile, O_RDONLY | O_CLOEXEC);
+        if (cf < 0) return false;
+        ssize_t got = ::read(cf, buf_.data(), buf_.size());
+        ::close(cf);
+        return ok && got > 0;
+    }
+
+private:
+    std::string path_, block_;
+    std::string buf_;
+};
+
+// The getter on a full trace ring of its own: its marker moves on by the
+// call's lines every iteration and laps the ring.  "bare_us"/"x_bare": one
+// trace open/append/close and one read of the configuration file; the
+// driver request the call also issues is timed alone by BM_RawPrinfoRequest.
 void BM_GetQueueDepthCount(benchmark::State &state) {
     if (discoveredPorts() == 0) return state.SkipWithError("no ports");
     std::string saved = slurp(kConfFile);
@@ -151,17 +201,23 @@ void BM_GetQueueDepthCount(benchmark::State &state) {
     if (!spit(kConfFile, text)) return state.SkipWithError("cannot write the config file");
     QMX_WWN wwn = lastPortWwn();
     QMX_UINT32 cur = 0, set = 0;
-    for (auto _ : state) {
-        if (QMX_GetQueueDepthCount(wwn, &cur, &set) != 0) {
-            state.SkipWithError("QMX_GetQueueDepthCount failed");
-            break;
-        }
-    }
+    OwnRing ring("qmxbenchGetter.txt");
+    // The lines one call writes, counted on an empty ring.
+    ::unlink(ring.path().c_str());
+    QMX_GetQueueDepthCount(wwn, &cur, &set);
+    struct stat st;
+    int lines = ::stat(ring.path().c_str(), &st) == 0 ? int(st.st_size / kLineBytes) - 1 : 0;
+    if (lines <= 0 || !spit(ring.path(), fullRing(kRingLines / 2)))
+        return state.SkipWithError("cannot prepare the trace ring");
+    BareTraceAndRead bare(ring.path(), lines);
+    timeAgainstBare(
+        state, [&] { return QMX_GetQueueDepthCount(wwn, &cur, &set) == 0; }, bare);
     spit(kConfFile, saved);
     if (set != 16) state.SkipWithError("setting value not read");
     long items = long(std::count(text.begin(), text.end(), ':'));
     state.counters["conf_bytes"] = double(text.size());
     state.counters["items"] = double(items);
+    state.counters["trace_lines"] = double(lines);
 }
 BENCHMARK(BM_GetQueueDepthCount)->ArgName("params")->Arg(1)->Arg(7)->Arg(15)->Arg(30)
     ->Unit(benchmark::kMicrosecond);
@@ -191,15 +247,7 @@ void BM_TraceOpenClose(benchmark::State &state) {
     // A full ring: `marker` newer lines, the marker, and older lines of the
     // previous lap up to 4001 lines in all.  Closing writes the marker where
     // it stood, so every iteration scans the same file.
-    std::string text;
-    text.reserve(std::size_t(kLineBytes) * (kRingLines + 1));
-    for (int i = 0; i <= kRingLines; ++i) {
-        if (i == marker)
-            text += traceLine("EndLog");
-        else
-            text += traceLine("2026/01/01 00:00:00 4242 QMX_GetQueueDepthCount line " +
-                              std::to_string(i));
-    }
+    std::string text = fullRing(marker);
     if (!spit(ring.path(), text)) return state.SkipWithError("cannot write the ring");
     for (auto _ : state) {
         if (QMX_OpenApiTraceFile() == nullptr) {

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -139,6 +140,25 @@ int readKeyFile(const char *sizePath, const char *path, util_para **key_list) no
 // flg 0: the driver file, 1: the library file.
 int readKeyList(const ConfStore &store, util_para **key_list, int flg) noexcept;
 
+// One read of a configuration file that answers key lookups as the key
+// list read from it would (the first filled slot with the key), without
+// building the list.  read() writes the trace lines, sets the codes and
+// returns what readKeyFile would; retrace() writes the lines of a
+// successful read again, for callers that answer several lookups, each
+// traced as a read of its own, from one read.
+class ConfLookup {
+public:
+    struct Snapshot;
+    int read(const char *sizePath, const char *path) noexcept;
+    void retrace() const noexcept;
+    bool find(std::string_view key, std::string_view *value) const noexcept;
+
+private:
+    std::shared_ptr<const Snapshot> snap_;
+    bool opened_ = false;  // the file was opened (its size was not 0)
+    bool cut_ = false;     // an item was cut to its fields
+};
+
 // ---------------------------------------------------------------------------
 // Writer.
 // ---------------------------------------------------------------------------
@@ -156,6 +176,22 @@ int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
 // ---------------------------------------------------------------------------
 int getUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key_str, int erId,
                  void *setval) noexcept;
+// A run of getUtilValue lookups made by one call, answered from one read
+// of the file: each lookup writes the trace lines and gives the result that
+// a getUtilValue of its own would (the file does not change under a call:
+// callers that read it hold the trace lock, writers also hold the
+// configuration lock).
+class UtilLookups {
+public:
+    explicit UtilLookups(const ConfStore &store) noexcept : store_(store) {}
+    int get(QMX_WWN wwn, int index, const char *key_str, int erId, void *setval) noexcept;
+
+private:
+    static constexpr int kNotRead = -100;
+    const ConfStore &store_;
+    ConfLookup conf_;
+    int read_ = kNotRead;
+};
 int setUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key_str, int erId,
                  void *setval, int del) noexcept;
 

@@ -46,48 +46,77 @@ void wrapIfFull(FILE *fp) {
     }
 }
 
+// The scan's block buffer (the library is single-threaded).  A fixed
+// buffer: the open must not fail (or throw) for want of memory.
+constexpr std::size_t kScanBlock = 64 * 1024;
+char scanBlock[kScanBlock + 1];
+
+// Reads the file from `at` into the block; returns the bytes held.
+std::size_t fillBlock(int fd, long at) {
+    std::size_t have = 0;
+    while (have < kScanBlock) {
+        ssize_t got = pread(fd, scanBlock + have, kScanBlock - have, off_t(at) + off_t(have));
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        have += std::size_t(got);
+    }
+    scanBlock[have] = '\0';
+    return have;
+}
+
+// The first "EndLog" in [from, to) of the NUL-terminated block, past
+// embedded NULs; nullptr when there is none.
+const char *findText(const char *from, const char *to) {
+    while (from < to) {
+        const char *hit = std::strstr(from, "EndLog");
+        if (hit != nullptr) return hit < to ? hit : nullptr;
+        from += std::strlen(from) + 1;  // stopped at an embedded NUL
+    }
+    return nullptr;
+}
+
 // Finds the marker line the way a loop of fgets(buf, 132) + strstr("EndLog")
-// would, but reading the file in large blocks.  Returns the byte offset of
-// the read that holds the marker and the number of reads before it, or -1.
-// Fixed buffers only: the open must not fail (or throw) for want of memory.
+// would: each read takes the bytes up to its newline or 131 bytes, and
+// matches when "EndLog" lies whole inside it before any NUL.  Returns the
+// byte offset of the read that holds the marker and the number of reads
+// before it, or -1.  The text is searched block by block for the marker's
+// first candidate, so the reads before it only look for their newline.
+// The stream is not read through: its position is set by the caller.
 long findMarker(FILE *fp, int *lines) {
-    char block[8192];
-    char pending[kScanChunk + 1];  // the read in progress, NUL-terminated
-    std::size_t held = 0;
-    long pos = 0;  // offset of the current read's first byte
+    const int fd = fileno(fp);
+    long base = 0;          // file offset of scanBlock[0]
+    std::size_t have = 0;   // bytes held
+    bool eof = false;
+    const char *cand = nullptr;  // next candidate at or after the read
+    long start = 0;         // offset of the current read
     int count = 0;
-    auto finishRead = [&]() -> bool {
-        pending[held] = '\0';
-        // strstr stops at an embedded NUL, as it would on the fgets buffer.
-        if (std::strstr(pending, "EndLog") != nullptr) return true;
-        ++count;
-        pos += long(held);
-        held = 0;
-        return false;
-    };
-    std::size_t got;
-    while ((got = std::fread(block, 1, sizeof block, fp)) > 0) {
-        std::size_t i = 0;
-        while (i < got) {
-            // Take bytes up to the newline or until the read is full.
-            std::size_t room = kScanChunk - held;
-            std::size_t span = got - i < room ? got - i : room;
-            const void *nl = std::memchr(block + i, '\n', span);
-            std::size_t take = nl ? std::size_t(static_cast<const char *>(nl) - (block + i)) + 1 : span;
-            std::memcpy(pending + held, block + i, take);
-            held += take;
-            i += take;
-            if ((nl != nullptr || held == kScanChunk) && finishRead()) {
-                *lines = count;
-                return pos;
-            }
+    for (;;) {
+        std::size_t off = std::size_t(start - base);
+        if (!eof && off + kScanChunk > have) {
+            base = start;
+            have = fillBlock(fd, base);
+            eof = have < kScanBlock;
+            off = 0;
+            cand = nullptr;
         }
+        if (off >= have) return -1;
+        const char *read = scanBlock + off;
+        std::size_t span = have - off < kScanChunk ? have - off : kScanChunk;
+        const void *nl = std::memchr(read, '\n', span);
+        const char *end = nl ? static_cast<const char *>(nl) + 1 : read + span;
+        if (cand == nullptr || cand < read) {
+            cand = findText(read, scanBlock + have);
+            if (cand == nullptr) cand = scanBlock + have;  // none in this block
+        }
+        // A later "EndLog" of the same read would also run past its end or
+        // follow the same NUL, so the first one decides.
+        if (cand < end && cand + 6 <= end && std::memchr(read, '\0', std::size_t(cand - read)) == nullptr) {
+            *lines = count;
+            return start;
+        }
+        ++count;
+        start += long(end - read);
     }
-    if (held > 0 && finishRead()) {
-        *lines = count;
-        return pos;
-    }
-    return -1;
 }
 
 }  // namespace
@@ -105,9 +134,11 @@ FILE *QMX_OpenApiTraceFile(void) {
     else
         std::snprintf(path, sizeof path, "%s", QMX_G_TraceLog);
 
-    FILE *fp = std::fopen(path, "r+");
+    // Close-on-exec: the tools and shell commands a call runs must not
+    // inherit the trace (nor hold its flock after the call closes it).
+    FILE *fp = std::fopen(path, "r+e");
     if (fp == nullptr) {
-        fp = std::fopen(path, "w");
+        fp = std::fopen(path, "we");
         if (fp == nullptr) return nullptr;
         flock(fileno(fp), LOCK_EX);
         QMX_G_TraceFP = fp;
@@ -228,7 +259,14 @@ FILE *QMX_fopen(char *f, char *m) {
         qmx::trace("QMX_fopen ABEND");
         return nullptr;
     }
-    FILE *fp = std::fopen(f, m);
+    // Every stream opened here is close-on-exec ("e" is added to the mode
+    // when the caller did not give it), so no child inherits it.
+    char mode[16];
+    std::size_t ml = strnlen(m, sizeof mode - 2);
+    std::memcpy(mode, m, ml);
+    if (std::memchr(mode, 'e', ml) == nullptr) mode[ml++] = 'e';
+    mode[ml] = '\0';
+    FILE *fp = std::fopen(f, mode);
     if (fp != nullptr) return fp;
     QMX_OutputSysLog(const_cast<char *>("fopen"), errno);
     qmx::trace("QMX_fopen ABEND");

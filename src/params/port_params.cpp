@@ -3,6 +3,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "config/config.h"
 #include "frame/frame.h"
 #include "params/param_table.h"
 #include "params/params.h"
@@ -173,9 +174,12 @@ QMX_STATUS getThresholds(const PortParam &p, QMX_WWN wwn, int *C, int *S) noexce
         if (!queryDriver(f, p, wwn, ind, rec, &q)) return f.fail();
         static_assert(sizeof rec.isol.retry_cnt / sizeof rec.isol.retry_cnt[0] >= kThresholdEntries);
         for (int i = 0; i < kThresholdEntries; ++i) C[i] = rec.isol.retry_cnt[i];
+        // One read of the configuration file answers every entry; each
+        // lookup is traced as the engine's lookup of one key.
+        UtilLookups lookups(kSystemStore);
         for (int i = 0; i < kThresholdEntries; ++i) {
             int stored = -1;
-            if (QMX_GetUtilValue(wwn, ind, key(p), i, &stored) != 0) return f.fail();
+            if (lookups.get(wwn, ind, key(p), i, &stored) != 0) return f.fail();
             S[i] = stored;
         }
         return f.ok();

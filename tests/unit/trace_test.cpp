@@ -1,6 +1,7 @@
 // The API trace ring: fixed-width lines, the marker, the wrap, message
 // splitting and the marker scan of an existing file.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/select.h>
 #include <sys/wait.h>
@@ -115,6 +116,18 @@ TEST_F(TraceRing, MarkerScanCountsReadsOfAtMost131Bytes) {
     EXPECT_EQ(all.substr(0, 300), std::string(300, 'a'));
     EXPECT_NE(all.substr(301, 120).find("after"), std::string::npos);
     EXPECT_EQ(all.substr(422, 6), "EndLog");
+}
+
+// No child a call runs (BIOS tool, shell command) inherits a stream the
+// trace layer opens: the created trace, the reopened one and QMX_fopen's.
+TEST_F(TraceRing, StreamsAreCloseOnExec) {
+    auto cloexec = [](FILE *fp) { return fp != nullptr && (fcntl(fileno(fp), F_GETFD) & FD_CLOEXEC); };
+    EXPECT_TRUE(cloexec(QMX_OpenApiTraceFile()));  // created
+    QMX_CloseApiTraceFile();
+    EXPECT_TRUE(cloexec(QMX_OpenApiTraceFile()));  // reopened
+    FILE *fp = QMX_fopen(const_cast<char *>(path_.c_str()), const_cast<char *>("r"));
+    EXPECT_TRUE(cloexec(fp));
+    if (fp != nullptr) std::fclose(fp);
 }
 
 TEST_F(TraceRing, MessagesSplitAt95AndStopAt214) {
