@@ -27,12 +27,20 @@
 constexpr int kConfPorts = 256;
 constexpr int kRetryEntries = 1000;
 
+// A port's value of one parameter.  The value field holds the longest
+// value the reader keeps, so that no item is ever left out of its table
+// (and so moved out of the fixed layout, or dropped) for its length.
 struct __HBAKEY {
-    char val[8];   // value text
-    char key[24];  // full key (isolate records only)
-    int use_flg;   // 1 when the port has a value
+    char val[sizeof(util_para::value)];  // value text
+    int use_flg;                         // 1 when the port has a value
 };
-static_assert(sizeof(__HBAKEY) == 36);
+// An isolation ("_bs") item, whose key is written as it was read: room for
+// the longest key the reader keeps as well.
+struct __HBAISOLATE {
+    char val[sizeof(util_para::value)];
+    char key[sizeof(util_para::keyword)];
+    int use_flg;
+};
 
 extern __HBAKEY connection_type[kConfPorts], link_speed[kConfPorts], max_transfer[kConfPorts],
     link_down[kConfPorts], reset_delay[kConfPorts], mck_retry[kConfPorts],
@@ -46,8 +54,9 @@ extern __HBAKEY connection_type[kConfPorts], link_speed[kConfPorts], max_transfe
     abort_t_restrain[kConfPorts], alter_path[kConfPorts], offline_path[kConfPorts],
     pathchk[kConfPorts], trgrst[kConfPorts];
 // Not indexed by port: up to 256 whole "_bs" items, filled front to back.
-extern __HBAKEY isolate[kConfPorts];
-// Per-error retry counts: 256 ports by 1000 entries.
+extern __HBAISOLATE isolate[kConfPorts];
+// Per-error retry counts: 256 ports by 1000 entries.  Only the pages of
+// entries in use are ever touched.
 extern __HBAKEY retry_cnt[kConfPorts][kRetryEntries];
 
 // The port number of a per-port key ("qmx<N>_..."), or -1.

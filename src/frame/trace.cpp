@@ -14,7 +14,7 @@
 
 #include "frame/frame.h"
 
-int QMX_G_ERROR_CD = 0;
+int QMX_G_ERROR_CD = QMX_ERR_NONE;
 char QMX_G_ERROR_MES[66] = "";
 // Holds 256 characters and the terminator: the length test admits 256.
 char QMX_G_TraceLog[257] = "qmxlibTrace.txt";
@@ -249,7 +249,7 @@ void QMX_OutputSysLog(char *f, int cd) {
     std::snprintf(QMX_G_ERROR_MES, sizeof QMX_G_ERROR_MES, "qmxvlib:%s is error. errno(%d:%s)",
                   f ? f : "(null)", cd, err);
     QMX_WriteApiTraceFile(QMX_G_ERROR_MES);
-    QMX_G_ERROR_CD = 1;
+    QMX_G_ERROR_CD = QMX_ERR_SYSTEM;
 }
 
 FILE *QMX_fopen(char *f, char *m) {

@@ -56,7 +56,7 @@ bool currentValue(const PortParam &p, const Query &q, int64_t *value) {
         trace("IOCTL_QMX_HBA_ISOLATION");
         trace("Get isolation type illegal value.");
     }
-    setError(1);
+    setError(QMX_ERR_SYSTEM);
     return false;
 }
 
@@ -204,7 +204,7 @@ QMX_STATUS unsupported(const PortParam &p, bool getter) noexcept {
     // Only the frame's opening and the UNSUPPORTED line: no port lookup, no
     // END or ABEND line, the outputs are left alone.
     const char *name = getter ? p.getName : p.setName;
-    QMX_G_ERROR_CD = 0;
+    QMX_G_ERROR_CD = QMX_ERR_NONE;
     if (QMX_OpenApiTraceFile() == nullptr)
         QMX_WriteSyslog(2, const_cast<char *>("Trace File Open Error"));
     tracef("%s START", name);
