@@ -16,6 +16,8 @@
 //                                 read), with N parameters a port in the
 //                                 configuration file (30: near the writer's
 //                                 size limit)
+//   BM_GetPassChangeThreshold     the 1000 thresholds of the last port, the
+//                                 configuration file at its size limit
 //   BM_TraceWriteThroughWrap      4096 trace messages per iteration, so every
 //                                 iteration passes the ring's wrap
 //   BM_TraceOpenClose/marker:N    trace open + close on a full ring whose
@@ -164,19 +166,30 @@ std::string fullRing(int marker) {
 // then one read of the whole configuration file.
 class BareTraceAndRead {
 public:
-    BareTraceAndRead(const std::string &ring, int lines) : path_(ring + ".bare") {
+    BareTraceAndRead(const std::string &ring, int lines) : path_(ring + ".bare"), lines_(lines) {
         spit(path_, fullRing(kRingLines / 2));
-        block_ = std::string(std::size_t(lines) * kLineBytes, ' ');
-        for (int i = 1; i <= lines; ++i) block_[std::size_t(i) * kLineBytes - 1] = '\n';
-        block_ += traceLine("EndLog");
+        // The call's lines laid over the ring from its middle (wrapping at
+        // its end as the call does), then the marker.
+        block_ = std::string(std::size_t(kRingLines) * kLineBytes, ' ');
+        for (int i = 1; i <= kRingLines; ++i) block_[std::size_t(i) * kLineBytes - 1] = '\n';
+        marker_ = traceLine("EndLog");
         buf_.resize(1 << 20);
     }
     ~BareTraceAndRead() { ::unlink(path_.c_str()); }
     bool operator()() {
         int fd = ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
         if (fd < 0) return false;
-        bool ok = ::pwrite(fd, block_.data(), block_.size(), off_t(kRingLines / 2) * kLineBytes) ==
-                  ssize_t(block_.size());
+        bool ok = true;
+        int at = kRingLines / 2;
+        for (int left = lines_; left > 0 && ok;) {
+            int n = std::min(left, kRingLines - at);
+            std::size_t bytes = std::size_t(n) * kLineBytes;
+            ok = ::pwrite(fd, block_.data(), bytes, off_t(at) * kLineBytes) == ssize_t(bytes);
+            left -= n;
+            at = (at + n) % kRingLines;
+        }
+        ok = ok && ::pwrite(fd, marker_.data(), marker_.size(), off_t(at) * kLineBytes) ==
+                       ssize_t(marker_.size());
         ::close(fd);
         int cf = ::open(kConfFile, O_RDONLY | O_CLOEXEC);
         if (cf < 0) return false;
@@ -186,9 +199,21 @@ public:
     }
 
 private:
-    std::string path_, block_;
+    std::string path_, block_, marker_;
+    int lines_;
     std::string buf_;
 };
+
+// The lines one call writes, counted on a fresh ring (up to two laps).
+template <class Call>
+int linesOfOneCall(const std::string &ring, Call &&call) {
+    ::unlink(ring.c_str());
+    call();
+    struct stat st;
+    if (::stat(ring.c_str(), &st) != 0) return 0;
+    long fileLines = long(st.st_size / kLineBytes);
+    return (fileLines > kRingLines ? kRingLines : 0) + QMX_G_TraceLineCnt;
+}
 
 // The getter on a full trace ring of its own: its marker moves on by the
 // call's lines every iteration and laps the ring.  "bare_us"/"x_bare": one
@@ -202,11 +227,7 @@ void BM_GetQueueDepthCount(benchmark::State &state) {
     QMX_WWN wwn = lastPortWwn();
     QMX_UINT32 cur = 0, set = 0;
     OwnRing ring("qmxbenchGetter.txt");
-    // The lines one call writes, counted on an empty ring.
-    ::unlink(ring.path().c_str());
-    QMX_GetQueueDepthCount(wwn, &cur, &set);
-    struct stat st;
-    int lines = ::stat(ring.path().c_str(), &st) == 0 ? int(st.st_size / kLineBytes) - 1 : 0;
+    int lines = linesOfOneCall(ring.path(), [&] { QMX_GetQueueDepthCount(wwn, &cur, &set); });
     if (lines <= 0 || !spit(ring.path(), fullRing(kRingLines / 2)))
         return state.SkipWithError("cannot prepare the trace ring");
     BareTraceAndRead bare(ring.path(), lines);
@@ -221,6 +242,38 @@ void BM_GetQueueDepthCount(benchmark::State &state) {
 }
 BENCHMARK(BM_GetQueueDepthCount)->ArgName("params")->Arg(1)->Arg(7)->Arg(15)->Arg(30)
     ->Unit(benchmark::kMicrosecond);
+
+// QMX_GetPassChangeThreshold on the last port with a configuration file at
+// the writer's size limit, its last port holding retry counts: 1000 lookups
+// (each traced as a read of the file) answered from one read.  "bare_us":
+// one trace open, the call's lines appended (they lap the ring) and closed,
+// and one read of the file.
+void BM_GetPassChangeThreshold(benchmark::State &state) {
+    if (discoveredPorts() == 0) return state.SkipWithError("no ports");
+    std::string saved = slurp(kConfFile);
+    std::string text = confText(30);
+    const std::string pre = "qmx" + std::to_string(kMaxPorts - 1) + "_retry_cnt";
+    for (int e = 0; e < 1000; ++e) {
+        std::string item = pre + std::to_string(e) + "=" + std::to_string(e % 2049) + ":";
+        if (text.size() + item.size() > 199990) break;
+        text += item;
+    }
+    if (!spit(kConfFile, text)) return state.SkipWithError("cannot write the config file");
+    QMX_WWN wwn = lastPortWwn();
+    std::vector<int> c(1000), s(1000);
+    OwnRing ring("qmxbenchThresholds.txt");
+    int lines = linesOfOneCall(ring.path(), [&] { QMX_GetPassChangeThreshold(wwn, c.data(), s.data()); });
+    if (lines <= 0 || !spit(ring.path(), fullRing(kRingLines / 2)))
+        return state.SkipWithError("cannot prepare the trace ring");
+    BareTraceAndRead bare(ring.path(), lines);
+    timeAgainstBare(
+        state, [&] { return QMX_GetPassChangeThreshold(wwn, c.data(), s.data()) == 0; }, bare);
+    spit(kConfFile, saved);
+    if (s[1] != 1) state.SkipWithError("threshold not read");
+    state.counters["conf_bytes"] = double(text.size());
+    state.counters["trace_lines"] = double(lines);
+}
+BENCHMARK(BM_GetPassChangeThreshold)->Unit(benchmark::kMillisecond);
 
 void BM_TraceWriteThroughWrap(benchmark::State &state) {
     OwnRing ring("qmxbenchWrap.txt");

@@ -7,7 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -128,6 +130,55 @@ TEST_F(TraceRing, StreamsAreCloseOnExec) {
     FILE *fp = QMX_fopen(const_cast<char *>(path_.c_str()), const_cast<char *>("r"));
     EXPECT_TRUE(cloexec(fp));
     if (fp != nullptr) std::fclose(fp);
+}
+
+// The marker scan agrees with a loop of fgets(132) + strstr("EndLog") where
+// a block search could go wrong: a marker across the 64 KiB block edge or
+// after it, "EndLog" behind a NUL or split between two reads of a long line,
+// inside a message, or nowhere.
+TEST_F(TraceRing, MarkerScanMatchesLineReads) {
+    auto reference = [](const std::string &t, int *reads) -> long {
+        int n = 0;
+        for (std::size_t pos = 0; pos < t.size(); ++n) {
+            std::size_t nl = t.find('\n', pos);
+            std::size_t len = std::min<std::size_t>(131, (nl == std::string::npos ? t.size() : nl + 1) - pos);
+            if (std::strstr(t.substr(pos, len).c_str(), "EndLog") != nullptr) {
+                *reads = n;
+                return long(pos);
+            }
+            pos += len;
+        }
+        *reads = 0;
+        return 0;
+    };
+    const std::string line = std::string(120, 'x') + "\n", mark = "EndLog" + std::string(114, ' ') + "\n";
+    auto lines = [&](int n) {
+        std::string t;
+        for (int i = 0; i < n; ++i) t += line;
+        return t;
+    };
+    const std::string files[] = {
+        lines(600) + mark + line,
+        lines(541) + std::string(71, 'y') + "\n" + mark + line,  // "EndLog" at 65533
+        lines(541) + std::string(75, 'y') + "\n" + mark,         // the marker line at 65537
+        std::string("ab") + '\0' + "EndLog\n" + line + mark,
+        std::string(128, 'a') + "EndLog\n" + mark,
+        line + "2026/01/01 00:00:00 1 QMX_x EndLog text\n" + mark,
+        lines(3) + "EndLo",
+    };
+    for (const std::string &t : files) {
+        {
+            std::ofstream out(path_, std::ios::binary | std::ios::trunc);
+            out << t;
+        }
+        int reads = 0;
+        long at = reference(t, &reads);
+        FILE *fp = QMX_OpenApiTraceFile();
+        ASSERT_NE(fp, nullptr);
+        EXPECT_EQ(QMX_G_TraceLineCnt, reads) << t.size();
+        EXPECT_EQ(std::ftell(fp), at) << t.size();
+        QMX_CloseApiTraceFile();
+    }
 }
 
 TEST_F(TraceRing, MessagesSplitAt95AndStopAt214) {
