@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 #include "frame/frame.h"
 
@@ -39,12 +40,7 @@ void writeFixedLine(FILE *fp, const char *text, std::size_t len) {
     std::fwrite(line, 1, sizeof line, fp);
 }
 
-void wrapIfFull(FILE *fp) {
-    if (QMX_G_TraceLineCnt > kRingLines - 1) {
-        QMX_G_TraceLineCnt = 0;
-        std::rewind(fp);
-    }
-}
+void wrapIfFull(FILE *fp);
 
 // The scan's block buffer (the library is single-threaded).  A fixed
 // buffer: the open must not fail (or throw) for want of memory.
@@ -119,6 +115,79 @@ long findMarker(FILE *fp, int *lines) {
     }
 }
 
+// Where this process left the marker at its last close, and the file as it
+// stood then.  The next open takes the marker from here instead of scanning
+// when the file is provably as it was left: the same file, size and time
+// stamps, the marker line still in place, and the scan's answer for it
+// known (a whole 121-byte line before it for each read counted, none of
+// them holding "EndLog").  Every writer starts at the first marker and
+// overwrites it with its first line, so a write after the close is seen
+// even within one tick of the time stamps.  Anything else scans.
+struct RingMemo {
+    bool valid = false;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    off_t size = 0;
+    timespec mtim{}, ctim{};
+    long marker = 0;
+};
+RingMemo ringMemo;
+
+// The lines written since the open: `basePos` is where the scan left the
+// stream (or the top after a wrap) with `baseReads` reads before it.
+struct TraceSession {
+    long basePos = 0;
+    long baseReads = 0;
+    bool clean = true;  // no line written holds "EndLog"
+};
+TraceSession session;
+
+constexpr std::string_view kMarkerLine =
+    "EndLog                                                                                        "
+    "                          \n";
+static_assert(kMarkerLine.size() == kLineWidth + 1);
+
+bool sameFile(const RingMemo &m, const struct stat &st) {
+    return m.dev == st.st_dev && m.ino == st.st_ino && m.size == st.st_size &&
+           m.mtim.tv_sec == st.st_mtim.tv_sec && m.mtim.tv_nsec == st.st_mtim.tv_nsec &&
+           m.ctim.tv_sec == st.st_ctim.tv_sec && m.ctim.tv_nsec == st.st_ctim.tv_nsec;
+}
+
+// The marker as this process left it, when the file is provably unchanged.
+bool rememberedMarker(int fd, long *at) {
+    if (!ringMemo.valid) return false;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !sameFile(ringMemo, st)) return false;
+    char line[kLineWidth + 1];
+    if (pread(fd, line, sizeof line, off_t(ringMemo.marker)) != ssize_t(sizeof line)) return false;
+    if (std::string_view(line, sizeof line) != kMarkerLine) return false;
+    *at = ringMemo.marker;
+    return true;
+}
+
+// Called at close, the marker written at `marker` and flushed.
+void rememberMarker(FILE *fp, long marker) {
+    ringMemo.valid = false;
+    long ahead = marker - session.basePos;
+    if (!session.clean || std::ferror(fp) || ahead < 0 || ahead % (kLineWidth + 1) != 0) return;
+    long reads = session.baseReads + ahead / (kLineWidth + 1);
+    // The scan would count marker / 121 reads only over whole lines; a
+    // count past the ring's last line would wrap at the next write.
+    if (reads * (kLineWidth + 1) != marker || reads > kRingLines - 1) return;
+    struct stat st;
+    if (fstat(fileno(fp), &st) != 0) return;
+    ringMemo = {true, st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim, marker};
+}
+
+void wrapIfFull(FILE *fp) {
+    if (QMX_G_TraceLineCnt > kRingLines - 1) {
+        QMX_G_TraceLineCnt = 0;
+        std::rewind(fp);
+        session.basePos = 0;
+        session.baseReads = 0;
+    }
+}
+
 }  // namespace
 
 FILE *QMX_OpenApiTraceFile(void) {
@@ -141,13 +210,21 @@ FILE *QMX_OpenApiTraceFile(void) {
         fp = std::fopen(path, "we");
         if (fp == nullptr) return nullptr;
         flock(fileno(fp), LOCK_EX);
+        session = TraceSession{};
         QMX_G_TraceFP = fp;
         return fp;
     }
     flock(fileno(fp), LOCK_EX);
     int lines = 0;
-    long at = findMarker(fp, &lines);
+    long at = -1;
+    if (rememberedMarker(fileno(fp), &at))
+        lines = int(at / (kLineWidth + 1));
+    else
+        at = findMarker(fp, &lines);
+    session = TraceSession{};
     if (at >= 0) {
+        session.basePos = at;
+        session.baseReads = lines;
         std::fseek(fp, at, SEEK_SET);
         QMX_G_TraceLineCnt = lines;
     } else {
@@ -188,6 +265,8 @@ FILE *QMX_WriteApiTraceFile(char *message) {
     } else {
         std::snprintf(stamp, sizeof stamp, "%21s", "");
     }
+    if (std::strstr(first, "EndLog") != nullptr || std::strstr(second, "EndLog") != nullptr)
+        session.clean = false;  // a later scan would stop at this line
     for (char *p = first; *p; ++p)
         if (*p == '\n') *p = ' ';
     for (char *p = second; *p; ++p)
@@ -211,8 +290,10 @@ int QMX_CloseApiTraceFile(void) {
     FILE *fp = QMX_G_TraceFP;
     if (fp == nullptr) return 0;
     wrapIfFull(fp);
+    long marker = std::ftell(fp);
     writeFixedLine(fp, "EndLog", 6);
     std::fflush(fp);
+    rememberMarker(fp, marker);
     flock(fileno(fp), LOCK_UN);
     std::fclose(fp);
     QMX_G_TraceFP = nullptr;
@@ -222,6 +303,7 @@ int QMX_CloseApiTraceFile(void) {
 int QMX_ChangeTraceLogFile(char *file) {
     if (file == nullptr) return -1;
     if (QMX_G_TraceFP != nullptr) return -2;
+    ringMemo.valid = false;
     std::size_t len = strnlen(file, sizeof QMX_G_TraceLog);
     if (len > sizeof QMX_G_TraceLog - 1) return -3;
     std::memcpy(QMX_G_TraceLog, file, len);

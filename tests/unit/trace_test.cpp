@@ -181,6 +181,37 @@ TEST_F(TraceRing, MarkerScanMatchesLineReads) {
     }
 }
 
+// An open after this process's own close takes the marker it left; a write
+// by another process in between (or a message holding "EndLog") is seen.
+TEST_F(TraceRing, ReopenFindsTheMarkerAfterOtherWriters) {
+    auto session = [&](int n, const std::string &msg = "m") {
+        ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+        for (int i = 0; i < n; ++i) write(msg);
+        QMX_CloseApiTraceFile();
+    };
+    session(2);
+    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+    EXPECT_EQ(QMX_G_TraceLineCnt, 2);
+    QMX_CloseApiTraceFile();
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        QMX_OpenApiTraceFile();
+        for (int i = 0; i < 3; ++i) write("child");
+        QMX_CloseApiTraceFile();
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+    EXPECT_EQ(QMX_G_TraceLineCnt, 5);
+    write("x EndLog x");  // the next scan stops here
+    QMX_CloseApiTraceFile();
+    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+    EXPECT_EQ(QMX_G_TraceLineCnt, 5);
+    QMX_CloseApiTraceFile();
+}
+
 TEST_F(TraceRing, MessagesSplitAt95AndStopAt214) {
     ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
     std::string m95(95, 'a'), m96 = std::string(95, 'b') + "c";
