@@ -131,6 +131,7 @@ constexpr int kReadNoFile = -1;    // stat of the size file failed
 constexpr int kReadNoOpen = -2;    // the file could not be opened
 constexpr int kReadNoMemory = -3;  // allocation failed
 constexpr int kReadRefused = -4;   // too large to be a configuration file (code 9)
+constexpr int kReadIoError = -5;   // the file could not be read (code 1)
 
 // Largest number of item slots and of bytes a configuration file may have.
 // A file written in binding mode holds one item per binding record and per

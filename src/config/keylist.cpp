@@ -148,6 +148,14 @@ int sizeForRead(const char *sizePath, const char *path, std::size_t *size) noexc
     return 1;
 }
 
+// A read that failed is not an empty file: no caller may take it for one
+// (a setter would rewrite the file from its new items alone).
+int readFailed(int err) noexcept {
+    sysError("read", err);
+    trace("QMX_Read_qmxlddconf ABEND");
+    return kReadIoError;
+}
+
 }  // namespace
 
 int readKeyFile(const char *sizePath, const char *path, util_para **key_list) noexcept {
@@ -171,6 +179,8 @@ int readKeyFile(const char *sizePath, const char *path, util_para **key_list) no
     if (std::fgets(buf, int(cap < std::size_t(INT_MAX) ? cap : INT_MAX), fp) != nullptr) {
         result = parseKeyLine(buf, cap - 1, key_list);
         if (result < 0) trace("QMX_Read_qmxlddconf ABEND");
+    } else if (std::ferror(fp)) {
+        result = readFailed(errno);
     }
     std::fclose(fp);
     std::free(buf);
@@ -221,7 +231,9 @@ int ConfLookup::read(const char *sizePath, const char *path) noexcept {
     // Like one fgets into a buffer of the size plus one: at most `size`
     // bytes, the line ending at its newline or a NUL.
     std::size_t got = std::fread(readBuffer.data(), 1, size, fp);
+    int err = got == 0 && std::ferror(fp) ? errno : 0;
     std::fclose(fp);
+    if (err != 0) return readFailed(err);
     std::string_view line = firstLine(readBuffer.data(), got);
     if (got == 0) return 0;
     try {
