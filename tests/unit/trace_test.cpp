@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "frame/frame.h"
@@ -21,6 +22,17 @@
 namespace {
 
 using frametest::slurp;
+
+// "a" + b built by appending: GCC 12 reports a false -Wrestrict overlap for
+// `"literal" + std::string` at -O3.
+std::string cat(std::string a, std::string_view b) {
+    a += b;
+    return a;
+}
+std::string padded(std::string text) {
+    text.resize(120, ' ');
+    return text;
+}
 
 std::string tracePath(const std::string &name) {
     struct stat st;
@@ -56,7 +68,7 @@ TEST_F(TraceRing, NewFileHoldsStartEndAndMarker) {
     ASSERT_EQ(l.size(), 3u);
     EXPECT_EQ(text(l[0]), "QMX_Probe START");
     EXPECT_EQ(text(l[1]), "QMX_Probe END");
-    EXPECT_EQ(l[2], "EndLog" + std::string(114, ' '));
+    EXPECT_EQ(l[2], padded("EndLog"));
     // stamp "YYYY/MM/DD hh:mm:ss " then the pid
     EXPECT_EQ(l[0][4], '/');
     EXPECT_EQ(l[0][19], ' ');
@@ -65,7 +77,7 @@ TEST_F(TraceRing, NewFileHoldsStartEndAndMarker) {
 
 TEST_F(TraceRing, WrapsAfter4000LinesAndMarkerFollowsNewest) {
     ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
-    for (int i = 1; i <= 4001; ++i) write("m" + std::to_string(i));
+    for (int i = 1; i <= 4001; ++i) write(cat("m", std::to_string(i)));
     QMX_CloseApiTraceFile();
     auto l = lines();
     ASSERT_EQ(l.size(), 4000u);
@@ -151,7 +163,7 @@ TEST_F(TraceRing, MarkerScanMatchesLineReads) {
         *reads = 0;
         return 0;
     };
-    const std::string line = std::string(120, 'x') + "\n", mark = "EndLog" + std::string(114, ' ') + "\n";
+    const std::string line = std::string(120, 'x') + "\n", mark = padded("EndLog") + "\n";
     auto lines = [&](int n) {
         std::string t;
         for (int i = 0; i < n; ++i) t += line;
@@ -225,7 +237,7 @@ TEST_F(TraceRing, MessagesSplitAt95AndStopAt214) {
     auto l = lines();
     ASSERT_EQ(l.size(), 7u);
     EXPECT_EQ(text(l[0]), m95.substr(0, 120 - 21 - std::to_string(getpid()).size()));
-    EXPECT_EQ(l[2], "c" + std::string(119, ' '));              // continuation: no stamp
+    EXPECT_EQ(l[2], padded("c"));              // continuation: no stamp
     EXPECT_EQ(text(l[4]), m300.substr(95, 119));                // chars 95..213
     EXPECT_EQ(text(l[5]), "two lines");                         // newline became a blank
     EXPECT_EQ(text(l[6]), "EndLog");
