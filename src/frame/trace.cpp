@@ -120,9 +120,11 @@ long findMarker(FILE *fp, int *lines) {
 // when the file is provably as it was left: the same file, size and time
 // stamps, the marker line still in place, and the scan's answer for it
 // known (a whole 121-byte line before it for each read counted, none of
-// them holding "EndLog").  Every writer starts at the first marker and
-// overwrites it with its first line, so a write after the close is seen
-// even within one tick of the time stamps.  Anything else scans.
+// them holding "EndLog").  The time stamps are read at the close, after the
+// last write, so on kernels with fine-grained time stamps any later change
+// gets new ones; where they are coarse, a library writer within the same
+// tick is still seen: every writer starts at the first marker and
+// overwrites it with its first line.  Anything else scans.
 struct RingMemo {
     bool valid = false;
     dev_t dev = 0;
