@@ -16,6 +16,8 @@
 //                                 read), with N parameters a port in the
 //                                 configuration file (30: near the writer's
 //                                 size limit)
+//   BM_GetPassChangeThreshold     the 1000 thresholds of the last port, the
+//                                 configuration file at its size limit
 //   BM_TraceWriteThroughWrap      4096 trace messages per iteration, so every
 //                                 iteration passes the ring's wrap
 //   BM_TraceOpenClose/marker:N    trace open + close on a full ring whose
@@ -144,6 +146,78 @@ std::string confText(int perPort) {
     return s;
 }
 
+// A full trace ring of 4001 lines whose marker stands after line `marker`.
+std::string fullRing(int marker) {
+    std::string text;
+    text.reserve(std::size_t(kLineBytes) * (kRingLines + 1));
+    for (int i = 0; i <= kRingLines; ++i) {
+        if (i == marker)
+            text += traceLine("EndLog");
+        else
+            text += traceLine("2026/01/01 00:00:00 4242 QMX_GetQueueDepthCount line " +
+                              std::to_string(i));
+    }
+    return text;
+}
+
+// The bare I/O of a traced call that reads the configuration file: one
+// trace open, `lines` lines and the marker appended in the middle of a full
+// ring (a scratch copy, so the call's own ring is not disturbed), close;
+// then one read of the whole configuration file.
+class BareTraceAndRead {
+public:
+    BareTraceAndRead(const std::string &ring, int lines) : path_(ring + ".bare"), lines_(lines) {
+        spit(path_, fullRing(kRingLines / 2));
+        // The call's lines laid over the ring from its middle (wrapping at
+        // its end as the call does), then the marker.
+        block_ = std::string(std::size_t(kRingLines) * kLineBytes, ' ');
+        for (int i = 1; i <= kRingLines; ++i) block_[std::size_t(i) * kLineBytes - 1] = '\n';
+        marker_ = traceLine("EndLog");
+        buf_.resize(1 << 20);
+    }
+    ~BareTraceAndRead() { ::unlink(path_.c_str()); }
+    bool operator()() {
+        int fd = ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
+        if (fd < 0) return false;
+        bool ok = true;
+        int at = kRingLines / 2;
+        for (int left = lines_; left > 0 && ok;) {
+            int n = std::min(left, kRingLines - at);
+            std::size_t bytes = std::size_t(n) * kLineBytes;
+            ok = ::pwrite(fd, block_.data(), bytes, off_t(at) * kLineBytes) == ssize_t(bytes);
+            left -= n;
+            at = (at + n) % kRingLines;
+        }
+        ok = ok && ::pwrite(fd, marker_.data(), marker_.size(), off_t(at) * kLineBytes) ==
+                       ssize_t(marker_.size());
+        ::close(fd);
+        int cf = ::open(kConfFile, O_RDONLY | O_CLOEXEC);
+        if (cf < 0) return false;
+        ssize_t got = ::read(cf, buf_.data(), buf_.size());
+        ::close(cf);
+        return ok && got > 0;
+    }
+
+private:
+    std::string path_, block_, marker_;
+    int lines_;
+    std::string buf_;
+};
+
+// The lines one call writes (fewer than a lap), counted on a fresh ring.
+template <class Call>
+int linesOfOneCall(const std::string &ring, Call &&call) {
+    ::unlink(ring.c_str());
+    call();
+    struct stat st;
+    if (::stat(ring.c_str(), &st) != 0 || st.st_size >= long(kLineBytes) * kRingLines) return 0;
+    return int(st.st_size / kLineBytes) - 1;
+}
+
+// The getter on a full trace ring of its own: its marker moves on by the
+// call's lines every iteration and laps the ring.  "bare_us"/"x_bare": one
+// trace open/append/close and one read of the configuration file; the
+// driver request the call also issues is timed alone by BM_RawPrinfoRequest.
 void BM_GetQueueDepthCount(benchmark::State &state) {
     if (discoveredPorts() == 0) return state.SkipWithError("no ports");
     std::string saved = slurp(kConfFile);
@@ -151,20 +225,65 @@ void BM_GetQueueDepthCount(benchmark::State &state) {
     if (!spit(kConfFile, text)) return state.SkipWithError("cannot write the config file");
     QMX_WWN wwn = lastPortWwn();
     QMX_UINT32 cur = 0, set = 0;
-    for (auto _ : state) {
-        if (QMX_GetQueueDepthCount(wwn, &cur, &set) != 0) {
-            state.SkipWithError("QMX_GetQueueDepthCount failed");
-            break;
-        }
-    }
+    OwnRing ring("qmxbenchGetter.txt");
+    int lines = linesOfOneCall(ring.path(), [&] { QMX_GetQueueDepthCount(wwn, &cur, &set); });
+    if (lines <= 0 || !spit(ring.path(), fullRing(kRingLines / 2)))
+        return state.SkipWithError("cannot prepare the trace ring");
+    BareTraceAndRead bare(ring.path(), lines);
+    timeAgainstBare(
+        state, [&] { return QMX_GetQueueDepthCount(wwn, &cur, &set) == 0; }, bare);
     spit(kConfFile, saved);
     if (set != 16) state.SkipWithError("setting value not read");
     long items = long(std::count(text.begin(), text.end(), ':'));
     state.counters["conf_bytes"] = double(text.size());
     state.counters["items"] = double(items);
+    state.counters["trace_lines"] = double(lines);
 }
 BENCHMARK(BM_GetQueueDepthCount)->ArgName("params")->Arg(1)->Arg(7)->Arg(15)->Arg(30)
     ->Unit(benchmark::kMicrosecond);
+
+// QMX_GetPassChangeThreshold on the last port with a configuration file at
+// the writer's size limit, its last port holding retry counts: 1000 lookups
+// (each traced as a read of the file) answered from one read.  "bare_us":
+// one trace open, the call's lines appended (they lap the ring) and closed,
+// and one read of the file.
+void BM_GetPassChangeThreshold(benchmark::State &state) {
+    if (discoveredPorts() == 0) return state.SkipWithError("no ports");
+    std::string saved = slurp(kConfFile);
+    std::string text = confText(30);
+    const std::string pre = "qmx" + std::to_string(kMaxPorts - 1) + "_retry_cnt";
+    for (int e = 0; e < 1000; ++e) {
+        std::string item = pre + std::to_string(e) + "=" + std::to_string(e % 2049) + ":";
+        if (text.size() + item.size() > 199990) break;
+        text += item;
+    }
+    if (!spit(kConfFile, text)) return state.SkipWithError("cannot write the config file");
+    QMX_WWN wwn = lastPortWwn();
+    std::vector<int> c(1000), s(1000);
+    OwnRing ring("qmxbenchThresholds.txt");
+    // The call's lines lap the ring: its frame's lines are counted with an
+    // empty file (three lines a lookup), a lookup's with the real one.
+    if (!spit(kConfFile, "")) return state.SkipWithError("cannot write the config file");
+    int frame = linesOfOneCall(ring.path(), [&] { QMX_GetPassChangeThreshold(wwn, c.data(), s.data()); }) - 3000;
+    if (!spit(kConfFile, text)) return state.SkipWithError("cannot write the config file");
+    int lookup = linesOfOneCall(ring.path(), [&] {
+        int v = 0;
+        QMX_OpenApiTraceFile();
+        QMX_GetUtilValue(wwn, discoveredPorts() - 1, const_cast<char *>("_retry_cnt"), 1, &v);
+        QMX_CloseApiTraceFile();
+    });
+    int lines = frame + 1000 * lookup;
+    if (frame <= 0 || lookup <= 0 || !spit(ring.path(), fullRing(kRingLines / 2)))
+        return state.SkipWithError("cannot prepare the trace ring");
+    BareTraceAndRead bare(ring.path(), lines);
+    timeAgainstBare(
+        state, [&] { return QMX_GetPassChangeThreshold(wwn, c.data(), s.data()) == 0; }, bare);
+    spit(kConfFile, saved);
+    if (s[1] != 1) state.SkipWithError("threshold not read");
+    state.counters["conf_bytes"] = double(text.size());
+    state.counters["trace_lines"] = double(lines);
+}
+BENCHMARK(BM_GetPassChangeThreshold)->Unit(benchmark::kMillisecond);
 
 void BM_TraceWriteThroughWrap(benchmark::State &state) {
     OwnRing ring("qmxbenchWrap.txt");
@@ -191,15 +310,7 @@ void BM_TraceOpenClose(benchmark::State &state) {
     // A full ring: `marker` newer lines, the marker, and older lines of the
     // previous lap up to 4001 lines in all.  Closing writes the marker where
     // it stood, so every iteration scans the same file.
-    std::string text;
-    text.reserve(std::size_t(kLineBytes) * (kRingLines + 1));
-    for (int i = 0; i <= kRingLines; ++i) {
-        if (i == marker)
-            text += traceLine("EndLog");
-        else
-            text += traceLine("2026/01/01 00:00:00 4242 QMX_GetQueueDepthCount line " +
-                              std::to_string(i));
-    }
+    std::string text = fullRing(marker);
     if (!spit(ring.path(), text)) return state.SkipWithError("cannot write the ring");
     for (auto _ : state) {
         if (QMX_OpenApiTraceFile() == nullptr) {

@@ -1,24 +1,36 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: the regular build, then the
 # AddressSanitizer + UndefinedBehaviorSanitizer build, then a short run of
-# each fuzz target.
+# each fuzz target.  The Release configuration (library, tools and tests)
+# is built as well, with warnings as errors, so that a warning only the
+# optimiser sees can never break a user's build; QMX_RUN_RELEASE_TESTS=1
+# also runs its tests.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh"
 jobs=${JOBS:-2}
 out=${BUILD_ROOT:-$root/build}
 
-run_suite() {  # name, extra cmake args...
+build_suite() {  # name, extra cmake args...
   local name=$1; shift
   local dir=$out/$name
   echo "=== $name build"
   cmake -S "$root" -B "$dir" -DQMX_WERROR=ON "$@" >/dev/null
   cmake --build "$dir" -j"$jobs"
-  echo "=== $name tests"
-  ctest --test-dir "$dir" -j"$((jobs * 2))" --output-on-failure --timeout 600
+}
+
+run_suite() {  # name, extra cmake args...
+  build_suite "$@"
+  echo "=== $1 tests"
+  ctest --test-dir "$out/$1" -j"$((jobs * 2))" --output-on-failure --timeout 600
 }
 
 run_suite release -DCMAKE_BUILD_TYPE=RelWithDebInfo
+if [ "${QMX_RUN_RELEASE_TESTS:-0}" = 1 ]; then
+  run_suite optimized -DCMAKE_BUILD_TYPE=Release -DQMX_BUILD_BENCH=OFF
+else
+  build_suite optimized -DCMAKE_BUILD_TYPE=Release -DQMX_BUILD_BENCH=OFF
+fi
 run_suite sanitize -DCMAKE_BUILD_TYPE=Debug -DQMX_SANITIZE=ON -DQMX_BUILD_BENCH=OFF
 
 if [ -f "$root/fuzz/CMakeLists.txt" ]; then

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -26,12 +27,20 @@
 constexpr int kConfPorts = 256;
 constexpr int kRetryEntries = 1000;
 
+// A port's value of one parameter.  The value field holds the longest
+// value the reader keeps, so that no item is ever left out of its table
+// (and so moved out of the fixed layout, or dropped) for its length.
 struct __HBAKEY {
-    char val[8];   // value text
-    char key[24];  // full key (isolate records only)
-    int use_flg;   // 1 when the port has a value
+    char val[sizeof(util_para::value)];  // value text
+    int use_flg;                         // 1 when the port has a value
 };
-static_assert(sizeof(__HBAKEY) == 36);
+// An isolation ("_bs") item, whose key is written as it was read: room for
+// the longest key the reader keeps as well.
+struct __HBAISOLATE {
+    char val[sizeof(util_para::value)];
+    char key[sizeof(util_para::keyword)];
+    int use_flg;
+};
 
 extern __HBAKEY connection_type[kConfPorts], link_speed[kConfPorts], max_transfer[kConfPorts],
     link_down[kConfPorts], reset_delay[kConfPorts], mck_retry[kConfPorts],
@@ -45,8 +54,9 @@ extern __HBAKEY connection_type[kConfPorts], link_speed[kConfPorts], max_transfe
     abort_t_restrain[kConfPorts], alter_path[kConfPorts], offline_path[kConfPorts],
     pathchk[kConfPorts], trgrst[kConfPorts];
 // Not indexed by port: up to 256 whole "_bs" items, filled front to back.
-extern __HBAKEY isolate[kConfPorts];
-// Per-error retry counts: 256 ports by 1000 entries.
+extern __HBAISOLATE isolate[kConfPorts];
+// Per-error retry counts: 256 ports by 1000 entries.  Only the pages of
+// entries in use are ever touched.
 extern __HBAKEY retry_cnt[kConfPorts][kRetryEntries];
 
 // The port number of a per-port key ("qmx<N>_..."), or -1.
@@ -121,6 +131,7 @@ constexpr int kReadNoFile = -1;    // stat of the size file failed
 constexpr int kReadNoOpen = -2;    // the file could not be opened
 constexpr int kReadNoMemory = -3;  // allocation failed
 constexpr int kReadRefused = -4;   // too large to be a configuration file (code 9)
+constexpr int kReadIoError = -5;   // the file could not be read (code 1)
 
 // Largest number of item slots and of bytes a configuration file may have.
 // A file written in binding mode holds one item per binding record and per
@@ -139,6 +150,25 @@ int readKeyFile(const char *sizePath, const char *path, util_para **key_list) no
 // flg 0: the driver file, 1: the library file.
 int readKeyList(const ConfStore &store, util_para **key_list, int flg) noexcept;
 
+// One read of a configuration file that answers key lookups as the key
+// list read from it would (the first filled slot with the key), without
+// building the list.  read() writes the trace lines, sets the codes and
+// returns what readKeyFile would; retrace() writes the lines of a
+// successful read again, for callers that answer several lookups, each
+// traced as a read of its own, from one read.
+class ConfLookup {
+public:
+    struct Snapshot;
+    int read(const char *sizePath, const char *path) noexcept;
+    void retrace() const noexcept;
+    bool find(std::string_view key, std::string_view *value) const noexcept;
+
+private:
+    std::shared_ptr<const Snapshot> snap_;
+    bool opened_ = false;  // the file was opened (its size was not 0)
+    bool cut_ = false;     // an item was cut to its fields
+};
+
 // ---------------------------------------------------------------------------
 // Writer.
 // ---------------------------------------------------------------------------
@@ -156,6 +186,22 @@ int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
 // ---------------------------------------------------------------------------
 int getUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key_str, int erId,
                  void *setval) noexcept;
+// A run of getUtilValue lookups made by one call, answered from one read
+// of the file: each lookup writes the trace lines and gives the result that
+// a getUtilValue of its own would (the file does not change under a call:
+// callers that read it hold the trace lock, writers also hold the
+// configuration lock).
+class UtilLookups {
+public:
+    explicit UtilLookups(const ConfStore &store) noexcept : store_(store) {}
+    int get(QMX_WWN wwn, int index, const char *key_str, int erId, void *setval) noexcept;
+
+private:
+    static constexpr int kNotRead = -100;
+    const ConfStore &store_;
+    ConfLookup conf_;
+    int read_ = kNotRead;
+};
 int setUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key_str, int erId,
                  void *setval, int del) noexcept;
 

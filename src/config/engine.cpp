@@ -93,44 +93,44 @@ struct ListHolder {
 
 namespace qmx {
 
-int getUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key_str, int erId,
-                 void *setval) noexcept {
+int UtilLookups::get(QMX_WWN wwn, int index, const char *key_str, int erId,
+                     void *setval) noexcept {
     trace("QMX_GetUtilValue START");
     auto abend = [] {
         trace("QMX_GetUtilValue ABEND");
         return -1;
     };
     try {
-        ListHolder keys;
-        int n = readKeyList(store, &keys.list, 0);
-        if (n < 0) return abend();
+        // The first lookup reads the file; the later ones answer from that
+        // read and trace it as the read of their own that it stands for.
+        if (read_ == kNotRead) {
+            int n = conf_.read(store_.conf, store_.conf);
+            if (n < 0) return abend();
+            read_ = n;
+        } else {
+            conf_.retrace();
+        }
         if (key_str == nullptr || setval == nullptr) {
-            setError(2);
+            setError(QMX_ERR_INVALID_ARG);
             return abend();
         }
         string_view suffix(key_str, strnlen(key_str, 256));
         int port = portNumberOf(index);
         if (port == -2) {
             trace("index is invalid value");
-            setError(2);
+            setError(QMX_ERR_INVALID_ARG);
             return abend();
         }
         std::string key = formKey(wwn, port, suffix, erId, false);
         // The exact key only: a port without its own item does not fall back
         // to the driver-wide one.
-        const util_para *hit = nullptr;
-        for (int i = 0; i < n && keys.list != nullptr; ++i) {
-            if (keyOf(keys.list[i]) == key) {
-                hit = &keys.list[i];
-                break;
-            }
-        }
-        if (hit != nullptr) {
+        string_view v;
+        if (conf_.find(key, &v)) {
             if (encodingOf(suffix) == Encoding::AlpaByte) {
-                // Two hexadecimal digits after the value's first two characters.
-                char digits[sizeof hit->value];
-                string_view v = valueOf(*hit);
-                copyText(digits, v.substr(v.size() < 2 ? v.size() : 2));
+                // The two characters after the value's first two ("0x"):
+                // "0x0ef" reads 0x0e, "0x01 " reads 0x01.
+                char digits[3];
+                copyText(digits, v.substr(v.size() < 2 ? v.size() : 2, 2));
                 unsigned char byte = 0;
                 if (qmx_2CharTo1ByteHex(digits, &byte) != 0) {
                     copyText(QMX_G_ERROR_MES, "qmx_2CharTo1ByteHex is err");
@@ -139,8 +139,8 @@ int getUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key
                 }
                 *static_cast<unsigned char *>(setval) = byte;
             } else {
-                int32_t v = atoiText(valueOf(*hit));
-                std::memcpy(setval, &v, sizeof v);
+                int32_t value = atoiText(v);
+                std::memcpy(setval, &value, sizeof value);
             }
         }
         trace("QMX_GetUtilValue END");
@@ -149,6 +149,12 @@ int getUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key
         sysError("malloc", ENOMEM);
         return abend();
     }
+}
+
+int getUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key_str, int erId,
+                 void *setval) noexcept {
+    UtilLookups one(store);
+    return one.get(wwn, index, key_str, erId, setval);
 }
 
 int setUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key_str, int erId,
@@ -160,23 +166,22 @@ int setUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key
     };
     try {
         if (key_str == nullptr || (del != 1 && setval == nullptr)) {
-            setError(2);
+            setError(QMX_ERR_INVALID_ARG);
             return abend();
         }
         ListHolder keys;
         int n = readKeyList(store, &keys.list, 0);
-        // A file that cannot be read is an empty list (the writer then fails
-        // when the file is missing).  A file that could not be held in memory
-        // or was refused as too large is not overwritten.
-        if (n == kReadNoMemory || n == kReadRefused) return abend();
-        if (n < 0) n = 0;
+        // A file that could not be read is not an empty one: it is never
+        // rewritten from the new items alone (a missing file would fail in
+        // the writer anyway, which needs the file to exist).
+        if (n < 0) return abend();
         if (keys.list == nullptr) n = 0;
 
         string_view suffix(key_str, strnlen(key_str, 256));
         int port = portNumberOf(index);
         if (port == -2) {
             trace("index is invalid value");
-            setError(2);
+            setError(QMX_ERR_INVALID_ARG);
             return abend();
         }
         Encoding enc = encodingOf(suffix);

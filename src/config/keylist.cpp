@@ -7,8 +7,13 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
+#include <memory>
+#include <new>
+#include <string>
 #include <string_view>
+#include <unordered_map>
 
 #include "config/config.h"
 #include "frame/frame.h"
@@ -46,29 +51,23 @@ int atoiText(const char *s) noexcept {
     return atoiText(std::string_view(s));
 }
 
-int parseKeyLine(const char *text, std::size_t len, util_para **key_list) noexcept {
-    if (key_list == nullptr) return kReadNoFile;
-    *key_list = nullptr;
-    if (text == nullptr) return 0;
-    // The line ends at the first newline or NUL.
-    std::size_t end = 0;
-    while (end < len && text[end] != '\0' && text[end] != '\n') ++end;
-    std::string_view line(text, end);
+namespace {
 
-    std::size_t slots = 0;
-    for (char c : line)
-        if (c == ':') ++slots;
-    if (slots == 0) return 0;
-    if (slots > std::size_t(kMaxKeySlots)) {
-        trace("qmxldd.conf has too many items");
-        setError(9);
-        return kReadRefused;
-    }
-    auto *list = static_cast<util_para *>(std::calloc(slots, sizeof(util_para)));
-    if (list == nullptr) {
-        sysError("malloc", errno);
-        return kReadNoMemory;
-    }
+constexpr std::size_t kKeyRoom = sizeof(util_para::keyword) - 1;
+constexpr std::size_t kValueRoom = sizeof(util_para::value) - 1;
+
+// The line of a file's text: up to its first newline or NUL.
+std::string_view firstLine(const char *text, std::size_t len) noexcept {
+    const void *nl = std::memchr(text, '\n', len);
+    std::size_t end = nl != nullptr ? std::size_t(static_cast<const char *>(nl) - text) : len;
+    return {text, strnlen(text, end)};
+}
+
+// Walks the items of a line in slot order as the reader fills its slots:
+// `f(slot, key, value)` with the key and the value cut to what their fields
+// hold.  An item without "=" ends the walk.  True when any text was cut.
+template <class F>
+bool walkItems(std::string_view line, std::size_t slots, F &&f) {
     bool cut = false;
     std::size_t pos = 0;
     for (std::size_t slot = 0; slot < slots; ++slot) {
@@ -76,25 +75,61 @@ int parseKeyLine(const char *text, std::size_t len, util_para **key_list) noexce
         if (colon == std::string_view::npos) break;
         std::string_view item = line.substr(pos, colon - pos);
         std::size_t eq = item.find('=');
-        // An item without "=" ends the walk; the slots after it stay empty.
         if (eq == std::string_view::npos) break;
-        // Over-long keys and values are cut to their fields.
-        cut |= !copyText(list[slot].keyword, item.substr(0, eq));
-        cut |= !copyText(list[slot].value, item.substr(eq + 1));
+        std::string_view key = item.substr(0, eq), value = item.substr(eq + 1);
+        cut |= key.size() > kKeyRoom || value.size() > kValueRoom;
+        f(slot, key.substr(0, kKeyRoom), value.substr(0, kValueRoom));
         pos = colon + 1;
     }
+    return cut;
+}
+
+// The item slots of a line; kReadRefused (with its trace line and code 9)
+// when there are more than a list may hold.
+long countSlots(std::string_view line) noexcept {
+    long slots = long(std::count(line.begin(), line.end(), ':'));
+    if (slots > kMaxKeySlots) {
+        trace("qmxldd.conf has too many items");
+        setError(QMX_ERR_DATA_FILE);
+        return kReadRefused;
+    }
+    return slots;
+}
+
+}  // namespace
+
+int parseKeyLine(const char *text, std::size_t len, util_para **key_list) noexcept {
+    if (key_list == nullptr) return kReadNoFile;
+    *key_list = nullptr;
+    if (text == nullptr) return 0;
+    std::string_view line = firstLine(text, len);
+    long slots = countSlots(line);
+    if (slots <= 0) return int(slots);
+    auto *list = static_cast<util_para *>(std::calloc(std::size_t(slots), sizeof(util_para)));
+    if (list == nullptr) {
+        sysError("malloc", errno);
+        return kReadNoMemory;
+    }
+    bool cut = walkItems(line, std::size_t(slots), [&](std::size_t slot, auto key, auto value) {
+        copyText(list[slot].keyword, key);
+        copyText(list[slot].value, value);
+    });
     if (cut) trace("qmxldd.conf item truncated");
     *key_list = list;
     return int(slots);
 }
 
-int readKeyFile(const char *sizePath, const char *path, util_para **key_list) noexcept {
+namespace {
+
+// The first steps of a read, shared by the list reader and the one-read
+// lookups: the buffer size from `sizePath`.  Returns 1 with the file's
+// size, or the read's result (0 or below) when it ends here.
+int sizeForRead(const char *sizePath, const char *path, std::size_t *size) noexcept {
     trace("QMX_Read_qmxlddconf START");
-    if (key_list == nullptr || sizePath == nullptr || path == nullptr) {
+    if (sizePath == nullptr || path == nullptr) {
         trace("QMX_Read_qmxlddconf ABEND");
         return kReadNoFile;
     }
-    *key_list = nullptr;
     // The buffer is sized from the driver file also when the library file is
     // read: a longer library line is cut at that size.
     struct stat st;
@@ -105,11 +140,30 @@ int readKeyFile(const char *sizePath, const char *path, util_para **key_list) no
     if (st.st_size == 0) return 0;
     if (st.st_size < 0 || st.st_size > kMaxConfBytes) {
         trace("qmxldd.conf is too large");
-        setError(9);
+        setError(QMX_ERR_DATA_FILE);
         trace("QMX_Read_qmxlddconf ABEND");
         return kReadRefused;
     }
-    std::size_t cap = std::size_t(st.st_size) + 1;
+    *size = std::size_t(st.st_size);
+    return 1;
+}
+
+// A read that failed is not an empty file: no caller may take it for one
+// (a setter would rewrite the file from its new items alone).
+int readFailed(int err) noexcept {
+    sysError("read", err);
+    trace("QMX_Read_qmxlddconf ABEND");
+    return kReadIoError;
+}
+
+}  // namespace
+
+int readKeyFile(const char *sizePath, const char *path, util_para **key_list) noexcept {
+    if (key_list != nullptr) *key_list = nullptr;
+    std::size_t size = 0;
+    int sized = sizeForRead(sizePath, key_list == nullptr ? nullptr : path, &size);
+    if (sized <= 0) return sized;
+    std::size_t cap = size + 1;
     auto *buf = static_cast<char *>(std::calloc(cap, 1));
     if (buf == nullptr) {
         sysError("malloc", errno);
@@ -125,10 +179,105 @@ int readKeyFile(const char *sizePath, const char *path, util_para **key_list) no
     if (std::fgets(buf, int(cap < std::size_t(INT_MAX) ? cap : INT_MAX), fp) != nullptr) {
         result = parseKeyLine(buf, cap - 1, key_list);
         if (result < 0) trace("QMX_Read_qmxlddconf ABEND");
+    } else if (std::ferror(fp)) {
+        result = readFailed(errno);
     }
     std::fclose(fp);
     std::free(buf);
     return result;
+}
+
+// ---------------------------------------------------------------------------
+// One-read lookups.  The text of the last line read and its index are kept
+// for the process: a later read of the same text (compared byte for byte,
+// never assumed from the file's time stamps) reuses the index, so a lookup
+// costs the read itself and a hash lookup.
+// ---------------------------------------------------------------------------
+struct ConfLookup::Snapshot {
+    std::string line;
+    int slots = 0;
+    bool cut = false;
+    // The first filled slot of each key (as its field holds it): its value.
+    std::unordered_map<std::string_view, std::string_view> first;
+};
+
+namespace {
+
+// The module's read buffer and its last snapshot (single-threaded, as the
+// whole library).
+std::string readBuffer;
+std::shared_ptr<const ConfLookup::Snapshot> lastSnapshot;
+
+}  // namespace
+
+int ConfLookup::read(const char *sizePath, const char *path) noexcept {
+    snap_.reset();
+    opened_ = cut_ = false;
+    std::size_t size = 0;
+    int sized = sizeForRead(sizePath, path, &size);
+    if (sized <= 0) return sized;
+    try {
+        if (readBuffer.size() < size) readBuffer.resize(size);
+    } catch (const std::bad_alloc &) {
+        sysError("malloc", ENOMEM);
+        return kReadNoMemory;
+    }
+    FILE *fp = QMX_fopen(const_cast<char *>(path), const_cast<char *>("r"));
+    if (fp == nullptr) {
+        trace("QMX_Read_qmxlddconf ABEND");
+        return kReadNoOpen;
+    }
+    opened_ = true;
+    // Like one fgets into a buffer of the size plus one: at most `size`
+    // bytes, the line ending at its newline or a NUL.
+    std::size_t got = std::fread(readBuffer.data(), 1, size, fp);
+    int err = got == 0 && std::ferror(fp) ? errno : 0;
+    std::fclose(fp);
+    if (err != 0) return readFailed(err);
+    std::string_view line = firstLine(readBuffer.data(), got);
+    if (got == 0) return 0;
+    try {
+        if (!lastSnapshot || lastSnapshot->line != line) {
+            lastSnapshot.reset();
+            long slots = countSlots(line);
+            if (slots < 0) {
+                trace("QMX_Read_qmxlddconf ABEND");
+                return int(slots);
+            }
+            if (slots == 0) return 0;
+            auto snap = std::make_shared<Snapshot>();
+            snap->line.assign(line);
+            snap->slots = int(slots);
+            snap->first.reserve(std::size_t(slots));
+            std::string_view text(snap->line);
+            snap->cut = walkItems(text, std::size_t(slots), [&](std::size_t, auto key, auto value) {
+                snap->first.emplace(key, value);
+            });
+            lastSnapshot = std::move(snap);
+        }
+    } catch (const std::bad_alloc &) {
+        sysError("malloc", ENOMEM);
+        trace("QMX_Read_qmxlddconf ABEND");
+        return kReadNoMemory;
+    }
+    snap_ = lastSnapshot;
+    cut_ = snap_->cut;
+    if (cut_) trace("qmxldd.conf item truncated");
+    return snap_->slots;
+}
+
+void ConfLookup::retrace() const noexcept {
+    trace("QMX_Read_qmxlddconf START");
+    if (opened_) trace("QMX_fopen START");
+    if (cut_) trace("qmxldd.conf item truncated");
+}
+
+bool ConfLookup::find(std::string_view key, std::string_view *value) const noexcept {
+    if (!snap_ || key.size() > kKeyRoom) return false;
+    auto it = snap_->first.find(key);
+    if (it == snap_->first.end()) return false;
+    *value = it->second;
+    return true;
 }
 
 int readKeyList(const ConfStore &store, util_para **key_list, int flg) noexcept {

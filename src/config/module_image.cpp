@@ -143,7 +143,7 @@ int find_table(int fd) {
     int off = search(buf, int(got));
     std::free(buf);
     if (off < 0) {
-        qmx::setError(10);
+        qmx::setError(QMX_ERR_INTERNAL);
         qmx::trace("not found DESCRIPTION_NAME!");
         return -1;
     }
@@ -187,7 +187,7 @@ int read_table(Type_tbl *tbl, int fd) {
     const char *fault = qmx::checkTableArea(reinterpret_cast<unsigned char *>(tbl->data),
                                             size_t(kTableAreaSize), nullptr);
     if (fault != nullptr) {
-        qmx::setError(10);
+        qmx::setError(QMX_ERR_INTERNAL);
         qmx::trace(fault);
         return abend();
     }
@@ -240,7 +240,7 @@ int writeConfigFrom(const char *confPath, Type_tbl *tbl, int fd) noexcept {
     // The file must fit the table area; its text must also fit the
     // configuration entry's value, or it would run over the end entry.
     if (st.st_size >= kTableAreaSize + 1 || st.st_size > long(kConfigValueSize)) {
-        setError(10);
+        setError(QMX_ERR_INTERNAL);
         trace("conf file size is too big!");
         return abend();
     }
@@ -278,7 +278,7 @@ int writeConfigFrom(const char *confPath, Type_tbl *tbl, int fd) noexcept {
         done += size_t(w);
     }
     if (done < size_t(kTableAreaSize)) {
-        setError(10);
+        setError(QMX_ERR_INTERNAL);
         trace("short write");
         return abend();
     }
@@ -395,7 +395,7 @@ int readModulesConf(const ConfStore &store, util_para *list, int cap) noexcept {
                 // The options would not all fit the caller's records:
                 // refuse rather than rewrite the file without some of them.
                 trace("too many module options");
-                setError(9);
+                setError(QMX_ERR_DATA_FILE);
                 return end(-1);
             }
             util_para &p = list[items++];

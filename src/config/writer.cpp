@@ -3,9 +3,10 @@
 // parameter order, then binding items or the rest) and refreshes the
 // configuration module image.
 //
-// The whole text is built in memory and written with one write into the
-// existing file, which keeps its inode (the exclusive lock's key is derived
-// from it) and is truncated only for the moment of that write.
+// The whole text is built in memory and written into the existing file,
+// which keeps its inode (the exclusive lock's key is derived from it), once
+// its space is reserved.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -36,7 +37,7 @@ __HBAKEY connection_type[kConfPorts], link_speed[kConfPorts], max_transfer[kConf
     els_retry[kConfPorts], to_reset_retry[kConfPorts], scsi_to_retry[kConfPorts],
     abort_t_restrain[kConfPorts], alter_path[kConfPorts], offline_path[kConfPorts],
     pathchk[kConfPorts], trgrst[kConfPorts];
-__HBAKEY isolate[kConfPorts];
+__HBAISOLATE isolate[kConfPorts];
 __HBAKEY retry_cnt[kConfPorts][kRetryEntries];
 
 namespace {
@@ -134,8 +135,9 @@ constexpr int kRetryWords = (kRetryEntries + 63) / 64;
 uint64_t retryBits[kConfPorts][kRetryWords];
 int isolateNext = 0;  // first isolate record that may have an empty key
 
-// Values and isolate keys must fit their fields with the terminator.  A
-// longer text is not taken into a table: the item stays in the list and is
+// Values and isolate keys must fit their fields with the terminator.  The
+// fields hold every text the reader keeps; a longer one (only from a list
+// built by hand) is not taken into a table but stays in the list and is
 // written as one of the port's remaining items, so nothing is cut or lost.
 bool fits(string_view text, std::size_t field) { return text.size() < field; }
 
@@ -146,13 +148,13 @@ void clearTables() {
         if (r.table != nullptr) std::memset(r.table, 0, sizeof(__HBAKEY) * kConfPorts);
     std::memset(isolate, 0, sizeof isolate);
     isolateNext = 0;
-    // Only the first 9216 bytes of retry_cnt (port 0, entries 0 to 255) are
-    // cleared: entries beyond them keep what an earlier write of the same
-    // process stored there and are written again.  This is the writer's
-    // established behaviour and is kept as it is; a process that removes a
-    // retry count of another port sees it come back at its next write.
-    static_assert(9216 == 256 * sizeof(__HBAKEY));
-    std::memset(retry_cnt, 0, 9216);
+    // Only the first 256 entries of retry_cnt (port 0, entries 0 to 255:
+    // 9216 bytes of records with 8-character values) are cleared: entries
+    // beyond them keep what an earlier write of the same process stored
+    // there and are written again.  This is the writer's established
+    // behaviour and is kept as it is; a process that removes a retry count
+    // of another port sees it come back at its next write.
+    std::memset(retry_cnt, 0, 256 * sizeof(__HBAKEY));
     for (int w = 0; w < 256 / 64; ++w) retryBits[0][w] = 0;
 }
 
@@ -243,12 +245,12 @@ bool takeItem(util_para &p, int port, RowCache &rows) {
             return true;
         }
         case Kind::Isolate: {
-            if (!fits(val, sizeof(__HBAKEY::val)) || !fits(key, sizeof(__HBAKEY::key)))
+            if (!fits(val, sizeof(__HBAISOLATE::val)) || !fits(key, sizeof(__HBAISOLATE::key)))
                 return false;
             while (isolateNext < kConfPorts && isolate[isolateNext].key[0] != '\0') ++isolateNext;
             // All 256 records in use: the item is dropped.
             if (isolateNext >= kConfPorts) return true;
-            __HBAKEY &rec = isolate[isolateNext];
+            __HBAISOLATE &rec = isolate[isolateNext];
             storeText(rec.key, sizeof rec.key, key);
             storeText(rec.val, sizeof rec.val, val);
             rec.use_flg = 1;
@@ -308,7 +310,7 @@ void writePort(std::string &out, int port) {
                 }
                 break;
             case Kind::Isolate: {
-                const __HBAKEY &rec = isolate[port];
+                const __HBAISOLATE &rec = isolate[port];
                 if (rec.use_flg != 1) break;
                 putItem(out, fieldText(rec.key, sizeof rec.key), fieldText(rec.val, sizeof rec.val));
                 break;
@@ -466,7 +468,7 @@ void buildConfText(util_para *key_list, int key_list_max, util_para *add_list, i
 
 int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
                  util_para *add_list, int add_list_max, int remake_bind_data) noexcept {
-    setError(0);
+    setError(QMX_ERR_NONE);
     trace("QMX_MakeConfFile START");
     auto abend = [] {
         trace("QMX_MakeConfFile ABEND");
@@ -491,7 +493,7 @@ int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
             sum += long(keyOf(add_list[i]).size() + 1 + valueOf(add_list[i]).size());
             if (sum > kConfSizeLimit) {
                 trace("qmxldd.conf filesize over 100012 written.");
-                setError(14);
+                setError(QMX_ERR_SIZE_LIMIT);
                 return abend();
             }
         }
@@ -505,10 +507,18 @@ int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
         out.reserve(std::size_t(sum) + 4096);
         buildConfText(key_list, key_list_max, add_list, add_list_max, remake_bind_data, out);
 
+        // Rewritten in place, keeping the inode, and only once the new text
+        // is known to fit: its space is reserved first, so a full file
+        // system fails the call before the first byte is written and leaves
+        // the old text as it was.  Then the text, the cut to its size and
+        // the flush to the disk.
         int fd = fileno(fp.get());
-        if (ftruncate(fd, 0) != 0) {
-            sysError("ftruncate", errno);
-            return abend();
+        if (!out.empty()) {
+            int err = posix_fallocate(fd, 0, off_t(out.size()));
+            if (err != 0) {
+                sysError("posix_fallocate", err);
+                return abend();
+            }
         }
         std::size_t done = 0;
         while (done < out.size()) {
@@ -520,6 +530,14 @@ int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
             }
             done += std::size_t(w);
         }
+        if (ftruncate(fd, off_t(out.size())) != 0) {
+            sysError("ftruncate", errno);
+            return abend();
+        }
+        if (fsync(fd) != 0) {
+            sysError("fsync", errno);
+            return abend();
+        }
         if (std::fclose(fp.release()) != 0) {
             sysError("fclose", errno);
             return abend();
@@ -530,7 +548,7 @@ int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
         sysError("malloc", ENOMEM);
         return abend();
     } catch (...) {
-        setError(10);
+        setError(QMX_ERR_INTERNAL);
         return abend();
     }
 }

@@ -41,7 +41,7 @@ int QMX_ExecIoctl(int hd, int request, void *param) {
     qmx::trace("QMX_ExecIoctl START");
     if (rawIoctl(hd, request, param) == 0) return 0;
     qmx::sysError("ioctl", errno);
-    QMX_G_ERROR_CD = 7;
+    QMX_G_ERROR_CD = QMX_ERR_DRIVER;
     qmx::trace("QMX_ExecIoctl ABEND");
     return -1;
 }
@@ -50,7 +50,7 @@ int QMX_CallDriver(QMX_WWN wwn, int ind, int request, void *param) {
     (void)wwn;  // carried for the callers' symmetry; the index names the port
     qmx::trace("QMX_CallDriver START");
     if (ind < 0 || ind >= c_max_port) {
-        QMX_G_ERROR_CD = 2;
+        QMX_G_ERROR_CD = QMX_ERR_INVALID_ARG;
         qmx::trace("QMX_CallDriver ABEND");
         return 1;
     }

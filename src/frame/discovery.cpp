@@ -65,14 +65,14 @@ int QMX_InitRoutine(QMX_WWN wwn) {
         if (dev_info_all[i].wwn != want) continue;
         if (dev_info_all[i].device_id == kUnsupportedDeviceWord) {
             qmx::trace("Unsupported HBA Board");
-            QMX_G_ERROR_CD = 6;
+            QMX_G_ERROR_CD = QMX_ERR_UNSUPPORTED;
             qmx::trace("QMX_InitRoutine ABEND");
             return -1;
         }
         return i;
     }
     qmx::trace("Invalid WWN");
-    QMX_G_ERROR_CD = 4;
+    QMX_G_ERROR_CD = QMX_ERR_UNKNOWN_WWN;
     qmx::trace("QMX_InitRoutine ABEND");
     return -1;
 }
@@ -139,7 +139,7 @@ int qmx_convert_string(char *string, uint64_t *value) {
 int qmx_2CharTo1ByteHex(char *s, unsigned char *c) {
     qmx::trace("qmx_2CharTo1ByteHex START");
     if (s == nullptr || c == nullptr) {
-        QMX_G_ERROR_CD = 10;
+        QMX_G_ERROR_CD = QMX_ERR_INTERNAL;
         qmx::trace("Unknown hex data");
         qmx::trace("qmx_2CharTo1ByteHex ABEND");
         return -1;
@@ -151,7 +151,7 @@ int qmx_2CharTo1ByteHex(char *s, unsigned char *c) {
     for (; *p; ++p) {
         int d = hexDigit(*p);
         if (d < 0) {
-            QMX_G_ERROR_CD = 10;
+            QMX_G_ERROR_CD = QMX_ERR_INTERNAL;
             qmx::trace("Unknown hex data");
             qmx::trace("qmx_2CharTo1ByteHex ABEND");
             return -1;
@@ -161,7 +161,7 @@ int qmx_2CharTo1ByteHex(char *s, unsigned char *c) {
     }
     *c = byte;
     if (digits >= 3) {
-        QMX_G_ERROR_CD = 10;
+        QMX_G_ERROR_CD = QMX_ERR_INTERNAL;
         qmx::trace("unsupported 3 byte char");
         qmx::trace("qmx_2CharTo1ByteHex ABEND");
         return -1;

@@ -7,7 +7,7 @@
 namespace qmx {
 
 Frame::Frame(const char *name, const char *startLabel) noexcept : name_(name) {
-    QMX_G_ERROR_CD = 0;
+    QMX_G_ERROR_CD = QMX_ERR_NONE;
     if (QMX_OpenApiTraceFile() == nullptr)
         QMX_WriteSyslog(2, const_cast<char *>("Trace File Open Error"));
     tracef("%s START", startLabel);
@@ -23,7 +23,7 @@ bool Frame::lock(int target) noexcept {
         return true;
     }
     trace("Lock retry count overflow !!");
-    QMX_G_ERROR_CD = 5;
+    QMX_G_ERROR_CD = QMX_ERR_LOCK;
     finish("END", 1);  // END on this path: tools expect it
     return false;
 }
@@ -40,12 +40,12 @@ int Frame::setterPort(QMX_WWN wwn, bool *ok) noexcept {
 
 void Frame::nullArg(const char *arg, const char *suffix) noexcept {
     tracef("%s%s", arg, suffix);
-    QMX_G_ERROR_CD = 2;
+    QMX_G_ERROR_CD = QMX_ERR_INVALID_ARG;
 }
 
 QMX_STATUS Frame::invalid(const char *arg, const char *suffix) noexcept {
     tracef("%s%s", arg, suffix);
-    QMX_G_ERROR_CD = 2;
+    QMX_G_ERROR_CD = QMX_ERR_INVALID_ARG;
     return fail();
 }
 
@@ -91,6 +91,6 @@ char *QMX_GetVendorAPIVersion(void) {
     // wrote into it cannot change what the next caller reads.
     static char version[] = "06-02";
     std::memcpy(version, "06-02", sizeof version);
-    QMX_G_ERROR_CD = 0;
+    QMX_G_ERROR_CD = QMX_ERR_NONE;
     return version;
 }

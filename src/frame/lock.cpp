@@ -83,14 +83,14 @@ int QMX_GetLockKey(int lock_target, char *message) {
     if (lock_target < 1 || lock_target > int(std::size(kTargets))) {
         qmx::trace("Unknown lock target");
         qmx::trace("QMX_GetLockKey ABEND");
-        QMX_G_ERROR_CD = 10;
+        QMX_G_ERROR_CD = QMX_ERR_INTERNAL;
         return -1;
     }
     const LockTarget &t = kTargets[lock_target - 1];
     if (message != nullptr) std::strcpy(message, t.path);  // callers hold 38 bytes
     key_t key = ftok(t.path, t.projectId);
     if (key == key_t(-1)) {
-        QMX_G_ERROR_CD = 1;
+        QMX_G_ERROR_CD = QMX_ERR_SYSTEM;
         qmx::trace("ftok lock key get fail ");
         return -1;
     }
@@ -116,7 +116,7 @@ int QMX_ExeclusiveLock(int lock_target) {
         qmx::tracef("%s is Lock SUCCESS", message);
         return 0;
     }
-    QMX_G_ERROR_CD = 5;
+    QMX_G_ERROR_CD = QMX_ERR_LOCK;
     qmx::tracef("%s is Lock FAIL.retry count over", message);
     qmx::trace("QMX_ExeclusiveLock ABEND");
     return -1;

@@ -11,10 +11,11 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 #include "frame/frame.h"
 
-int QMX_G_ERROR_CD = 0;
+int QMX_G_ERROR_CD = QMX_ERR_NONE;
 char QMX_G_ERROR_MES[66] = "";
 // Holds 256 characters and the terminator: the length test admits 256.
 char QMX_G_TraceLog[257] = "qmxlibTrace.txt";
@@ -39,55 +40,154 @@ void writeFixedLine(FILE *fp, const char *text, std::size_t len) {
     std::fwrite(line, 1, sizeof line, fp);
 }
 
+void wrapIfFull(FILE *fp);
+
+// The scan's block buffer (the library is single-threaded).  A fixed
+// buffer: the open must not fail (or throw) for want of memory.
+constexpr std::size_t kScanBlock = 64 * 1024;
+char scanBlock[kScanBlock + 1];
+
+// Reads the file from `at` into the block; returns the bytes held.
+std::size_t fillBlock(int fd, long at) {
+    std::size_t have = 0;
+    while (have < kScanBlock) {
+        ssize_t got = pread(fd, scanBlock + have, kScanBlock - have, off_t(at) + off_t(have));
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        have += std::size_t(got);
+    }
+    scanBlock[have] = '\0';
+    return have;
+}
+
+// The first "EndLog" in [from, to) of the NUL-terminated block, past
+// embedded NULs; nullptr when there is none.
+const char *findText(const char *from, const char *to) {
+    while (from < to) {
+        const char *hit = std::strstr(from, "EndLog");
+        if (hit != nullptr) return hit < to ? hit : nullptr;
+        from += std::strlen(from) + 1;  // stopped at an embedded NUL
+    }
+    return nullptr;
+}
+
+// Finds the marker line the way a loop of fgets(buf, 132) + strstr("EndLog")
+// would: each read takes the bytes up to its newline or 131 bytes, and
+// matches when "EndLog" lies whole inside it before any NUL.  Returns the
+// byte offset of the read that holds the marker and the number of reads
+// before it, or -1.  The text is searched block by block for the marker's
+// first candidate, so the reads before it only look for their newline.
+// The stream is not read through: its position is set by the caller.
+long findMarker(FILE *fp, int *lines) {
+    const int fd = fileno(fp);
+    long base = 0;          // file offset of scanBlock[0]
+    std::size_t have = 0;   // bytes held
+    bool eof = false;
+    const char *cand = nullptr;  // next candidate at or after the read
+    long start = 0;         // offset of the current read
+    int count = 0;
+    for (;;) {
+        std::size_t off = std::size_t(start - base);
+        if (!eof && off + kScanChunk > have) {
+            base = start;
+            have = fillBlock(fd, base);
+            eof = have < kScanBlock;
+            off = 0;
+            cand = nullptr;
+        }
+        if (off >= have) return -1;
+        const char *read = scanBlock + off;
+        std::size_t span = have - off < kScanChunk ? have - off : kScanChunk;
+        const void *nl = std::memchr(read, '\n', span);
+        const char *end = nl ? static_cast<const char *>(nl) + 1 : read + span;
+        if (cand == nullptr || cand < read) {
+            cand = findText(read, scanBlock + have);
+            if (cand == nullptr) cand = scanBlock + have;  // none in this block
+        }
+        // A later "EndLog" of the same read would also run past its end or
+        // follow the same NUL, so the first one decides.
+        if (cand < end && cand + 6 <= end && std::memchr(read, '\0', std::size_t(cand - read)) == nullptr) {
+            *lines = count;
+            return start;
+        }
+        ++count;
+        start += long(end - read);
+    }
+}
+
+// Where this process left the marker at its last close, and the file as it
+// stood then.  The next open takes the marker from here instead of scanning
+// when the file is provably as it was left: the same file, size and time
+// stamps, the marker line still in place, and the scan's answer for it
+// known (a whole 121-byte line before it for each read counted, none of
+// them holding "EndLog").  The time stamps are read at the close, after the
+// last write, so on kernels with fine-grained time stamps any later change
+// gets new ones; where they are coarse, a library writer within the same
+// tick is still seen: every writer starts at the first marker and
+// overwrites it with its first line.  Anything else scans.
+struct RingMemo {
+    bool valid = false;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    off_t size = 0;
+    timespec mtim{}, ctim{};
+    long marker = 0;
+};
+RingMemo ringMemo;
+
+// The lines written since the open: `basePos` is where the scan left the
+// stream (or the top after a wrap) with `baseReads` reads before it.
+struct TraceSession {
+    long basePos = 0;
+    long baseReads = 0;
+    bool clean = true;  // no line written holds "EndLog"
+};
+TraceSession session;
+
+constexpr std::string_view kMarkerLine =
+    "EndLog                                                                                        "
+    "                          \n";
+static_assert(kMarkerLine.size() == kLineWidth + 1);
+
+bool sameFile(const RingMemo &m, const struct stat &st) {
+    return m.dev == st.st_dev && m.ino == st.st_ino && m.size == st.st_size &&
+           m.mtim.tv_sec == st.st_mtim.tv_sec && m.mtim.tv_nsec == st.st_mtim.tv_nsec &&
+           m.ctim.tv_sec == st.st_ctim.tv_sec && m.ctim.tv_nsec == st.st_ctim.tv_nsec;
+}
+
+// The marker as this process left it, when the file is provably unchanged.
+bool rememberedMarker(int fd, long *at) {
+    if (!ringMemo.valid) return false;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !sameFile(ringMemo, st)) return false;
+    char line[kLineWidth + 1];
+    if (pread(fd, line, sizeof line, off_t(ringMemo.marker)) != ssize_t(sizeof line)) return false;
+    if (std::string_view(line, sizeof line) != kMarkerLine) return false;
+    *at = ringMemo.marker;
+    return true;
+}
+
+// Called at close, the marker written at `marker` and flushed.
+void rememberMarker(FILE *fp, long marker) {
+    ringMemo.valid = false;
+    long ahead = marker - session.basePos;
+    if (!session.clean || std::ferror(fp) || ahead < 0 || ahead % (kLineWidth + 1) != 0) return;
+    long reads = session.baseReads + ahead / (kLineWidth + 1);
+    // The scan would count marker / 121 reads only over whole lines; a
+    // count past the ring's last line would wrap at the next write.
+    if (reads * (kLineWidth + 1) != marker || reads > kRingLines - 1) return;
+    struct stat st;
+    if (fstat(fileno(fp), &st) != 0) return;
+    ringMemo = {true, st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim, marker};
+}
+
 void wrapIfFull(FILE *fp) {
     if (QMX_G_TraceLineCnt > kRingLines - 1) {
         QMX_G_TraceLineCnt = 0;
         std::rewind(fp);
+        session.basePos = 0;
+        session.baseReads = 0;
     }
-}
-
-// Finds the marker line the way a loop of fgets(buf, 132) + strstr("EndLog")
-// would, but reading the file in large blocks.  Returns the byte offset of
-// the read that holds the marker and the number of reads before it, or -1.
-// Fixed buffers only: the open must not fail (or throw) for want of memory.
-long findMarker(FILE *fp, int *lines) {
-    char block[8192];
-    char pending[kScanChunk + 1];  // the read in progress, NUL-terminated
-    std::size_t held = 0;
-    long pos = 0;  // offset of the current read's first byte
-    int count = 0;
-    auto finishRead = [&]() -> bool {
-        pending[held] = '\0';
-        // strstr stops at an embedded NUL, as it would on the fgets buffer.
-        if (std::strstr(pending, "EndLog") != nullptr) return true;
-        ++count;
-        pos += long(held);
-        held = 0;
-        return false;
-    };
-    std::size_t got;
-    while ((got = std::fread(block, 1, sizeof block, fp)) > 0) {
-        std::size_t i = 0;
-        while (i < got) {
-            // Take bytes up to the newline or until the read is full.
-            std::size_t room = kScanChunk - held;
-            std::size_t span = got - i < room ? got - i : room;
-            const void *nl = std::memchr(block + i, '\n', span);
-            std::size_t take = nl ? std::size_t(static_cast<const char *>(nl) - (block + i)) + 1 : span;
-            std::memcpy(pending + held, block + i, take);
-            held += take;
-            i += take;
-            if ((nl != nullptr || held == kScanChunk) && finishRead()) {
-                *lines = count;
-                return pos;
-            }
-        }
-    }
-    if (held > 0 && finishRead()) {
-        *lines = count;
-        return pos;
-    }
-    return -1;
 }
 
 }  // namespace
@@ -105,18 +205,28 @@ FILE *QMX_OpenApiTraceFile(void) {
     else
         std::snprintf(path, sizeof path, "%s", QMX_G_TraceLog);
 
-    FILE *fp = std::fopen(path, "r+");
+    // Close-on-exec: the tools and shell commands a call runs must not
+    // inherit the trace (nor hold its flock after the call closes it).
+    FILE *fp = std::fopen(path, "r+e");
     if (fp == nullptr) {
-        fp = std::fopen(path, "w");
+        fp = std::fopen(path, "we");
         if (fp == nullptr) return nullptr;
         flock(fileno(fp), LOCK_EX);
+        session = TraceSession{};
         QMX_G_TraceFP = fp;
         return fp;
     }
     flock(fileno(fp), LOCK_EX);
     int lines = 0;
-    long at = findMarker(fp, &lines);
+    long at = -1;
+    if (rememberedMarker(fileno(fp), &at))
+        lines = int(at / (kLineWidth + 1));
+    else
+        at = findMarker(fp, &lines);
+    session = TraceSession{};
     if (at >= 0) {
+        session.basePos = at;
+        session.baseReads = lines;
         std::fseek(fp, at, SEEK_SET);
         QMX_G_TraceLineCnt = lines;
     } else {
@@ -157,6 +267,8 @@ FILE *QMX_WriteApiTraceFile(char *message) {
     } else {
         std::snprintf(stamp, sizeof stamp, "%21s", "");
     }
+    if (std::strstr(first, "EndLog") != nullptr || std::strstr(second, "EndLog") != nullptr)
+        session.clean = false;  // a later scan would stop at this line
     for (char *p = first; *p; ++p)
         if (*p == '\n') *p = ' ';
     for (char *p = second; *p; ++p)
@@ -180,8 +292,10 @@ int QMX_CloseApiTraceFile(void) {
     FILE *fp = QMX_G_TraceFP;
     if (fp == nullptr) return 0;
     wrapIfFull(fp);
+    long marker = std::ftell(fp);
     writeFixedLine(fp, "EndLog", 6);
     std::fflush(fp);
+    rememberMarker(fp, marker);
     flock(fileno(fp), LOCK_UN);
     std::fclose(fp);
     QMX_G_TraceFP = nullptr;
@@ -191,6 +305,7 @@ int QMX_CloseApiTraceFile(void) {
 int QMX_ChangeTraceLogFile(char *file) {
     if (file == nullptr) return -1;
     if (QMX_G_TraceFP != nullptr) return -2;
+    ringMemo.valid = false;
     std::size_t len = strnlen(file, sizeof QMX_G_TraceLog);
     if (len > sizeof QMX_G_TraceLog - 1) return -3;
     std::memcpy(QMX_G_TraceLog, file, len);
@@ -218,7 +333,7 @@ void QMX_OutputSysLog(char *f, int cd) {
     std::snprintf(QMX_G_ERROR_MES, sizeof QMX_G_ERROR_MES, "qmxvlib:%s is error. errno(%d:%s)",
                   f ? f : "(null)", cd, err);
     QMX_WriteApiTraceFile(QMX_G_ERROR_MES);
-    QMX_G_ERROR_CD = 1;
+    QMX_G_ERROR_CD = QMX_ERR_SYSTEM;
 }
 
 FILE *QMX_fopen(char *f, char *m) {
@@ -228,7 +343,14 @@ FILE *QMX_fopen(char *f, char *m) {
         qmx::trace("QMX_fopen ABEND");
         return nullptr;
     }
-    FILE *fp = std::fopen(f, m);
+    // Every stream opened here is close-on-exec ("e" is added to the mode
+    // when the caller did not give it), so no child inherits it.
+    char mode[16];
+    std::size_t ml = strnlen(m, sizeof mode - 2);
+    std::memcpy(mode, m, ml);
+    if (std::memchr(mode, 'e', ml) == nullptr) mode[ml++] = 'e';
+    mode[ml] = '\0';
+    FILE *fp = std::fopen(f, mode);
     if (fp != nullptr) return fp;
     QMX_OutputSysLog(const_cast<char *>("fopen"), errno);
     qmx::trace("QMX_fopen ABEND");

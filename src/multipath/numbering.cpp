@@ -223,14 +223,14 @@ bool pathChangeReason(int err_code, int *reason, const char **text) noexcept {
         int reason;
         const char *text;
     } kReasons[] = {
-        {0, 30, "bad status"},
-        {1, 31, "QMX-PCM disable"},
-        {2, 32, "bad new status"},
-        {3, 33, "no device"},
-        {4, 34, "not register lgde (no device)"},
-        {10, 35, "adapter status is not online"},
-        {11, 36, "target status is not online"},
-        {20, 37, "request imcomplete"},
+        {0, QMX_ERR_LUPATH_BAD_STATUS, "bad status"},
+        {1, QMX_ERR_LUPATH_PCM_DISABLE, "QMX-PCM disable"},
+        {2, QMX_ERR_LUPATH_BAD_NEW_STATUS, "bad new status"},
+        {3, QMX_ERR_LUPATH_NO_DEVICE, "no device"},
+        {4, QMX_ERR_LUPATH_NOT_REGISTERED, "not register lgde (no device)"},
+        {10, QMX_ERR_LUPATH_ADAPTER_OFFLINE, "adapter status is not online"},
+        {11, QMX_ERR_LUPATH_TARGET_OFFLINE, "target status is not online"},
+        {20, QMX_ERR_LUPATH_INCOMPLETE, "request imcomplete"},
     };
     for (const auto &r : kReasons) {
         if (r.err != err_code) continue;
@@ -374,7 +374,7 @@ QMX_STATUS QMX_DeleteAdapterPath(QMX_WWN wwn, QMX_UINT8 devno) {
                 qmx::trace(text);
                 QMX_G_ERROR_CD = reason;
             } else {
-                QMX_G_ERROR_CD = 0;  // the driver gave no reason the library knows
+                QMX_G_ERROR_CD = QMX_ERR_NONE;  // the driver gave no reason the library knows
             }
             return f.fail();
         }

@@ -226,7 +226,7 @@ int QMX_SysFsFileCopy(QMX_WWN wwn) {
         }
         if (size >= kSysfsFileLimit) {
             std::fclose(in);
-            qmx::setError(14);
+            qmx::setError(QMX_ERR_SIZE_LIMIT);
             qmx::tracef("conf file size %ld byte too big", size);
             return f.fail();
         }

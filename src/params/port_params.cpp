@@ -3,6 +3,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "config/config.h"
 #include "frame/frame.h"
 #include "params/param_table.h"
 #include "params/params.h"
@@ -55,7 +56,7 @@ bool currentValue(const PortParam &p, const Query &q, int64_t *value) {
         trace("IOCTL_QMX_HBA_ISOLATION");
         trace("Get isolation type illegal value.");
     }
-    setError(1);
+    setError(QMX_ERR_SYSTEM);
     return false;
 }
 
@@ -173,9 +174,12 @@ QMX_STATUS getThresholds(const PortParam &p, QMX_WWN wwn, int *C, int *S) noexce
         if (!queryDriver(f, p, wwn, ind, rec, &q)) return f.fail();
         static_assert(sizeof rec.isol.retry_cnt / sizeof rec.isol.retry_cnt[0] >= kThresholdEntries);
         for (int i = 0; i < kThresholdEntries; ++i) C[i] = rec.isol.retry_cnt[i];
+        // One read of the configuration file answers every entry; each
+        // lookup is traced as the engine's lookup of one key.
+        UtilLookups lookups(kSystemStore);
         for (int i = 0; i < kThresholdEntries; ++i) {
             int stored = -1;
-            if (QMX_GetUtilValue(wwn, ind, key(p), i, &stored) != 0) return f.fail();
+            if (lookups.get(wwn, ind, key(p), i, &stored) != 0) return f.fail();
             S[i] = stored;
         }
         return f.ok();
@@ -200,7 +204,7 @@ QMX_STATUS unsupported(const PortParam &p, bool getter) noexcept {
     // Only the frame's opening and the UNSUPPORTED line: no port lookup, no
     // END or ABEND line, the outputs are left alone.
     const char *name = getter ? p.getName : p.setName;
-    QMX_G_ERROR_CD = 0;
+    QMX_G_ERROR_CD = QMX_ERR_NONE;
     if (QMX_OpenApiTraceFile() == nullptr)
         QMX_WriteSyslog(2, const_cast<char *>("Trace File Open Error"));
     tracef("%s START", name);

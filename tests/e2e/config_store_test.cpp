@@ -1,5 +1,9 @@
 // The configuration store of the shipped library in the virtual host:
 // "/etc/qmxldd.conf", the configuration module image and the module options.
+#include <sys/mount.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "vhost.h"
@@ -85,6 +89,51 @@ TEST_F(ConfigStore, SetRewritesTheFileInPlaceAndRefreshesTheImage) {
     EXPECT_EQ(got, 64);
     EXPECT_TRUE(traced("qmx_mpcfg START"));
     EXPECT_FALSE(traced("QMX_SetUtilValue ABEND"));
+}
+
+// A set whose new text does not fit on the file system fails before the
+// first byte is written: the file keeps its inode and every byte.  The file
+// is a bind mount of a file on a small tmpfs that a filler has made full.
+TEST_F(ConfigStore, FullFileSystemFailsTheSetAndKeepsTheOldFile) {
+    char dir[] = "/tmp/qmxfull-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    if (mount("tmpfs", dir, "tmpfs", 0, "size=16k") != 0) GTEST_SKIP() << "cannot mount a tmpfs here";
+    const std::string small = std::string(dir) + "/qmxldd.conf";
+    // Padding items take the file to 4090 bytes: one page, with no room for
+    // the port item the set adds.
+    std::string text = readFile(kConf);
+    for (int i = 0; text.size() < 4090; ++i) {
+        std::string item = "qmx_pad" + std::to_string(i) + "=";
+        std::size_t room = 4090 - text.size() - item.size() - 1;
+        text += item + std::string(std::min<std::size_t>(room, 100), 'p') + ":";
+    }
+    ASSERT_EQ(text.size(), 4090u);
+    ASSERT_TRUE(writeFile(small, text));
+    {
+        std::string filler = std::string(dir) + "/filler";
+        int fd = ::open(filler.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        ASSERT_GE(fd, 0);
+        char block[1024] = {};
+        while (::write(fd, block, sizeof block) > 0) {
+        }
+        ::close(fd);
+    }
+    ASSERT_EQ(mount(small.c_str(), kConf, nullptr, MS_BIND, nullptr), 0) << std::strerror(errno);
+    struct stat before;
+    ASSERT_EQ(stat(kConf, &before), 0);
+    QMX_CloseApiTraceFile();
+    EXPECT_EQ(QMX_SetQueueDepthCount(portWwn(2), 16, 0), 1);  // a new item for port 2
+    EXPECT_EQ(QMX_LastErrorCode(), QMX_ERR_SYSTEM);
+    // The report is cut to its 66-character buffer.
+    EXPECT_TRUE(traceHas("qmxvlib:posix_fallocate is error. errno(28:No space left on devic"));
+    EXPECT_TRUE(readFile(kConf) == text) << "the file changed";
+    struct stat after;
+    ASSERT_EQ(stat(kConf, &after), 0);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+    umount(kConf);
+    umount(dir);
+    rmdir(dir);
+    QMX_OpenApiTraceFile();
 }
 
 TEST_F(ConfigStore, BindingModeWithEmptyTablesDropsBindingItems) {

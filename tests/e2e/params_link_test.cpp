@@ -197,6 +197,20 @@ TEST_F(LinkSettings, PreferredAlpaIsStoredAsHexByte) {
     EXPECT_EQ(readFile(kConf).find("qmx0_preferred_alpa"), std::string::npos);
 }
 
+// A hand-edited value is read by the two characters after its first two.
+TEST_F(LinkSettings, PreferredAlpaReadsTheTwoDigitsAfterThePrefix) {
+    const struct {
+        const char *text;
+        int want;
+    } cases[] = {{"0x0ef", 0x0e}, {"0x01 ", 0x01}, {"0xC8", 0xc8}};
+    for (const auto &c : cases) {
+        ASSERT_TRUE(writeFile(kConf, std::string("qmx0_preferred_alpa=") + c.text + ":"));
+        QMX_PREFERREDALPA cur = 0, set = 0;
+        EXPECT_EQ(QMX_GetPreferredALPANumber(portWwn(0), &cur, &set), 0) << c.text;
+        EXPECT_EQ(set, c.want) << c.text;
+    }
+}
+
 // -------------------------------------------------------------------- login delay
 TEST_F(LinkSettings, LoginDelayThroughTheBiosTool) {
     QMX_UINT32 c = 9, s = 9;

@@ -1,12 +1,16 @@
 // Members of the port parameter family that differ from the common pattern,
 // the driver-wide switches, the single-value getter and the members the
 // adapters do not offer.
+#include <sys/inotify.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <initializer_list>
 #include <string>
 #include <vector>
 
 #include "params_support.h"
+#include "qmxldd_ioctl.h"
 
 class ParamQuirks : public ParamsVHostTest {};
 
@@ -130,6 +134,56 @@ TEST_F(ParamQuirks, PassChangeThresholdsPerErrorNumber) {
     EXPECT_EQ(s[0], -1);
     for (int i = 0; i < 1000; ++i) EXPECT_EQ(c[i], 0) << i;  // the simulated driver reports zeros
     EXPECT_TRUE(traceHas("QMX_GetPassChangeThreshold END"));
+}
+
+// The 1000 lookups are answered from one read of the file, and the trace is
+// the one the engine's lookups of one key each write (time stamps aside).
+TEST_F(ParamQuirks, PassChangeThresholdsReadTheFileOnceAndTraceEveryLookup) {
+    appendConf("qmx1_retry_cnt5=7:qmx1_retry_cnt999=2048:qmx1_retry_cnt12=12" + std::string(130, 'x') + ":");
+    discover();
+    const QMX_WWN w = portWwn(1);
+    // Each line's time stamp ("YYYY/MM/DD hh:mm:ss") masked.
+    auto traceFile = [] {
+        std::string t = readFile(kTraceFile);
+        for (std::size_t at = 0; at + 19 <= t.size(); at += 121)
+            if (t[at + 4] == '/' && t[at + 7] == '/') t.replace(at, 19, 19, '#');
+        return t;
+    };
+    clearTrace();
+    int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(watch, 0);
+    // Closes are watched too: identical events in a row would be merged.
+    ASSERT_GE(inotify_add_watch(watch, kConf, IN_OPEN | IN_CLOSE_NOWRITE), 0);
+    std::vector<int> c(1000), s(1000);
+    ASSERT_EQ(QMX_GetPassChangeThreshold(w, c.data(), s.data()), 0);
+    int opens = 0;
+    alignas(inotify_event) char buf[64 * (sizeof(inotify_event) + 16)];
+    for (ssize_t n; (n = read(watch, buf, sizeof buf)) > 0;)
+        for (char *p = buf; p < buf + n; p += sizeof(inotify_event) + reinterpret_cast<inotify_event *>(p)->len)
+            opens += (reinterpret_cast<inotify_event *>(p)->mask & IN_OPEN) ? 1 : 0;
+    close(watch);
+    EXPECT_EQ(opens, 1);
+    EXPECT_EQ(s[5], 7);
+    EXPECT_EQ(s[12], 12);  // an over-long value, cut to its field (traced on every lookup)
+    EXPECT_EQ(s[999], 2048);
+    std::string once = traceFile();
+
+    // The same call made of the engine's single-key lookups.
+    clearTrace();
+    QMX_OpenApiTraceFile();
+    QMX_WriteApiTraceFile(const_cast<char *>("QMX_GetPassChangeThreshold START"));
+    int ind = QMX_InitRoutine(w);
+    qmx_isol_info rec{};
+    ASSERT_EQ(QMX_CallDriver(w, ind, int(IOCTL_QMX_HBA_ISOLATION), &rec), 0);
+    for (int i = 0; i < 1000; ++i) {
+        int v = -1;
+        ASSERT_EQ(QMX_GetUtilValue(w, ind, const_cast<char *>("_retry_cnt"), i, &v), 0);
+        EXPECT_EQ(v, s[std::size_t(i)]) << i;
+    }
+    QMX_WriteApiTraceFile(const_cast<char *>("QMX_GetPassChangeThreshold END"));
+    QMX_CloseApiTraceFile();
+    EXPECT_TRUE(once == traceFile()) << "traces differ";
+    EXPECT_TRUE(traceHas("qmxldd.conf item truncated"));
 }
 
 TEST_F(ParamQuirks, PassChangeThresholdChecksTheThresholdThenTheErrorNumber) {

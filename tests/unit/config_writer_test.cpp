@@ -62,14 +62,38 @@ TEST_F(ConfLayout, ItemsAreWrittenInTheFixedOrder) {
           "qmx3_x_retry_cnt8=e"},
          {},
          "qmx3_retry_cnt7=d:"},
-        {"values too long for a table and ports outside stay as items",
-         {"qmx2_queue_depth=12345678", "qmx300_queue_depth=4", "qmx-4_queue_depth=5", "qmx2_link_speed=8"},
+        {"ports outside the tables stay as items",
+         {"qmx2_queue_depth=1", "qmx300_queue_depth=4", "qmx-4_queue_depth=5", "qmx2_link_speed=8"},
          {},
-         "qmx2_link_speed=8:qmx2_queue_depth=12345678:qmx300_queue_depth=4:qmx-4_queue_depth=5:"},
+         "qmx2_link_speed=8:qmx2_queue_depth=1:qmx300_queue_depth=4:qmx-4_queue_depth=5:"},
     };
     for (const Case &c : cases) {
         clearRetryTable();
         EXPECT_EQ(build(items(c.keys), items(c.add)), c.want) << c.why;
+    }
+}
+
+// A value of any length the reader keeps (up to 127 characters) stays in
+// its place in the layout, from the file and as a new item in either mode;
+// so does an isolation item with a long key.
+TEST_F(ConfLayout, LongValuesKeepTheirPlace) {
+    for (std::size_t len : {std::size_t(7), std::size_t(8), sizeof(util_para::value) - 1}) {
+        const std::string v(len, '7'), bs = "qmx_0a_0b_0c" + std::string(40, 'k') + "_bs";
+        clearRetryTable();
+        EXPECT_EQ(build(items({"qmx2_link_speed=" + v, "qmx2_connection_type=" + v,
+                               "qmx2_retry_cnt3=" + v, "qmx2_unknown=1"})),
+                  "qmx2_connection_type=" + v + ":qmx2_link_speed=" + v + ":qmx2_retry_cnt3=" + v +
+                      ":qmx2_unknown=1:")
+            << len;
+        for (int mode : {0, 1}) {
+            clearRetryTable();  // port 2's retry count would stay from the write above
+            clearBinding();
+            EXPECT_EQ(build(items({"qmx1_queue_depth=1"}),
+                            items({"qmx0_tmt_delay=" + v, "qmx0_link_down=" + v, bs + "=" + v}), mode),
+                      "qmx0_link_down=" + v + ":qmx0_tmt_delay=" + v + ":" + bs + "=" + v +
+                          ":qmx1_queue_depth=1:")
+                << len << " mode " << mode;
+        }
     }
 }
 

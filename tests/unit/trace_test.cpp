@@ -1,14 +1,18 @@
 // The API trace ring: fixed-width lines, the marker, the wrap, message
 // splitting and the marker scan of an existing file.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/select.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "frame/frame.h"
@@ -18,6 +22,17 @@
 namespace {
 
 using frametest::slurp;
+
+// "a" + b built by appending: GCC 12 reports a false -Wrestrict overlap for
+// `"literal" + std::string` at -O3.
+std::string cat(std::string a, std::string_view b) {
+    a += b;
+    return a;
+}
+std::string padded(std::string text) {
+    text.resize(120, ' ');
+    return text;
+}
 
 std::string tracePath(const std::string &name) {
     struct stat st;
@@ -53,7 +68,7 @@ TEST_F(TraceRing, NewFileHoldsStartEndAndMarker) {
     ASSERT_EQ(l.size(), 3u);
     EXPECT_EQ(text(l[0]), "QMX_Probe START");
     EXPECT_EQ(text(l[1]), "QMX_Probe END");
-    EXPECT_EQ(l[2], "EndLog" + std::string(114, ' '));
+    EXPECT_EQ(l[2], padded("EndLog"));
     // stamp "YYYY/MM/DD hh:mm:ss " then the pid
     EXPECT_EQ(l[0][4], '/');
     EXPECT_EQ(l[0][19], ' ');
@@ -62,7 +77,7 @@ TEST_F(TraceRing, NewFileHoldsStartEndAndMarker) {
 
 TEST_F(TraceRing, WrapsAfter4000LinesAndMarkerFollowsNewest) {
     ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
-    for (int i = 1; i <= 4001; ++i) write("m" + std::to_string(i));
+    for (int i = 1; i <= 4001; ++i) write(cat("m", std::to_string(i)));
     QMX_CloseApiTraceFile();
     auto l = lines();
     ASSERT_EQ(l.size(), 4000u);
@@ -117,6 +132,98 @@ TEST_F(TraceRing, MarkerScanCountsReadsOfAtMost131Bytes) {
     EXPECT_EQ(all.substr(422, 6), "EndLog");
 }
 
+// No child a call runs (BIOS tool, shell command) inherits a stream the
+// trace layer opens: the created trace, the reopened one and QMX_fopen's.
+TEST_F(TraceRing, StreamsAreCloseOnExec) {
+    auto cloexec = [](FILE *fp) { return fp != nullptr && (fcntl(fileno(fp), F_GETFD) & FD_CLOEXEC); };
+    EXPECT_TRUE(cloexec(QMX_OpenApiTraceFile()));  // created
+    QMX_CloseApiTraceFile();
+    EXPECT_TRUE(cloexec(QMX_OpenApiTraceFile()));  // reopened
+    FILE *fp = QMX_fopen(const_cast<char *>(path_.c_str()), const_cast<char *>("r"));
+    EXPECT_TRUE(cloexec(fp));
+    if (fp != nullptr) std::fclose(fp);
+}
+
+// The marker scan agrees with a loop of fgets(132) + strstr("EndLog") where
+// a block search could go wrong: a marker across the 64 KiB block edge or
+// after it, "EndLog" behind a NUL or split between two reads of a long line,
+// inside a message, or nowhere.
+TEST_F(TraceRing, MarkerScanMatchesLineReads) {
+    auto reference = [](const std::string &t, int *reads) -> long {
+        int n = 0;
+        for (std::size_t pos = 0; pos < t.size(); ++n) {
+            std::size_t nl = t.find('\n', pos);
+            std::size_t len = std::min<std::size_t>(131, (nl == std::string::npos ? t.size() : nl + 1) - pos);
+            if (std::strstr(t.substr(pos, len).c_str(), "EndLog") != nullptr) {
+                *reads = n;
+                return long(pos);
+            }
+            pos += len;
+        }
+        *reads = 0;
+        return 0;
+    };
+    const std::string line = std::string(120, 'x') + "\n", mark = padded("EndLog") + "\n";
+    auto lines = [&](int n) {
+        std::string t;
+        for (int i = 0; i < n; ++i) t += line;
+        return t;
+    };
+    const std::string files[] = {
+        lines(600) + mark + line,
+        lines(541) + std::string(71, 'y') + "\n" + mark + line,  // "EndLog" at 65533
+        lines(541) + std::string(75, 'y') + "\n" + mark,         // the marker line at 65537
+        std::string("ab") + '\0' + "EndLog\n" + line + mark,
+        std::string(128, 'a') + "EndLog\n" + mark,
+        line + "2026/01/01 00:00:00 1 QMX_x EndLog text\n" + mark,
+        lines(3) + "EndLo",
+    };
+    for (const std::string &t : files) {
+        {
+            std::ofstream out(path_, std::ios::binary | std::ios::trunc);
+            out << t;
+        }
+        int reads = 0;
+        long at = reference(t, &reads);
+        FILE *fp = QMX_OpenApiTraceFile();
+        ASSERT_NE(fp, nullptr);
+        EXPECT_EQ(QMX_G_TraceLineCnt, reads) << t.size();
+        EXPECT_EQ(std::ftell(fp), at) << t.size();
+        QMX_CloseApiTraceFile();
+    }
+}
+
+// An open after this process's own close takes the marker it left; a write
+// by another process in between (or a message holding "EndLog") is seen.
+TEST_F(TraceRing, ReopenFindsTheMarkerAfterOtherWriters) {
+    auto session = [&](int n, const std::string &msg = "m") {
+        ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+        for (int i = 0; i < n; ++i) write(msg);
+        QMX_CloseApiTraceFile();
+    };
+    session(2);
+    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+    EXPECT_EQ(QMX_G_TraceLineCnt, 2);
+    QMX_CloseApiTraceFile();
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        QMX_OpenApiTraceFile();
+        for (int i = 0; i < 3; ++i) write("child");
+        QMX_CloseApiTraceFile();
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+    EXPECT_EQ(QMX_G_TraceLineCnt, 5);
+    write("x EndLog x");  // the next scan stops here
+    QMX_CloseApiTraceFile();
+    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
+    EXPECT_EQ(QMX_G_TraceLineCnt, 5);
+    QMX_CloseApiTraceFile();
+}
+
 TEST_F(TraceRing, MessagesSplitAt95AndStopAt214) {
     ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
     std::string m95(95, 'a'), m96 = std::string(95, 'b') + "c";
@@ -130,7 +237,7 @@ TEST_F(TraceRing, MessagesSplitAt95AndStopAt214) {
     auto l = lines();
     ASSERT_EQ(l.size(), 7u);
     EXPECT_EQ(text(l[0]), m95.substr(0, 120 - 21 - std::to_string(getpid()).size()));
-    EXPECT_EQ(l[2], "c" + std::string(119, ' '));              // continuation: no stamp
+    EXPECT_EQ(l[2], padded("c"));              // continuation: no stamp
     EXPECT_EQ(text(l[4]), m300.substr(95, 119));                // chars 95..213
     EXPECT_EQ(text(l[5]), "two lines");                         // newline became a blank
     EXPECT_EQ(text(l[6]), "EndLog");
