@@ -3,9 +3,9 @@
 //   qmxsim [--scenario FILE] [--state DIR] -- COMMAND [ARGS...]
 //
 // The command runs in private mount and IPC namespaces (plus a user namespace
-// mapped to root when started without root rights).  "/etc", "/dev",
+// mapped to root when started without root rights).  "/etc", "/dev", "/tmp",
 // "/sys/class" and "/usr/lib" are overlays whose changes stay in the sandbox;
-// "/opt", "/tmp", "/sys/block" and "/dev/shm" are fresh tmpfs mounts.  The
+// "/opt", "/sys/block" and "/dev/shm" are fresh tmpfs mounts.  The
 // host files, device files and adapter tools are created from the scenario,
 // the simulated driver is preloaded (LD_PRELOAD), and "/dev/log" is caught
 // into "<state>/syslog.log".  The exit status is the command's (128 + signal
@@ -376,7 +376,18 @@ int sandbox(const Options &o, const Paths &paths, const std::string &state, bool
     }
     tmpfs("/dev/shm");
     tmpfs("/opt");
-    tmpfs("/tmp");
+    // /tmp: an overlay, so that every file of the host under /tmp (a build
+    // tree, a script, a data file) stays visible while whatever the command
+    // writes there (the library's scratch files) stays in the sandbox.  Its
+    // root keeps the host's mode (1777).  A kernel that refuses the overlay
+    // gets a fresh tmpfs; the kept directories below are bound into either.
+    struct stat hostTmp;
+    bool tmpKnown = stat("/tmp", &hostTmp) == 0;
+    if (overlay(scratch, "/tmp", "tmp")) {
+        if (tmpKnown) chmod("/tmp", hostTmp.st_mode & 07777);
+    } else {
+        tmpfs("/tmp");
+    }
     tmpfs("/sys/block");
 
     for (const Kept &k : kept) {
