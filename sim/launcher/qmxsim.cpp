@@ -4,8 +4,9 @@
 //
 // The command runs in private mount and IPC namespaces (plus a user namespace
 // mapped to root when started without root rights).  "/etc", "/dev", "/tmp",
-// "/sys/class" and "/usr/lib" are overlays whose changes stay in the sandbox;
-// "/opt", "/sys/block" and "/dev/shm" are fresh tmpfs mounts.  The
+// "/opt", "/sys/class" and "/usr/lib" are overlays whose changes stay in the
+// sandbox; "/opt/kestrel", "/sys/block" and "/dev/shm" are fresh tmpfs
+// mounts.  The
 // host files, device files and adapter tools are created from the scenario,
 // the simulated driver is preloaded (LD_PRELOAD), and "/dev/log" is caught
 // into "<state>/syslog.log".  The exit status is the command's (128 + signal
@@ -375,7 +376,11 @@ int sandbox(const Options &o, const Paths &paths, const std::string &state, bool
         mount((oldDev + "/pts").c_str(), "/dev/pts", nullptr, MS_BIND | MS_REC, nullptr);
     }
     tmpfs("/dev/shm");
-    tmpfs("/opt");
+    // /opt: an overlay too, with the simulated host's own /opt/kestrel a
+    // fresh tmpfs on it (a host with the real adapter software installed
+    // must not mix its tools and trace file into the sandbox).
+    if (!overlay(scratch, "/opt", "opt")) tmpfs("/opt");
+    tmpfs("/opt/kestrel");
     // /tmp: an overlay, so that every file of the host under /tmp (a build
     // tree, a script, a data file) stays visible while whatever the command
     // writes there (the library's scratch files) stays in the sandbox.  Its
