@@ -307,9 +307,10 @@ int sandbox(const Options &o, const Paths &paths, const std::string &state, bool
     if (!hostname.empty() && sethostname(hostname.data(), hostname.size()) != 0)
         die("sethostname: " + std::string(std::strerror(errno)));
 
-    // Directories the sandbox's own mounts must not hide: the state
-    // directory, the simulated driver and tools, the command and the working
-    // directory (a build tree under /tmp, say).
+    // Directories that stay the host's own inside the sandbox, neither
+    // hidden nor overlaid, so that writes there reach the host: the state
+    // directory, the simulated driver and tools, the command's folder and
+    // the working directory (a build tree under /tmp, say).
     std::vector<Kept> kept;
     auto keep = [&](const std::string &dir) {
         char real[PATH_MAX];
