@@ -1,16 +1,18 @@
 #!/usr/bin/env bash
-# Demo of libqmxvlib: builds everything, then runs a short qmxmgr session
-# against the default virtual host (two simulated adapters of two ports each).
+# Demo of libqmxvlib: builds the library, the virtual host and qmxmgr (no
+# tests, no benchmarks), then runs a short qmxmgr session against the default
+# virtual host (two simulated adapters of two ports each).  Works from a
+# clone in any folder, /tmp included.
 #
-#   scripts/demo.sh            build into ./build/release and run the session
+#   scripts/demo.sh            build into <clone>/build/release and run the session
 #   BUILD_DIR=/path scripts/demo.sh
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 BUILD=${BUILD_DIR:-$ROOT/build/release}
-# The virtual host mounts its own /opt: the build must live elsewhere.
+# The virtual host has its own /opt/kestrel: the build must live elsewhere.
 case "$BUILD" in
-    /opt|/opt/*) echo "demo: BUILD_DIR must not be under /opt" >&2; exit 2 ;;
+    /opt/kestrel|/opt/kestrel/*) echo "demo: BUILD_DIR must not be under /opt/kestrel" >&2; exit 2 ;;
 esac
 
 say() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
@@ -21,7 +23,9 @@ say() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
 # --- 2. Build -----------------------------------------------------------------
 say "Building the library, the virtual host and qmxmgr in $BUILD"
 cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$BUILD" -j2
+# Only what the session runs: qmxmgr (with the library) and qmxsim (with the
+# simulated driver and the adapter tools it depends on).
+cmake --build "$BUILD" -j2 --target qmxmgr qmxsim
 
 QMXSIM="$BUILD/sim/qmxsim"
 QMXMGR="$BUILD/tools/qmxmgr/qmxmgr"

@@ -3,9 +3,10 @@
 //   qmxsim [--scenario FILE] [--state DIR] -- COMMAND [ARGS...]
 //
 // The command runs in private mount and IPC namespaces (plus a user namespace
-// mapped to root when started without root rights).  "/etc", "/dev",
-// "/sys/class" and "/usr/lib" are overlays whose changes stay in the sandbox;
-// "/opt", "/tmp", "/sys/block" and "/dev/shm" are fresh tmpfs mounts.  The
+// mapped to root when started without root rights).  "/etc", "/dev", "/tmp",
+// "/opt", "/sys/class" and "/usr/lib" are overlays whose changes stay in the
+// sandbox; "/opt/kestrel", "/sys/block" and "/dev/shm" are fresh tmpfs
+// mounts.  The
 // host files, device files and adapter tools are created from the scenario,
 // the simulated driver is preloaded (LD_PRELOAD), and "/dev/log" is caught
 // into "<state>/syslog.log".  The exit status is the command's (128 + signal
@@ -306,9 +307,10 @@ int sandbox(const Options &o, const Paths &paths, const std::string &state, bool
     if (!hostname.empty() && sethostname(hostname.data(), hostname.size()) != 0)
         die("sethostname: " + std::string(std::strerror(errno)));
 
-    // Directories the sandbox's own mounts must not hide: the state
-    // directory, the simulated driver and tools, the command and the working
-    // directory (a build tree under /tmp, say).
+    // Directories that stay the host's own inside the sandbox, neither
+    // hidden nor overlaid, so that writes there reach the host: the state
+    // directory, the simulated driver and tools, the command's folder and
+    // the working directory (a build tree under /tmp, say).
     std::vector<Kept> kept;
     auto keep = [&](const std::string &dir) {
         char real[PATH_MAX];
@@ -375,8 +377,23 @@ int sandbox(const Options &o, const Paths &paths, const std::string &state, bool
         mount((oldDev + "/pts").c_str(), "/dev/pts", nullptr, MS_BIND | MS_REC, nullptr);
     }
     tmpfs("/dev/shm");
-    tmpfs("/opt");
-    tmpfs("/tmp");
+    // /opt: an overlay too, with the simulated host's own /opt/kestrel a
+    // fresh tmpfs on it (a host with the real adapter software installed
+    // must not mix its tools and trace file into the sandbox).
+    if (!overlay(scratch, "/opt", "opt")) tmpfs("/opt");
+    tmpfs("/opt/kestrel");
+    // /tmp: an overlay, so that every file of the host under /tmp (a build
+    // tree, a script, a data file) stays visible while whatever the command
+    // writes there (the library's scratch files) stays in the sandbox.  Its
+    // root keeps the host's mode (1777).  A kernel that refuses the overlay
+    // gets a fresh tmpfs; the kept directories below are bound into either.
+    struct stat hostTmp;
+    bool tmpKnown = stat("/tmp", &hostTmp) == 0;
+    if (overlay(scratch, "/tmp", "tmp")) {
+        if (tmpKnown) chmod("/tmp", hostTmp.st_mode & 07777);
+    } else {
+        tmpfs("/tmp");
+    }
     tmpfs("/sys/block");
 
     for (const Kept &k : kept) {

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Runs a command in the virtual host and checks that it saw the simulated host
-# while the real /etc, /dev and /opt stayed as they were.
+# while the real /etc, /dev, /opt and /tmp stayed as they were.
 #   host_untouched.sh <qmxsim> <scenario>
 set -u
 QMXSIM=$1
@@ -14,7 +14,7 @@ snapshot() {
 }
 
 before=$(snapshot)
-out=$("$QMXSIM" --scenario "$SCENARIO" -- sh -c 'ls /dev/qmxldd*; cat /etc/qmxldd.conf; echo; touch /etc/qmxsim-probe /opt/qmxsim-probe /dev/qmxsim-probe')
+out=$("$QMXSIM" --scenario "$SCENARIO" -- sh -c 'ls /dev/qmxldd*; cat /etc/qmxldd.conf; echo; touch /etc/qmxsim-probe /opt/qmxsim-probe /dev/qmxsim-probe /tmp/qmxsim-probe')
 rc=$?
 after=$(snapshot)
 
@@ -30,7 +30,7 @@ case "$out" in
     *"qmxl0-wwpn=0x2100001122334450:"*) ;;
     *) echo "the sandbox's /etc/qmxldd.conf is not the scenario's"; fail=1 ;;
 esac
-for f in /etc/qmxsim-probe /opt/qmxsim-probe /dev/qmxsim-probe /dev/qmxldd0 /etc/qmxldd.conf; do
+for f in /etc/qmxsim-probe /opt/qmxsim-probe /dev/qmxsim-probe /tmp/qmxsim-probe /dev/qmxldd0 /etc/qmxldd.conf; do
     if [ -e "$f" ]; then echo "$f leaked out of the sandbox"; fail=1; fi
 done
 if [ "$before" != "$after" ]; then

@@ -216,7 +216,9 @@ const char *checkTableArea(const unsigned char *area, std::size_t size,
 int writeConfigFrom(const char *confPath, Type_tbl *tbl, int fd) noexcept;
 int mpcfg(const ConfStore &store) noexcept;
 int readModulesConf(const ConfStore &store, util_para *list, int cap) noexcept;
-void copyModulesConf(const ConfStore &store) noexcept;
+// false when the module options file could not be replaced (reported, code
+// 1); the old file is then left as it was.
+bool copyModulesConf(const ConfStore &store) noexcept;
 
 // atoi as the C library computes it (strtol narrowed to int), without
 // undefined behaviour on overflow.

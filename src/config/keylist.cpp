@@ -169,7 +169,7 @@ int readKeyFile(const char *sizePath, const char *path, util_para **key_list) no
         sysError("malloc", errno);
         return kReadNoMemory;
     }
-    FILE *fp = QMX_fopen(const_cast<char *>(path), const_cast<char *>("r"));
+    FILE *fp = QMX_fopen(const_cast<char *>(path), const_cast<char *>("re"));
     if (fp == nullptr) {
         std::free(buf);
         trace("QMX_Read_qmxlddconf ABEND");

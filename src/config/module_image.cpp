@@ -18,6 +18,7 @@
 #include <string_view>
 
 #include "config/config.h"
+#include "frame/fileio.h"
 #include "frame/frame.h"
 
 Type_tbl *tableList = nullptr;
@@ -197,7 +198,7 @@ int read_table(Type_tbl *tbl, int fd) {
 int open_program(char *path, int mode) {
     // mode 1 opens for reading and writing (the only use); other values
     // open read-only.
-    int fd = path == nullptr ? -1 : open(path, mode == 1 ? O_RDWR : O_RDONLY);
+    int fd = path == nullptr ? -1 : open(path, (mode == 1 ? O_RDWR : O_RDONLY) | O_CLOEXEC);
     if (fd < 0) {
         qmx::sysError("open", path == nullptr ? EINVAL : errno);
         qmx::trace("open_program ABEND");
@@ -227,7 +228,7 @@ int writeConfigFrom(const char *confPath, Type_tbl *tbl, int fd) noexcept {
         trace("write_config ABEND");
         return -1;
     };
-    FilePtr fp(confPath ? std::fopen(confPath, "r") : nullptr);
+    FilePtr fp(confPath ? std::fopen(confPath, "re") : nullptr);
     if (!fp) {
         sysError("fopen", confPath ? errno : EINVAL);
         return abend();
@@ -297,7 +298,7 @@ int mpcfg(const ConfStore &store) noexcept {
         int handle = -1;
         bool named = false;
         std::string dep = root + "/modules.dep";
-        FilePtr fp(std::fopen(dep.c_str(), "r"));
+        FilePtr fp(std::fopen(dep.c_str(), "re"));
         if (!fp) {
             trace("modules.dep open fail");
         } else {
@@ -354,19 +355,22 @@ int readModulesConf(const ConfStore &store, util_para *list, int cap) noexcept {
         trace("QMX_read_modules_conf END");
         return rc;
     };
-    FilePtr in(std::fopen(store.modprobe, "r"));
+    FilePtr in(std::fopen(store.modprobe, "re"));
     if (!in) {
         sysError("fopen", errno);
         return end(-1);
     }
-    FilePtr out1(std::fopen(store.modTmp1, "w"));
+    // The scratch files have fixed names in /tmp: a link or another user's
+    // file planted there is refused, never written through.
+    FileError fe;
+    FilePtr out1(openScratch(store.modTmp1, ScratchMode::Write, &fe));
     if (!out1) {
-        sysError("fopen", errno);
+        sysError("fopen", fe.err);
         return end(-1);
     }
-    FilePtr out2(std::fopen(store.modTmp2, "w"));
+    FilePtr out2(openScratch(store.modTmp2, ScratchMode::Write, &fe));
     if (!out2) {
-        sysError("fopen", errno);
+        sysError("fopen", fe.err);
         return end(-1);
     }
     int items = 0;
@@ -412,13 +416,39 @@ int readModulesConf(const ConfStore &store, util_para *list, int cap) noexcept {
 // Nothing more is appended: the configuration reaches the driver through the
 // module image, which the configuration file writer refreshes after every
 // write (qmx_mpcfg); the writer does not rebuild the module options file.
-void copyModulesConf(const ConfStore &store) noexcept {
-    FilePtr in(QMX_fopen(const_cast<char *>(store.modTmp1), const_cast<char *>("r")));
-    if (!in) return;
-    FilePtr out(QMX_fopen(const_cast<char *>(store.modprobe), const_cast<char *>("w")));
-    if (!out) return;
-    char line[8192];
-    while (std::fgets(line, sizeof line, in.get()) != nullptr) std::fputs(line, out.get());
+//
+// The file is replaced as a whole (a new file beside it, flushed, then
+// renamed over it, owner and mode kept, a symbolic link followed): a write
+// that fails (disk full, I/O error) leaves the old file as it was.  Each
+// failure is reported as a failed open of that file would be.
+bool copyModulesConf(const ConfStore &store) noexcept {
+    // A scratch file this large is not a module options file: it is not
+    // read into memory.
+    constexpr std::size_t kMaxModulesConf = 16u << 20;
+    auto fail = [](const char *call, int err) {
+        sysError(call, err);
+        trace("QMX_fopen ABEND");
+        return false;
+    };
+    trace("QMX_fopen START");
+    FileError fe;
+    FilePtr in(openScratch(store.modTmp1, ScratchMode::Read, &fe));
+    if (!in) return fail("fopen", fe.err);
+    std::string text;
+    try {
+        char buf[8192];
+        size_t n;
+        while ((n = std::fread(buf, 1, sizeof buf, in.get())) > 0) {
+            if (text.size() + n > kMaxModulesConf) return fail("fread", EFBIG);
+            text.append(buf, n);
+        }
+    } catch (...) {
+        return fail("malloc", ENOMEM);
+    }
+    if (std::ferror(in.get())) return fail("fread", errno != 0 ? errno : EIO);
+    trace("QMX_fopen START");
+    if (!replaceFile(store.modprobe, text, &fe)) return fail(fe.call, fe.err);
+    return true;
 }
 
 }  // namespace qmx

@@ -500,7 +500,7 @@ int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
         // Opened without truncating: the old text stays in place while the
         // new one is built.
         std::unique_ptr<FILE, qmx::FileCloser> fp(
-            QMX_fopen(const_cast<char *>(store.conf), const_cast<char *>("r+")));
+            QMX_fopen(const_cast<char *>(store.conf), const_cast<char *>("r+e")));
         if (!fp) return abend();
 
         std::string out;

@@ -20,7 +20,7 @@ int rawIoctl(int hd, int request, void *param) {
 }  // namespace
 
 int open_ap(int *h, const char *name) {
-    int fd = open(name, O_RDONLY);
+    int fd = open(name, O_RDONLY | O_CLOEXEC);
     if (fd == -1) {
         qmx::sysError("open", errno);
         qmx::trace("open_ap ABEND");
@@ -102,7 +102,7 @@ int open_special_file(qmx_spfile **adap_fd) {
         e.fd = -1;
         char path[40];
         std::snprintf(path, sizeof path, "/dev/qmxldd%d", n);
-        int fd = open(path, O_RDONLY);
+        int fd = open(path, O_RDONLY | O_CLOEXEC);
         if (fd == -1) continue;
         e.fd = fd;
         e.valid = kSpfileValid;
@@ -143,7 +143,7 @@ int QMX_read_proc_info(char *device, qmx_ioctl_proc_info *pprocinfo) {
         qmx::trace("QMX_read_proc_info ABEND");
         return -1;
     }
-    int fd = open(device, O_RDONLY);
+    int fd = open(device, O_RDONLY | O_CLOEXEC);
     if (fd == -1) {
         qmx::sysError("open", errno);
         qmx::trace("QMX_read_proc_info ABEND");
@@ -244,7 +244,7 @@ unsigned int QMX_getQmxDeviceId(char *DevSymbName) {
 int readvProc(int host_no) {
     char path[64];
     std::snprintf(path, sizeof path, "/proc/scsi/vqmxldd/%d", host_no);
-    FILE *fp = std::fopen(path, "r");
+    FILE *fp = std::fopen(path, "re");
     if (fp == nullptr) return -1;
     char line[514];
     int instance = -1;

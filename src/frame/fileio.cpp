@@ -8,8 +8,11 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <string>
+
+#include "qmxvlib.h"
 
 namespace qmx {
 
@@ -142,6 +145,65 @@ bool replaceFile(const char *path, std::string_view data, FileError *err, mode_t
         *err = {"malloc", ENOMEM};
         return false;
     }
+}
+
+namespace {
+
+void logRefusal(const char *path, const char *why) noexcept {
+    char msg[512];
+    std::snprintf(msg, sizeof msg, "qmxvlib:%s refused: %s", path, why);
+    QMX_WriteSyslog(2, msg);
+}
+
+}  // namespace
+
+FILE *openScratch(const char *path, ScratchMode mode, FileError *err) noexcept {
+    FileError dummy;
+    if (err == nullptr) err = &dummy;
+    if (path == nullptr) {
+        *err = {"open", EINVAL};
+        return nullptr;
+    }
+    static constexpr struct {
+        int flags;
+        const char *fdopenMode;
+    } kModes[] = {
+        {O_RDONLY, "r"},
+        {O_WRONLY | O_CREAT, "w"},  // no O_TRUNC: the file is cut only once it is known to be ours
+        {O_WRONLY | O_CREAT | O_APPEND, "a"},
+    };
+    const auto &m = kModes[static_cast<int>(mode)];
+    // O_NONBLOCK: a FIFO planted at the name must not hang the open; it is
+    // refused below like any other file that is not a plain one.
+    int fd = open(path, m.flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
+    if (fd < 0) {
+        *err = {"open", errno};
+        if (errno == ELOOP) logRefusal(path, "symbolic link");
+        return nullptr;
+    }
+    auto fail = [&](FileError e) -> FILE * {
+        close(fd);
+        *err = e;
+        return nullptr;
+    };
+    struct stat st;
+    if (fstat(fd, &st) != 0) return fail({"fstat", errno});
+    const char *why = nullptr;
+    if (!S_ISREG(st.st_mode)) why = "not a plain file";
+    else if (st.st_uid != geteuid()) why = "owned by another user";
+    // A second name (a hard link) could make it another user's file in
+    // disguise.
+    else if (st.st_nlink != 1) why = "more than one name";
+    if (why != nullptr) {
+        logRefusal(path, why);
+        return fail({"fstat", EPERM});
+    }
+    int fl = fcntl(fd, F_GETFL);
+    if (fl < 0 || fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) != 0) return fail({"fcntl", errno});
+    if (mode == ScratchMode::Write && ftruncate(fd, 0) != 0) return fail({"ftruncate", errno});
+    FILE *fp = fdopen(fd, m.fdopenMode);
+    if (fp == nullptr) return fail({"fdopen", errno});
+    return fp;
 }
 
 }  // namespace qmx

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstdio>
 #include <string_view>
 
 namespace qmx {
@@ -30,5 +31,21 @@ bool replaceFile(const char *path, std::string_view data, FileError *err,
 // Writes all of `data` to `fd`, resuming after short writes and EINTR.
 // false with errno set on failure.
 bool writeAll(int fd, const void *data, std::size_t len) noexcept;
+
+// Opening a scratch file with a fixed name in a folder every user may write
+// to ("/tmp/conf_modules1.hba" and its siblings).  Another user can plant
+// anything at such a name before the library runs, so:
+//   - a symbolic link is never followed (O_NOFOLLOW: *err = {"open", ELOOP});
+//   - whatever was opened must be a plain file with one name, owned by the
+//     effective user; anything else is refused (*err = {"fstat", EPERM})
+//     before a byte of it is read, cut or written;
+//   - Write creates the file (mode 0600: no other user may change it while
+//     the library works with it) or empties it only after those checks;
+//     Append creates it too; Read never creates.
+// A refusal also writes one system-log line naming the file and the reason.
+// Other failures give *err = {"open" or "fdopen", errno}.  The stream is
+// close-on-exec.  Never throws.
+enum class ScratchMode { Read, Write, Append };
+FILE *openScratch(const char *path, ScratchMode mode, FileError *err) noexcept;
 
 }  // namespace qmx

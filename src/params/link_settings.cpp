@@ -212,7 +212,7 @@ int QMX_SysFsFileCopy(QMX_WWN wwn) {
         if (ind < 0) return f.fail();
         qmx_ioctl_proc_info rec;
         if (!queryPortInfo(f, wwn, ind, &rec, QueryTrace::Call)) return f.fail();
-        FILE *in = std::fopen(kConfFile, "r");
+        FILE *in = std::fopen(kConfFile, "re");
         if (in == nullptr) {
             qmx::sysError("qmxldd.conf open", errno);
             return f.fail();

@@ -1,7 +1,13 @@
 // Boot BIOS settings through the BIOS tool, end to end: the shared library
 // against the simulated qmxbios in the virtual host.
+#include <dirent.h>
+#include <stdio.h>
+
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -21,6 +27,16 @@ protected:
             l.entry[i].lun = uint32_t(i * 0x10 + 1);
         }
         return l;
+    }
+    void TearDown() override {
+        if (fileExists(realTool())) rename(realTool().c_str(), tool().c_str());
+    }
+    static std::string tool() { return std::string(kToolDir) + "/qmxbios"; }
+    static std::string realTool() { return tool() + ".real"; }
+    // Puts a shell script in the tool's place; "$0.real" is the tool.
+    static void wrapTool(const std::string &body) {
+        ASSERT_EQ(rename(tool().c_str(), realTool().c_str()), 0);
+        ASSERT_TRUE(writeFile(tool(), "#!/bin/sh\n" + body + "\n", 0755));
     }
 };
 
@@ -195,6 +211,78 @@ TEST_F(BiosApi, LockHeldElsewhereFailsWithCode5AndClosesTheTrace) {
     // The runner closed the trace: the call's own ABEND line is not written.
     EXPECT_FALSE(traceHas("QMX_SetHBABiosSetting ABEND"));
     EXPECT_EQ(0, QMX_ExeclusiveUnlock(6));
+}
+
+TEST_F(BiosApi, AListingMissingAfterASuccessfulRunEndsInAbendWithTheCodeKept) {
+    wrapTool("\"$0.real\" \"$@\"; rm -f " + std::string(kToolDir) + "/cfgshow.txt; exit 0");
+    QMX_BIOSSETTING s = 5;
+    QMX_BOOTPRIORITY b = 5;
+    QMX_BOOTPRIORITYLIST l;
+    struct {
+        const char *name;
+        std::function<QMX_STATUS()> call;
+    } getters[] = {
+        {"QMX_GetHBABiosSetting", [&] { return QMX_GetHBABiosSetting(portWwn(0), &s); }},
+        {"QMX_GetBootPriority", [&] { return QMX_GetBootPriority(portWwn(1), &b); }},
+        {"QMX_GetBootPriorityList", [&] { return QMX_GetBootPriorityList(portWwn(2), &l); }},
+    };
+    for (const auto &g : getters) {
+        SCOPED_TRACE(g.name);
+        clearTrace();
+        EXPECT_EQ(g.call(), 1);
+        EXPECT_EQ(QMX_LastErrorCode(), 0);
+        std::vector<std::string> want = {"qmx_ExecQmxbios END", "qmx_GetQmxbiosInfo ABEND",
+                                         std::string(g.name) + " ABEND"};
+        std::vector<std::string> t = traceLines();
+        ASSERT_GE(t.size(), 3u);
+        EXPECT_EQ(std::vector<std::string>(t.end() - 3, t.end()), want);
+    }
+    EXPECT_EQ(runs().size(), 3u);
+}
+
+// Descriptors of this process that a child would inherit.
+std::set<int> inheritable() {
+    std::set<int> fds;
+    DIR *d = opendir("/proc/self/fd");  // close-on-exec itself
+    if (d == nullptr) return fds;
+    while (dirent *e = readdir(d)) {
+        if (e->d_name[0] == '.') continue;
+        std::string info;
+        qmxsim::readWholeFile(std::string("/proc/self/fdinfo/") + e->d_name, info);
+        std::size_t at = info.find("flags:");
+        if (at != std::string::npos && (std::strtoul(info.c_str() + at + 6, nullptr, 8) & 02000000) == 0)
+            fds.insert(std::atoi(e->d_name));
+    }
+    closedir(d);
+    return fds;
+}
+
+TEST_F(BiosApi, ToolsRunByTheLibraryInheritNoDescriptorOfIt) {
+    // The tool lists the descriptors it was started with, then runs.
+    std::string seen = stateDir() + "/tool-fds.txt";
+    wrapTool("ls -l /proc/self/fd/ >> '" + seen + "'; exec \"$0.real\" \"$@\"");
+    std::set<int> before = inheritable();
+    QMX_BIOSSETTING s = 0;
+    ASSERT_EQ(0, QMX_SetHBABiosSetting(portWwn(0), 1));
+    ASSERT_EQ(0, QMX_GetHBABiosSetting(portWwn(0), &s));
+    EXPECT_EQ(s, 1u);
+    // "lr-x------ 1 root root 64 <date> 3 -> /proc/77/fd": the number and
+    // what it names; ls's own directory descriptor is left out.
+    int listed = 0;
+    for (const std::string &l : splitLines(readFile(seen))) {
+        std::size_t arrow = l.find(" -> ");
+        if (arrow == std::string::npos) continue;
+        ++listed;
+        std::size_t sp = l.rfind(' ', arrow - 1);
+        int fd = std::atoi(l.c_str() + sp + 1);
+        std::string target = l.substr(arrow + 4);
+        bool listersOwn = target.rfind("/proc/", 0) == 0 && target.size() > 3 &&
+                          target.compare(target.size() - 3, 3, "/fd") == 0;
+        if (!listersOwn) {
+            EXPECT_TRUE(before.count(fd) > 0) << "inherited: " << l;
+        }
+    }
+    EXPECT_GE(listed, 6);  // two runs, three standard descriptors each at least
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <unistd.h>
+
 #include <cstring>
 
 #include "vhost.h"
@@ -159,6 +161,48 @@ TEST_F(ConfigStore, ModuleOptionsAreSplitAroundTheOptionsLine) {
     EXPECT_EQ(readFile("/tmp/conf_modules2.hba"),
               "install qmxldd /sbin/modprobe --ignore-install qmxldd\n");
     EXPECT_TRUE(traced("QMX_read_modules_conf END"));
+}
+
+// The scratch files have fixed names in /tmp, where any user can plant a
+// link or a file of their own: both are refused, and what they point at or
+// hold is left alone.
+TEST_F(ConfigStore, PlantedScratchFilesAreRefused) {
+    const std::string victim = "/etc/qmxsim-victim", kept = "not yours\n";
+    struct Case {
+        const char *name, *path, *syslogText;
+        bool link;
+    } cases[] = {
+        {"symbolic link", "/tmp/conf_modules1.hba", "qmxvlib:/tmp/conf_modules1.hba refused: symbolic link", true},
+        {"another user's file", "/tmp/conf_modules2.hba",
+         "qmxvlib:/tmp/conf_modules2.hba refused: owned by another user", false},
+    };
+    std::size_t logged = syslogLines().size();
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        unlink("/tmp/conf_modules1.hba");
+        unlink("/tmp/conf_modules2.hba");
+        ASSERT_TRUE(writeFile(victim, kept));
+        if (c.link) {
+            ASSERT_EQ(symlink(victim.c_str(), c.path), 0);
+        } else {
+            ASSERT_TRUE(writeFile(c.path, kept));
+            if (chown(c.path, 4321, 4321) != 0) GTEST_SKIP() << "chown needs root in the virtual host";
+        }
+        std::vector<util_para> list(QMX_MODULES_CONF_ITEMS);
+        std::memset(list.data(), 0, list.size() * sizeof(util_para));
+        QMX_G_ERROR_CD = 0;
+        EXPECT_EQ(QMX_read_modules_conf(list.data()), -1);
+        EXPECT_EQ(QMX_LastErrorCode(), 1);
+        EXPECT_EQ(readFile(victim), kept);
+        EXPECT_EQ(readFile(c.path), kept);
+        EXPECT_TRUE(traced("QMX_read_modules_conf END"));
+        std::vector<std::string> lines = syslogLines(++logged);
+        ASSERT_EQ(lines.size(), logged);
+        EXPECT_NE(lines.back().find(c.syslogText), std::string::npos) << lines.back();
+    }
+    // (the report is cut to its 66-character buffer)
+    EXPECT_TRUE(traced("qmxvlib:fopen is error. errno(40:Too many levels of symbolic link"));
+    EXPECT_TRUE(traced("qmxvlib:fopen is error. errno(1:Operation not permitted)"));
 }
 
 }  // namespace

@@ -289,13 +289,13 @@ TEST_F(VHostDriver, ProcEntriesAreRedirected) {
     EXPECT_EQ(std::fopen("/proc/scsi/vqmxldd/99", "r"), nullptr);
 }
 
-TEST_F(VHostDriver, SystemLogIsCaught) {
-    char msg[] = "vhost syslog probe";
+TEST_F(VHostDriver, SystemLogIsCaughtWithTheTextAsItStands) {
+    char msg[] = "vhost syslog probe 100%% %d %x";  // per-cent signs are plain characters
     ASSERT_EQ(QMX_WriteSyslog(2, msg), 0);
     std::vector<std::string> lines = syslogLines(1);
     ASSERT_FALSE(lines.empty());
     EXPECT_NE(lines.back().find("qmxlib.so"), std::string::npos);
-    EXPECT_NE(lines.back().find("vhost syslog probe"), std::string::npos);
+    EXPECT_NE(lines.back().find("vhost syslog probe 100%% %d %x"), std::string::npos) << lines.back();
 }
 
 TEST_F(VHostDriver, ToolsLogAndFollowTheirScript) {

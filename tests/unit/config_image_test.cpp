@@ -1,8 +1,12 @@
 // Configuration module image: locating, checking and writing the table
 // area; finding the module; the module options file.
 #include <fcntl.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include "config_fixture.h"
 
@@ -269,11 +273,39 @@ TEST_F(ModOptions, MoreOptionsThanRecordsAreRefused) {
 TEST_F(ModOptions, CopyPutsTheFirstPartBack) {
     spit(tmp1_, "line1\nline2\n");
     spit(modprobe_, "old\n");
-    qmx::copyModulesConf(store_);
+    EXPECT_TRUE(qmx::copyModulesConf(store_));
     EXPECT_EQ(slurp(modprobe_), "line1\nline2\n");
     unlink(tmp1_.c_str());
-    qmx::copyModulesConf(store_);  // nothing to copy: the file stays
+    EXPECT_FALSE(qmx::copyModulesConf(store_));  // nothing to copy: the file stays
     EXPECT_EQ(slurp(modprobe_), "line1\nline2\n");
+}
+
+TEST_F(ModOptions, CopyOntoAFullFileSystemLeavesTheOldFile) {
+    // Needs the virtual host's private mounts: never mounts on a real host.
+    if (!frametest::inVirtualHost()) GTEST_SKIP() << "run through qmxsim";
+    std::string etc = root_ + "/etc";
+    ASSERT_EQ(mount("tmpfs", etc.c_str(), "tmpfs", 0, "size=64k"), 0) << std::strerror(errno);
+    struct Unmount {
+        std::string dir;
+        ~Unmount() { umount2(dir.c_str(), MNT_DETACH); }
+    } unmount{etc};
+    const std::string old = "# module options\noptions qmxldd qmx_automap=1\n";
+    spit(modprobe_, old);
+    int fd = open((etc + "/filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    ASSERT_GE(fd, 0);
+    char block[4096] = {};
+    while (write(fd, block, sizeof block) > 0) {
+    }
+    close(fd);
+    spit(tmp1_, std::string(20000, '#') + "\n");
+    QMX_G_ERROR_CD = 0;
+    EXPECT_FALSE(qmx::copyModulesConf(store_));
+    EXPECT_EQ(QMX_G_ERROR_CD, 1);
+    EXPECT_EQ(slurp(modprobe_), old);
+    EXPECT_TRUE(traced("qmxvlib:write is error. errno(28:No space left on device)"));
+    EXPECT_TRUE(traced("QMX_fopen ABEND"));
+    // The new file begun beside the old one is gone again.
+    EXPECT_EQ(std::system(("test $(ls -A '" + etc + "' | wc -l) -eq 2").c_str()), 0);
 }
 
 }  // namespace

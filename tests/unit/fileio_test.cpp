@@ -1,11 +1,17 @@
 // Whole-file replacement: content, owner and mode kept, links followed,
-// nothing touched on failure.
+// nothing touched on failure.  Scratch files in shared folders: nothing
+// planted at their names is ever followed or written.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "frame/fileio.h"
 #include "frame_test_util.h"
@@ -62,6 +68,53 @@ TEST_F(ReplaceFile, FailureNamesTheCallAndLeavesNothing) {
     EXPECT_STREQ(err.call, "mkstemp");
     EXPECT_EQ(err.err, ENOENT);
     EXPECT_EQ(std::system(("test $(ls -A '" + dir_ + "' | wc -l) -eq 1").c_str()), 0);
+}
+
+TEST_F(ReplaceFile, ScratchFilesRefuseWhatOthersCouldPlant) {
+    using qmx::ScratchMode;
+    std::string target = p("target"), name = p("scratch");
+    auto fresh = [&] {
+        unlink(name.c_str());
+        ASSERT_TRUE(qmx::replaceFile(target.c_str(), "keep", nullptr));
+    };
+    struct Plant {
+        const char *what;
+        std::function<int()> make;
+        const char *call;
+        int err;
+    } plants[] = {
+        {"symbolic link", [&] { return symlink(target.c_str(), name.c_str()); }, "open", ELOOP},
+        {"hard link", [&] { return link(target.c_str(), name.c_str()); }, "fstat", EPERM},
+        // Must not block; opening it for writing fails at once (ENXIO).
+        {"FIFO", [&] { return mkfifo(name.c_str(), 0666); }, nullptr, 0},
+    };
+    for (const Plant &pl : plants)
+        for (ScratchMode m : {ScratchMode::Read, ScratchMode::Write, ScratchMode::Append}) {
+            SCOPED_TRACE(std::string(pl.what) + " mode " + std::to_string(int(m)));
+            fresh();
+            ASSERT_EQ(pl.make(), 0);
+            qmx::FileError err;
+            EXPECT_EQ(qmx::openScratch(name.c_str(), m, &err), nullptr);
+            if (pl.call != nullptr) {
+                EXPECT_STREQ(err.call, pl.call);
+                EXPECT_EQ(err.err, pl.err);
+            }
+            EXPECT_EQ(frametest::slurp(target), "keep");
+        }
+    // The process's own file: written from the start, appended to, read.
+    unlink(name.c_str());
+    qmx::FileError err;
+    EXPECT_EQ(qmx::openScratch(name.c_str(), ScratchMode::Read, &err), nullptr);  // never created
+    EXPECT_EQ(err.err, ENOENT);
+    ASSERT_TRUE(qmx::replaceFile(name.c_str(), "older text", nullptr));
+    for (auto [m, text] : {std::pair{ScratchMode::Write, "ab"}, std::pair{ScratchMode::Append, "cd"}}) {
+        FILE *fp = qmx::openScratch(name.c_str(), m, &err);
+        ASSERT_NE(fp, nullptr);
+        EXPECT_NE(fcntl(fileno(fp), F_GETFD) & FD_CLOEXEC, 0);
+        std::fputs(text, fp);
+        std::fclose(fp);
+    }
+    EXPECT_EQ(frametest::slurp(name), "abcd");
 }
 
 }  // namespace

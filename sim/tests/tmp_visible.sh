@@ -1,0 +1,62 @@
+#!/bin/sh
+# Everything of the host under /tmp stays usable inside the virtual host (a
+# build tree, a script, a data file), as root and as an ordinary user, while
+# the files the library writes to /tmp stay in the sandbox.
+#   tmp_visible.sh <qmxsim> <end-to-end test binary> <libqmxvlib.so.1>
+set -u
+QMXSIM=$1
+E2E=$2
+LIB=$3
+fail=0
+check() {  # check <description> <expected> <actual>
+    if [ "$2" != "$3" ]; then
+        echo "FAIL: $1: expected '$2', got '$3'"
+        fail=1
+    else
+        echo "ok: $1"
+    fi
+}
+
+# A build tree under /tmp: the launcher with its driver and adapter tools,
+# the test binary and the library it loads.
+tree=$(mktemp -d /tmp/qmxsim-tmp.XXXXXX)
+trap 'rm -rf "$tree"' EXIT
+simdir=$(dirname "$QMXSIM")
+mkdir -p "$tree/sim" "$tree/bin" "$tree/lib"
+cp -r "$simdir/qmxsim" "$simdir/libqmxsimdrv.so" "$simdir/tools" "$simdir/scenarios" "$tree/sim/"
+cp "$E2E" "$tree/bin/"
+cp -L "$LIB" "$tree/lib/libqmxvlib.so.1"
+echo "data under tmp" > "$tree/data.txt"
+# Run as `sh script`: neither the working directory nor the command's folder
+# leads to the tree.  The test binary writes the library's scratch files
+# "/tmp/conf_modules1.hba" and "/tmp/conf_modules2.hba".
+cat > "$tree/run.sh" <<EOF
+cat "$tree/data.txt"
+LD_LIBRARY_PATH="$tree/lib" "$tree/bin/$(basename "$E2E")" \
+    --gtest_filter=ConfigStore.ModuleOptionsAreSplitAroundTheOptionsLine >/dev/null && echo test-passed
+[ -f /tmp/conf_modules1.hba ] && echo scratch-inside
+/opt/kestrel/drivers/hba/qmxmcref -d qmxldd0 && echo tool-ran
+EOF
+chmod -R a+rX "$tree"
+touch "$tree/before"
+
+run() {  # run <description> [command prefix...]: the tree's launcher from /
+    desc=$1
+    shift
+    out=$(cd / && "$@" "$tree/sim/qmxsim" -- sh "$tree/run.sh" 2>&1)
+    check "$desc: data file, build tree and script under /tmp" "data under tmp test-passed scratch-inside tool-ran" "$(echo $out)"
+    check "$desc: no scratch file on the real /tmp" "" \
+        "$(find /tmp -maxdepth 1 -name 'conf_modules*' -newer "$tree/before" 2>/dev/null)"
+}
+
+if [ "$(id -u)" -eq 0 ]; then
+    run "as root"
+    if command -v setpriv >/dev/null 2>&1 && id nobody >/dev/null 2>&1; then
+        run "as nobody" setpriv --reuid="$(id -u nobody)" --regid="$(id -g nobody)" --clear-groups
+    else
+        echo "skipped: no setpriv or no user nobody to run as an ordinary user"
+    fi
+else
+    run "as $(id -un)"
+fi
+exit $fail
