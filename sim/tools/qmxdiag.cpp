@@ -5,7 +5,8 @@
 // Reads the key=value parameter file, "runs" the selected tests against the
 // simulated port and writes a qmxdiag_exec.log style result log.  Exit 0 when
 // every test passed; 2 for a bad command line or an unknown device; 3 when
-// the port's "diag_result" in the virtual host's state is "fail".
+// the port's "diag_result" in the virtual host's state is "fail".  The
+// parameter file of the last run is kept as "$QMXSIM_STATE/tools/qmxdiag.params".
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -47,6 +48,8 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "qmxdiag: cannot read %s\n", param.c_str());
         return 2;
     }
+    if (std::string tools = qmxsim::tool::toolDir(); !tools.empty())
+        qmxsim::tool::writeFile(tools + "/qmxdiag.params", text);
     std::size_t pos = 0;
     while (pos < text.size()) {
         std::size_t nl = text.find('\n', pos);

@@ -12,7 +12,8 @@
 // line: the tool name and its arguments separated by single blanks) and
 // honours "$QMXSIM_STATE/tools/<tool>.script": a line "exit=<code> times=<n>"
 // makes the next <n> runs exit with <code> at once (times=-1: every run;
-// times missing: one run).  The script file is updated under an flock, so
+// times missing: one run); "signal=<number> times=<n>" makes them kill
+// themselves with that signal instead.  The script file is updated under an flock, so
 // concurrent runs consume the count exactly once each.
 //
 // Outside a virtual host (QMXSIM_STATE unset) nothing is logged and no
@@ -25,6 +26,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -108,6 +110,9 @@ inline std::string commandLine(const char *tool, int argc, char **argv) {
     return line;
 }
 
+// scriptedExit's result for "signal=<n>": kSignalled + n.
+constexpr int kSignalled = 0x1000;
+
 // Consumes one run of "<tool>.script".  Returns the scripted exit code, or
 // -1 when no script applies.
 inline int scriptedExit(const char *tool) {
@@ -124,15 +129,18 @@ inline int scriptedExit(const char *tool) {
     int code = -1;
     long times = 1;
     const char *e = std::strstr(text.c_str(), "exit=");
+    const char *sig = e == nullptr ? std::strstr(text.c_str(), "signal=") : nullptr;
     const char *t = std::strstr(text.c_str(), "times=");
     if (e != nullptr) code = std::atoi(e + 5);
+    if (sig != nullptr) code = std::atoi(sig + 7);
     if (t != nullptr) times = std::atol(t + 6);
     int result = -1;
-    if (e != nullptr && times != 0) {
-        result = code & 0xFF;
+    if ((e != nullptr || sig != nullptr) && times != 0) {
+        result = sig != nullptr ? kSignalled + (code & 0x7F) : code & 0xFF;
         if (times > 0) {
             char out[64];
-            int len = std::snprintf(out, sizeof out, "exit=%d times=%ld\n", code, times - 1);
+            int len = std::snprintf(out, sizeof out, "%s=%d times=%ld\n", e != nullptr ? "exit" : "signal",
+                                    code, times - 1);
             if (ftruncate(fd, 0) == 0 && lseek(fd, 0, SEEK_SET) == 0 && len > 0) {
                 ssize_t w = write(fd, out, std::size_t(len));
                 (void)w;
@@ -148,7 +156,14 @@ inline int scriptedExit(const char *tool) {
 // the tool must end with at once, or -1 to go on normally.
 inline int begin(const char *tool, int argc, char **argv) {
     appendLine(std::string(tool) + ".log", commandLine(tool, argc, argv));
-    return scriptedExit(tool);
+    int r = scriptedExit(tool);
+    if (r >= kSignalled) {
+        std::fflush(nullptr);
+        signal(r - kSignalled, SIG_DFL);
+        raise(r - kSignalled);
+        return 128 + (r - kSignalled);  // a signal that does not end the tool
+    }
+    return r;
 }
 
 // The value following option `opt` (e.g. "-d"), or "" when absent.

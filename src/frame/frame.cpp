@@ -10,7 +10,7 @@ Frame::Frame(const char *name, const char *startLabel) noexcept : name_(name) {
     QMX_G_ERROR_CD = QMX_ERR_NONE;
     if (QMX_OpenApiTraceFile() == nullptr)
         QMX_WriteSyslog(2, const_cast<char *>("Trace File Open Error"));
-    tracef("%s START", startLabel);
+    if (startLabel != nullptr) tracef("%s START", startLabel);
 }
 
 Frame::~Frame() {

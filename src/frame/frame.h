@@ -123,7 +123,8 @@ std::string shellQuote(std::string_view text);
 class Frame {
 public:
     explicit Frame(const char *name) noexcept : Frame(name, name) {}
-    // A call whose opening line carries another label than its closing lines.
+    // A call whose opening line carries another label than its closing
+    // lines; a null label writes no opening line.
     Frame(const char *name, const char *startLabel) noexcept;
     Frame(const Frame &) = delete;
     Frame &operator=(const Frame &) = delete;
