@@ -350,6 +350,46 @@ QMX_API QMX_STATUS QMX_DeleteAdapterPath(QMX_WWN wwn, QMX_UINT8 devno);
 /* @@ISOLATION@@ isolation and trouble counters */
 
 /* @@DISKCONF@@ disk configuration record */
+/* The LU map recorded in "/opt/kestrel/drivers/hba/qmxldd_lumap.conf": for
+   each adapter (by adapter number) the targets it reaches (by target
+   number) and the identification data of each of their LUs (by LU number).
+   The root record belongs to the caller; every lower level is allocated by
+   the library and released with QMX_DiskConfigTblFree.  Counts are the
+   numbers of non-null pointers at each level. */
+#define QMX_DISK_CONF_ADAPT_MAX 128
+#define QMX_DISK_CONF_TGT_MAX   256
+#define QMX_DISK_CONF_LU_MAX    2048
+
+typedef struct QMX_disk_conf_lu {
+    QMX_UINT8  valid_luid_byte;   /* length of luid */
+    QMX_UINT8 *luid;              /* identification data */
+} QMX_DISK_CONF_LU;
+typedef struct QMX_disk_conf_tgt {
+    QMX_WWN           wwn;        /* target port WWPN */
+    int               lu_cnt;
+    QMX_DISK_CONF_LU *lu[QMX_DISK_CONF_LU_MAX];
+} QMX_DISK_CONF_TGT;
+typedef struct QMX_disk_conf_adapt {
+    QMX_UINT8          bus_dev_func[3];  /* PCI bus, device, function */
+    int                tgt_cnt;
+    QMX_DISK_CONF_TGT *tgt[QMX_DISK_CONF_TGT_MAX];
+} QMX_DISK_CONF_ADAPT;
+typedef struct QMX_disk_config {
+    int                  adapt_cnt;
+    QMX_DISK_CONF_ADAPT *adapt[QMX_DISK_CONF_ADAPT_MAX];
+} QMX_DISK_CONFIG;
+QMX_STATIC_ASSERT(sizeof(void *) != 8 || sizeof(QMX_DISK_CONFIG) == 1032, disk_config_size);
+
+/* Reads the record: the unmatched-device check flag (0 or 1) and the tree.
+   Either argument may be NULL.  No file is an empty record with flag 0. */
+QMX_API QMX_STATUS QMX_GetDiskConfig(int *check_flag, QMX_DISK_CONFIG *check_config);
+/* Rewrites the record with check flag 1 (check_flag 1) or 0 (otherwise). */
+QMX_API QMX_STATUS QMX_SetDiskConfig(int check_flag);
+/* Captures the present LU map of every adapter into check_config (cleared
+   first) and records it, keeping the recorded check flag. */
+QMX_API QMX_STATUS QMX_AutoSetDiskConfig(QMX_DISK_CONFIG *check_config);
+/* Frees every level below the root and clears it; NULL does nothing. */
+QMX_API void QMX_DiskConfigTblFree(QMX_DISK_CONFIG *tbl);
 
 /* @@HOSTINFO@@ aliases, host and port information, defaults, reflection, target scan */
 
