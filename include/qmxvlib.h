@@ -346,6 +346,88 @@ QMX_API QMX_STATUS QMX_SetAdapterNumber(QMX_ADAPTERNUMBER *adapter_info);
 QMX_API QMX_STATUS QMX_DeleteAdapterPath(QMX_WWN wwn, QMX_UINT8 devno);
 
 /* @@BIOSDATA@@ BIOS backup data, firmware, diagnostics */
+/* BIOS settings of a port as one record.  Read from the adapter, the on/off
+   values are 1 enabled, 2 disabled and 255 not known; decoded from a BIOS
+   backup file they are 1 on and 0 off. */
+typedef struct qmx_bios_data {
+    QMX_BIOSSETTING      hbaBios;
+    QMX_BOOTPRIORITY     bootPri;
+    QMX_BOOTPRIORITYLIST bootPriList;
+    QMX_SPINUP           spinupDelay;
+    QMX_UINT8            connectType;   /* 1 auto, 2 point to point, 3 loop, 0 unknown */
+    QMX_UINT8            dataRate;      /* 0 auto, 1, 2, 4, 8, 10 Gbit/s; 255 unknown */
+    QMX_UINT8            pBindings;     /* persistent bindings */
+    int                  forceDefault;  /* forced default parameters */
+    QMX_WWN              addWwpn;       /* additional WWPN, most significant byte first */
+    QMX_UINT32           loginDelay;    /* seconds; 255 the tool's default */
+    int                  preConfigure;  /* 255 unknown */
+} QMX_BIOS_DATA;
+QMX_CHECK_SIZE(QMX_BIOS_DATA, 132);
+QMX_CHECK_OFFSET(QMX_BIOS_DATA, spinupDelay, 104);
+QMX_CHECK_OFFSET(QMX_BIOS_DATA, forceDefault, 112);
+QMX_CHECK_OFFSET(QMX_BIOS_DATA, addWwpn, 116);
+
+/* restore_file NULL or empty: the adapter's settings through the BIOS
+   tool's listing; otherwise the port's settings decoded from that backup
+   file (reason code 9 for a file that is short or of another model). */
+QMX_API QMX_STATUS QMX_GetBiosData(QMX_WWN wwn, char *restore_file, QMX_BIOS_DATA *bios_dat);
+/* Pre-configuration switch: the getter reports 1 enabled, 2 disabled, 255
+   not known; the setter takes 1 enable, 0 disable. */
+QMX_API QMX_STATUS QMX_GetPreConfigure(QMX_WWN wwn, QMX_UINT32 *preconfigure);
+QMX_API QMX_STATUS QMX_SetPreConfigure(QMX_WWN wwn, QMX_UINT32 preconfigure);
+/* The BIOS tool saves the port's adapter (the all-zero wwn: every adapter)
+   into backup_dir, writes a backup file back, or restarts the adapter. */
+QMX_API QMX_STATUS QMX_BiosBackup(QMX_WWN wwn, char *backup_dir);
+QMX_API QMX_STATUS QMX_BiosRestore(QMX_WWN wwn, char *restore_file);
+QMX_API QMX_STATUS QMX_BiosRestart(QMX_WWN wwn);
+
+/* Firmware through the adapter tools: qmxmcup downloads an image into the
+   port's adapter (the all-zero wwn: every adapter) or saves it into a
+   directory; qmxmcref refreshes the running firmware (operation 0: the
+   tool's default, 1: the device named, 2: every device).  force 1 adds the
+   tool's force option.  The tools' results are not looked at. */
+typedef struct qmx_fw_version {
+    char new_version[64];  /* "%08X" of the image file's version, or empty */
+    char now_version[64];  /* "%08X" of the running version */
+} QMX_FW_VERSION;
+QMX_CHECK_SIZE(QMX_FW_VERSION, 128);
+
+QMX_API QMX_STATUS QMX_FirmwareUpdate(QMX_WWN wwn, char *filename, int force);
+QMX_API QMX_STATUS QMX_FirmwareBackup(QMX_WWN wwn, char *dirname, int force);
+QMX_API QMX_STATUS QMX_OnlineUpdateFW(int operation, char *device, int force);
+/* new_firm NULL or empty: only now_version is filled. */
+QMX_API QMX_STATUS QMX_GetFirmwareVersion(QMX_WWN wwn, char *new_firm, QMX_FW_VERSION *f_version);
+
+/* Diagnostics through the qmxdiag tool.  Flags are 0 or 1; target_port is
+   1 or 2; interval_time is 0 or more; test_type and debug_mode are not
+   used. */
+typedef struct qmx_diag_param {
+    int        test_type;
+    QMX_UINT32 test_time;
+    QMX_UINT32 test_count;
+    QMX_UINT32 error_count;
+    int        external_loop;
+    int        target_port;
+    int        reg_test;
+    int        ram_test;
+    int        iloop_test;
+    int        dma_test;
+    int        pci_test;
+    int        fmem_test;
+    int        interval_time;
+    int        no_monitor;
+    int        debug_mode;
+} QMX_DIAG_PARAM;
+QMX_CHECK_SIZE(QMX_DIAG_PARAM, 60);
+
+/* Path of the log the diagnostic tool writes (set by QMX_DiagExecution). */
+extern QMX_API char QMX_G_DiagLog[256];
+/* Runs the diagnostic tool on the port: QMX_G_DiagLog on success, NULL on
+   failure (reason code 12: the tool reported a failure). */
+QMX_API char *QMX_DiagExecution(QMX_WWN wwn, QMX_DIAG_PARAM *diag_param);
+/* Erases the adapter's error log through the BIOS tool. */
+QMX_API QMX_STATUS QMX_EraseLogData(QMX_WWN wwn);
+
 
 /* @@ISOLATION@@ isolation and trouble counters */
 /* Forced isolation of ports, kept in /etc/qmxldd.conf per PCI function

@@ -123,9 +123,10 @@ std::vector<Port> loadPorts() {
         if (port.devno < 0 || port.devno > 255) continue;
         port.name = "qmxldd" + std::to_string(port.devno);
         port.adapter = int(field(p, "adapter", 0));
-        // The port number within the adapter: as the driver reports it
-        // (its "port_no", else the PCI function), else numbered below.
-        port.portNo = int(field(p, "port_no", field(p, "func", uint64_t(-1))));
+        // The port number within the adapter is its PCI function, the
+        // record's byte 149 as the driver reports it (0 when not given):
+        // the backup file's port blocks follow it.
+        port.portNo = int(field(p, "func", 0));
         port.wwpn = field(p, "wwpn", 0);
         port.bus = uint8_t(field(p, "bus", 0));
         port.dev = uint8_t(field(p, "dev", 0));
@@ -138,14 +139,6 @@ std::vector<Port> loadPorts() {
         ports.push_back(std::move(port));
     }
     std::sort(ports.begin(), ports.end(), [](const Port &a, const Port &b) { return a.devno < b.devno; });
-    // Ports without an explicit number are numbered within their adapter in
-    // device order.
-    std::map<int, int> next;
-    for (Port &p : ports) {
-        int &n = next[p.adapter];
-        if (p.portNo < 0) p.portNo = n;
-        n = std::max(n, p.portNo) + 1;
-    }
     return ports;
 }
 
