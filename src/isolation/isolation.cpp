@@ -233,7 +233,13 @@ QMX_STATUS QMX_SetForceIsolateList(QMX_FORCE_ISOLATE_LIST *isolate_list, int mod
                 return f.fail();
             }
         }
-        // BIOSADVICE
+        // A port isolated at boot cannot boot through its BIOS: say how to
+        // disable it, for the siblings too when they are isolated with it.
+        if (isolate && target >= 0) {
+            qmx::isolation::adviseBiosDisable(target);
+            if (e.mode == 2)
+                for (int s = 0; s < nSiblings; ++s) qmx::isolation::adviseBiosDisable(siblings[s]);
+        }
         return f.ok();
     });
 }

@@ -74,7 +74,16 @@ TEST_F(IsolationTest, ListStopsAt256EntriesFromTheKeysHexPairs) {
 }
 
 TEST_F(IsolationTest, IsolatingWithMode2WritesSiblingsAndAsksTheDriver) {
+    // Both functions boot through their BIOS: the advice names each.
+    setPortField(0, "bios", {{"bios", "Enable"}});
+    setPortField(1, "bios", {{"bios", "Enable"}});
+    testing::internal::CaptureStdout();
     ASSERT_EQ(QMX_SetForceIsolateList(entry(3, 0, 1, 1, 2), 1), 0);
+    const std::string advice = "Please set the HBA-BIOS parameter in Disable with the following commands. \n";
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              advice + "  /opt/kestrel/drivers/hba/qmxmgr -b qmxldd1 bi disable\n" + advice +
+                  "  /opt/kestrel/drivers/hba/qmxmgr -b qmxldd0 bi disable\n");
+    EXPECT_TRUE(traceHas("QMX_SetForceIsolateList END"));
     std::string conf = readFile(kConf);
     EXPECT_NE(conf.find("qmx_03_00_01_bs=2:"), std::string::npos);
     EXPECT_NE(conf.find("qmx_03_00_00_bs=2:"), std::string::npos);
@@ -99,7 +108,10 @@ TEST_F(IsolationTest, IsolatingWithMode2WritesSiblingsAndAsksTheDriver) {
 
 TEST_F(IsolationTest, Mode1EntryLeavesSiblingsAloneAndReleaseRemovesMode2Siblings) {
     ASSERT_TRUE(writeFile(kConf, "qmx_03_00_00_bs=2:qmx_04_00_00_bs=1:"));
+    setPortField(2, "bios", {{"bios", "Enable"}});
+    testing::internal::CaptureStdout();
     ASSERT_EQ(QMX_SetForceIsolateList(entry(4, 0, 1, 1, 1), 0), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");  // its own BIOS is off
     EXPECT_NE(readFile(kConf).find("qmx_04_00_00_bs=1:"), std::string::npos);
     EXPECT_NE(readFile(kConf).find("qmx_04_00_01_bs=1:"), std::string::npos);
     // Release of 03:00.1: sibling 03:00.0 holds 2 and goes too; 04:00.0 holds 1 and stays.

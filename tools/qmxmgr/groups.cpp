@@ -10,6 +10,8 @@ const std::vector<AddCommands> kCommandGroups = {
     addPortCommands,
     addNumberingCommands,
     addTraceCommands,
+    addIsolationCommands,
+    addDiskConfCommands,
 };
 
 }  // namespace qmxmgr
