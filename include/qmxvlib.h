@@ -430,8 +430,119 @@ QMX_API QMX_STATUS QMX_EraseLogData(QMX_WWN wwn);
 
 
 /* @@ISOLATION@@ isolation and trouble counters */
+/* Forced isolation of ports, kept in /etc/qmxldd.conf per PCI function
+   ("qmx_BB_DD_FF_bs" = mode).  mode: 1 this function only, 2 every
+   function of the PCI device.  set_opr: 1 isolate, 2 release (immdt 1:
+   recover at once, force 1: whatever the cause). */
+#define QMX_FORCE_ISOLATE_MAX 256
+typedef struct qmx_isolate {
+    QMX_UINT8 bus;
+    QMX_UINT8 dev;
+    QMX_UINT8 func;
+    QMX_UINT8 reserve;
+    int mode;
+    int set_opr;
+    int immdt;
+    int force;
+    int status;
+} QMX_ISOLATE;
+typedef struct qmx_force_isolate_list {
+    QMX_ISOLATE list[QMX_FORCE_ISOLATE_MAX];
+    int listCnt;
+} QMX_FORCE_ISOLATE_LIST;
+QMX_CHECK_SIZE(QMX_ISOLATE, 24);
+QMX_CHECK_SIZE(QMX_FORCE_ISOLATE_LIST, 256 * 24 + 4);
+
+/* Transceiver (SFP) hot swap: the port is chosen by bus, dev, func.
+   set_opr 1 isolate, 2 recover (force 1: forced).  status bits set by
+   QMX_GetSFPInfo (other bits are left as the caller set them):
+   bit 0 no hot-swap support in the hardware, bit 1 and bit 2 from the
+   transceiver's identification. */
+#define QMX_SFP_STATUS_NO_HW_SWAP 0x1UL
+#define QMX_SFP_STATUS_ID_BIT7    0x2UL
+#define QMX_SFP_STATUS_ID_BIT6    0x4UL
+typedef struct _QMX_SFP_INFO {
+    QMX_UINT8 bus;
+    QMX_UINT8 dev;
+    QMX_UINT8 func;
+    int set_opr;
+    int force;
+    QMX_UINT8 err_no;         /* 1: the driver reports the isolation done */
+    char part_num[32];
+    char serial_num[32];
+    char date_code[32];
+    unsigned long status;
+} QMX_SFP_INFO;
+
+typedef struct _QMX_HBA_INFO {
+    int set_opr;              /* 1 isolate, anything else recover */
+} QMX_HBA_INFO;
+
+/* Trouble counters behind isolation; -1 / 255 when not read. */
+typedef struct qmx_trbl_cnt {
+    int port_status;          /* 3 isolated, 8 or 9 CHECK-STOP */
+    int countL;               /* link-down errors, long interval */
+    int countS;               /* link-down errors, short interval */
+    int if_err;               /* interface errors */
+    int tmo_err;              /* time-out errors */
+    int tmo_reset;            /* 1 when time-out resets happened */
+    QMX_UINT8 err_is_func;    /* isolation function on */
+    QMX_UINT8 err_is_fw_spt;  /* firmware supports isolation */
+    QMX_UINT8 err_is_hvm_spt; /* supported in the shared partition mode */
+} QMX_TRBL_CNT;
+
+QMX_API QMX_STATUS QMX_GetForceIsolateList(QMX_FORCE_ISOLATE_LIST *isolate_list);
+/* Only list[0] is used; mode 1 also isolates or releases the port now. */
+QMX_API QMX_STATUS QMX_SetForceIsolateList(QMX_FORCE_ISOLATE_LIST *isolate_list, int mode);
+QMX_API QMX_STATUS QMX_SetHBAIsolate(QMX_WWN wwn, QMX_HBA_INFO *hba);
+QMX_API QMX_STATUS QMX_SetSFPIsolate(QMX_SFP_INFO *sfp);
+QMX_API QMX_STATUS QMX_GetSFPInfo(QMX_SFP_INFO *sfp);
+/* The driver-wide isolation function: 1 on, 0 off. */
+QMX_API QMX_STATUS QMX_GetIsolFunc(int *onoff);
+QMX_API QMX_STATUS QMX_SetIsolFunc(int onoff);
+QMX_API QMX_STATUS QMX_GetAdapTroubleCnt(QMX_WWN wwn, QMX_TRBL_CNT *trbl_cnt);
 
 /* @@DISKCONF@@ disk configuration record */
+/* The LU map recorded in "/opt/kestrel/drivers/hba/qmxldd_lumap.conf": for
+   each adapter (by adapter number) the targets it reaches (by target
+   number) and the identification data of each of their LUs (by LU number).
+   The root record belongs to the caller; every lower level is allocated by
+   the library and released with QMX_DiskConfigTblFree.  Counts are the
+   numbers of non-null pointers at each level. */
+#define QMX_DISK_CONF_ADAPT_MAX 128
+#define QMX_DISK_CONF_TGT_MAX   256
+#define QMX_DISK_CONF_LU_MAX    2048
+
+typedef struct QMX_disk_conf_lu {
+    QMX_UINT8  valid_luid_byte;   /* length of luid */
+    QMX_UINT8 *luid;              /* identification data */
+} QMX_DISK_CONF_LU;
+typedef struct QMX_disk_conf_tgt {
+    QMX_WWN           wwn;        /* target port WWPN */
+    int               lu_cnt;
+    QMX_DISK_CONF_LU *lu[QMX_DISK_CONF_LU_MAX];
+} QMX_DISK_CONF_TGT;
+typedef struct QMX_disk_conf_adapt {
+    QMX_UINT8          bus_dev_func[3];  /* PCI bus, device, function */
+    int                tgt_cnt;
+    QMX_DISK_CONF_TGT *tgt[QMX_DISK_CONF_TGT_MAX];
+} QMX_DISK_CONF_ADAPT;
+typedef struct QMX_disk_config {
+    int                  adapt_cnt;
+    QMX_DISK_CONF_ADAPT *adapt[QMX_DISK_CONF_ADAPT_MAX];
+} QMX_DISK_CONFIG;
+QMX_STATIC_ASSERT(sizeof(void *) != 8 || sizeof(QMX_DISK_CONFIG) == 1032, disk_config_size);
+
+/* Reads the record: the unmatched-device check flag (0 or 1) and the tree.
+   Either argument may be NULL.  No file is an empty record with flag 0. */
+QMX_API QMX_STATUS QMX_GetDiskConfig(int *check_flag, QMX_DISK_CONFIG *check_config);
+/* Rewrites the record with check flag 1 (check_flag 1) or 0 (otherwise). */
+QMX_API QMX_STATUS QMX_SetDiskConfig(int check_flag);
+/* Captures the present LU map of every adapter into check_config (cleared
+   first) and records it, keeping the recorded check flag. */
+QMX_API QMX_STATUS QMX_AutoSetDiskConfig(QMX_DISK_CONFIG *check_config);
+/* Frees every level below the root and clears it; NULL does nothing. */
+QMX_API void QMX_DiskConfigTblFree(QMX_DISK_CONFIG *tbl);
 
 /* @@HOSTINFO@@ aliases, host and port information, defaults, reflection, target scan */
 

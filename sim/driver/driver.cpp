@@ -661,6 +661,8 @@ bool doIsolation(json &, json &port, Call &c) {
     json &pr = port["prinfo"];
     if (!pr.is_object()) pr = json::object();
     bool changed = false;
+    // A scripted refusal (errcode 2) leaves the port as it is.
+    if (c.faultCode == QMX_ISOL_ERR_REFUSED) op = op <= 5 ? 0 : op;
     switch (op) {
     case 0:
         break;
@@ -672,6 +674,8 @@ bool doIsolation(json &, json &port, Call &c) {
     case 3:
         pr["port_status"] = 1;
         bump(port, "recover");
+        if (c.arg[offsetof(qmx_isol_info, immdt_cmd)] != 0) bump(port, "recover_immediate");
+        if (c.arg[offsetof(qmx_isol_info, force_recv)] != 0) bump(port, "recover_forced");
         changed = true;
         break;
     case 4:
@@ -685,7 +689,7 @@ bool doIsolation(json &, json &port, Call &c) {
         return false;
     }
     buildIsolation(iso, c.arg);
-    c.arg[kIsoSetOpr] = op;
+    c.arg[kIsoSetOpr] = uint8_t(c.sub);
     c.arg[kIsoErrcode] = 1;
     return changed;
 }

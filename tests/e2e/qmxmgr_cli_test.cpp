@@ -359,3 +359,78 @@ TEST_F(QmxmgrTest, BiosSwitchRunsTheBiosToolAndReportsItsFailure) {
 }
 
 }  // namespace
+
+// ------------------------------------------------- disk record and isolation
+namespace {
+
+TEST_F(QmxmgrTest, DiskconfRecordReportsChangesWithExitStatus3) {
+    Result first = run({"diskconf", "record", "--json"});
+    ASSERT_EQ(first.status, 3) << first.err;
+    qmxsim::json j = parse(first.out);
+    EXPECT_EQ(j["changed"], true);
+    ASSERT_EQ(j["differences"].size(), 4u);  // every adapter is new
+    EXPECT_EQ(j["differences"][0]["level"], "adapter");
+    EXPECT_EQ(j["differences"][0]["lus"], 6);
+
+    Result same = run({"diskconf", "record"});
+    EXPECT_EQ(same.status, 0) << same.err;
+
+    editState([](qmxsim::json &s) {
+        portOf(s, 0)["targets"][1]["lu_count"] = 3;
+        portOf(s, 1)["targets"] = qmxsim::json::array();
+    });
+    Result changed = run({"diskconf", "record", "--json"});
+    ASSERT_EQ(changed.status, 3) << changed.err;
+    j = parse(changed.out);
+    ASSERT_EQ(j["differences"].size(), 2u);
+    const qmxsim::json &added = j["differences"][0], &removed = j["differences"][1];
+    EXPECT_EQ(added["change"], "added");
+    EXPECT_EQ(added["level"], "lu");
+    EXPECT_EQ(added["pci"], "03:00.0");
+    EXPECT_EQ(added["wwpn"], "50:00:00:00:00:00:0b:01");
+    EXPECT_EQ(added["lun"], 2);
+    EXPECT_EQ(removed["change"], "removed");
+    EXPECT_EQ(removed["level"], "target");
+    EXPECT_EQ(removed["pci"], "03:00.1");
+    EXPECT_EQ(removed["lus"], 4);
+
+    Result show = run({"diskconf", "show", "--json"});
+    ASSERT_EQ(show.status, 0) << show.err;
+    j = parse(show.out);
+    EXPECT_EQ(j["check_unmatched"], false);
+    EXPECT_EQ(j["adapters"][0]["targets"][1]["lus"].size(), 3u);
+    ASSERT_EQ(run({"diskconf", "flag", "on"}).status, 0);
+    EXPECT_EQ(parse(run({"diskconf", "flag", "--json"}).out)["check_unmatched"], true);
+}
+
+TEST_F(QmxmgrTest, IsolationCommands) {
+    Result set = run({"isolate", "set", "03:00.1", "--mode", "2"});
+    ASSERT_EQ(set.status, 0) << set.err;
+    qmxsim::json list = parse(run({"isolate", "list", "--json"}).out);
+    ASSERT_EQ(list["entries"].size(), 2u);
+    EXPECT_EQ(list["entries"][0]["pci"], "03:00.1");
+    EXPECT_EQ(list["entries"][0]["mode"], 2);
+    ASSERT_EQ(run({"isolate", "release", "03:00.1"}).status, 0);
+    EXPECT_EQ(parse(run({"isolate", "list", "--json"}).out)["entries"].size(), 0u);
+
+    ASSERT_EQ(run({"isolate", "port", "qmxldd2", "on"}).status, 0);
+    qmxsim::json t = parse(run({"trouble", "qmxldd2", "--json"}).out);
+    EXPECT_EQ(t["status"], "isolated");
+    EXPECT_EQ(t["timeout_reset"], false);
+    qmxsim::json sfp = parse(run({"sfp", "show", "03:00.0", "--json"}).out);
+    EXPECT_EQ(sfp["part_number"], "SFP-8G-SW-0001");
+    EXPECT_EQ(sfp["hardware_hot_swap"], true);
+    ASSERT_EQ(run({"isolation", "off"}).status, 0);
+    EXPECT_EQ(parse(run({"isolation", "--json"}).out)["isolation"], false);
+
+    // The check-stop state refuses the transceiver isolation with one line.
+    setPrinfoField(0, "port_status", 8);
+    Result refused = run({"isolate", "sfp", "03:00.0", "on"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("QMX_SetSFPIsolate"), std::string::npos) << refused.err;
+    EXPECT_EQ(lineCount(refused.err), 1);
+    for (const char *bad : {"3:0", "03:00.8", "0x03:00.0", "03:20.0"})
+        EXPECT_EQ(run({"sfp", "show", bad}).status, 2) << bad;
+}
+
+}  // namespace

@@ -49,6 +49,8 @@ void addPortCommands(CommandLine &cl);       // ports, show, get, set, unset, bi
 void addNumberingCommands(CommandLine &cl);  // numbering
 void addTraceCommands(CommandLine &cl);      // trace
 void addBiosCommands(CommandLine &cl);       // bios, firmware, diag, log
+void addIsolationCommands(CommandLine &cl);  // isolate, sfp, isolation, trouble
+void addDiskConfCommands(CommandLine &cl);   // diskconf
 // Every group, in the order of the help text.
 extern const std::vector<AddCommands> kCommandGroups;
 

@@ -11,6 +11,8 @@ const std::vector<AddCommands> kCommandGroups = {
     addNumberingCommands,
     addTraceCommands,
     addBiosCommands,
+    addIsolationCommands,
+    addDiskConfCommands,
 };
 
 }  // namespace qmxmgr

@@ -1,0 +1,184 @@
+// Disk configuration record at the record's maximum of 128 adapters, each
+// with 256 targets, with L LUs a target (the LU count is set in the virtual
+// host for the benchmark; ports 128 and up are hidden, since the record
+// holds 128 adapters):
+//
+//   BM_DiskConfCapture/luns:L  QMX_AutoSetDiskConfig: 128 target maps and
+//                              32768 LU map requests, the tree, the record
+//                              file written; bare: the same requests on
+//                              open descriptors and the same bytes written
+//   BM_DiskConfRecord/luns:L   what `qmxmgr diskconf record` does: the old
+//                              record read, the capture, the comparison;
+//                              bare: the requests, the record read and
+//                              written
+//
+// Counters: lus (LUs in the record), ns_per_lu, bare_us and x_bare.  The
+// time per LU stays flat as L grows: the work is linear in the LUs.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "diskconf_diff.h"
+#include "max_support.h"
+#include "qmxldd_ioctl.h"
+#include "qmxvlib.h"
+#include "simstate.h"
+
+namespace {
+
+using namespace qmxbench;
+
+constexpr const char *kRecord = "/opt/kestrel/drivers/hba/qmxldd_lumap.conf";
+constexpr int kAdapters = QMX_DISK_CONF_ADAPT_MAX;
+
+// Sets every port's LU count and hides the device files of ports 128 and up
+// for the lifetime of the object.
+class RecordHost {
+public:
+    explicit RecordHost(int luns) : ok_(setLuns(luns)) {
+        for (int n = kAdapters; n < 256 && ok_; ++n) {
+            std::string dev = "/dev/qmxldd" + std::to_string(n);
+            if (::access(dev.c_str(), F_OK) != 0) continue;
+            if (::rename(dev.c_str(), (dev + ".hidden").c_str()) != 0) ok_ = false;
+            hidden_.push_back(n);
+        }
+    }
+    ~RecordHost() {
+        for (int n : hidden_) {
+            std::string dev = "/dev/qmxldd" + std::to_string(n);
+            ::rename((dev + ".hidden").c_str(), dev.c_str());
+        }
+        setLuns(2048);
+        ::unlink(kRecord);
+    }
+    bool ok() const { return ok_; }
+
+private:
+    static bool setLuns(int luns) {
+        const char *dir = std::getenv("QMXSIM_STATE");
+        if (dir == nullptr) return false;
+        return qmxsim::StateStore(dir).update([&](qmxsim::json &s) {
+            for (qmxsim::json &p : s["ports"]) p["gen_luns"] = luns;
+            return true;
+        });
+    }
+    bool ok_;
+    std::vector<int> hidden_;
+};
+
+struct Tree {
+    QMX_DISK_CONFIG root{};
+    ~Tree() { QMX_DiskConfigTblFree(&root); }
+};
+
+// The driver requests of a capture on open descriptors, and the record's
+// bytes written to a scratch file and read back: the bare I/O.
+class BareIo {
+public:
+    BareIo() : tgt_(QMX_MP_TARGET_SIZE(QMX_MP_TGTMAP_PORT)), lu_(QMX_MP_LU_SIZE(QMX_MP_LUMAP_MAX)) {
+        for (int n = 0; n < kAdapters; ++n) {
+            int fd = ::open(("/dev/qmxldd" + std::to_string(n)).c_str(), O_RDONLY | O_CLOEXEC);
+            if (fd >= 0) fds_.push_back(fd);
+        }
+    }
+    ~BareIo() {
+        for (int fd : fds_) ::close(fd);
+    }
+    bool requests() {
+        for (int fd : fds_) {
+            auto *map = reinterpret_cast<qmx_mp_target *>(tgt_.data());
+            map->header.entry_count = map->header.target_count = QMX_MP_TGTMAP_PORT;
+            if (::ioctl(fd, static_cast<unsigned long>(IOCTL_QMX_MP_TGTMAP), map) != 0) return false;
+            uint32_t n = std::min<uint32_t>(map->header.target_count, QMX_MP_TGTMAP_PORT);
+            for (uint32_t i = 0; i < n; ++i) {
+                auto *hdr = reinterpret_cast<mp_lu_header *>(lu_.data());
+                hdr->nodename = map->entry[i].nodename;
+                hdr->portname = map->entry[i].portname;
+                if (::ioctl(fd, static_cast<unsigned long>(IOCTL_QMX_MP_LUMAP), lu_.data()) != 0)
+                    return false;
+            }
+        }
+        return true;
+    }
+    static bool write(const std::string &text) { return spit("/opt/kestrel/drivers/hba/bare.conf", text); }
+    static bool read(std::string &text) {
+        text = slurp(kRecord);
+        return !text.empty();
+    }
+
+private:
+    std::vector<int> fds_;
+    std::vector<uint8_t> tgt_, lu_;
+};
+
+int luCount(const QMX_DISK_CONFIG &c) {
+    int n = 0;
+    for (const QMX_DISK_CONF_ADAPT *a : c.adapt)
+        if (a != nullptr)
+            for (const QMX_DISK_CONF_TGT *t : a->tgt)
+                if (t != nullptr) n += t->lu_cnt;
+    return n;
+}
+
+void report(benchmark::State &state, int lus) {
+    state.counters["lus"] = lus;
+    state.counters["ns_per_lu"] = benchmark::Counter(
+        double(lus) * double(state.iterations()), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+void BM_DiskConfCapture(benchmark::State &state) {
+    RecordHost host(int(state.range(0)));
+    if (!host.ok()) return state.SkipWithError("cannot prepare the virtual host");
+    BareIo bare;
+    int lus = 0;
+    std::string text;
+    timeAgainstBare(
+        state,
+        [&] {
+            Tree t;
+            if (QMX_AutoSetDiskConfig(&t.root) != 0) return false;
+            lus = luCount(t.root);
+            return true;
+        },
+        [&] {
+            if (text.empty() && !BareIo::read(text)) return false;
+            return bare.requests() && BareIo::write(text);
+        });
+    report(state, lus);
+}
+BENCHMARK(BM_DiskConfCapture)->ArgName("luns")->Arg(1)->Arg(4)->Arg(16)->Iterations(2)->Unit(benchmark::kMillisecond);
+
+void BM_DiskConfRecord(benchmark::State &state) {
+    RecordHost host(int(state.range(0)));
+    if (!host.ok()) return state.SkipWithError("cannot prepare the virtual host");
+    {
+        Tree first;
+        if (QMX_AutoSetDiskConfig(&first.root) != 0) return state.SkipWithError("first capture failed");
+    }
+    BareIo bare;
+    int lus = 0;
+    std::string text;
+    timeAgainstBare(
+        state,
+        [&] {
+            Tree before, after;
+            if (QMX_GetDiskConfig(nullptr, &before.root) != 0) return false;
+            if (QMX_AutoSetDiskConfig(&after.root) != 0) return false;
+            auto changes = qmxmgr::diffDiskConfig(before.root, after.root);
+            benchmark::DoNotOptimize(changes.data());
+            lus = luCount(after.root);
+            return changes.empty();
+        },
+        [&] { return BareIo::read(text) && bare.requests() && BareIo::write(text); });
+    report(state, lus);
+}
+BENCHMARK(BM_DiskConfRecord)->ArgName("luns")->Arg(1)->Arg(4)->Arg(16)->Iterations(2)->Unit(benchmark::kMillisecond);
+
+}  // namespace
