@@ -10,6 +10,7 @@ const std::vector<AddCommands> kCommandGroups = {
     addPortCommands,
     addNumberingCommands,
     addTraceCommands,
+    addDocCommands,
 };
 
 }  // namespace qmxmgr
