@@ -2,9 +2,11 @@
 # Installs what the build, the tests and the demo need on Debian 12.
 # Idempotent: apt is only called when a package is missing.
 set -euo pipefail
-pkgs=(cmake make g++ pkg-config python3 util-linux
+pkgs=(cmake make g++ pkg-config python3 util-linux dpkg-dev groff-base
       googletest libgtest-dev libgmock-dev libbenchmark-dev
       nlohmann-json3-dev libcli11-dev clang libclang-rt-14-dev)
+# The test command also checks the Debian packages with lintian.
+[ "${1:-}" = test ] && pkgs+=(lintian)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -7,7 +7,7 @@
 # also runs its tests.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-"$root/scripts/install-deps.sh"
+"$root/scripts/install-deps.sh" test
 jobs=${JOBS:-2}
 out=${BUILD_ROOT:-$root/build}
 

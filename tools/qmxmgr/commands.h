@@ -51,6 +51,7 @@ void addTraceCommands(CommandLine &cl);      // trace
 void addBiosCommands(CommandLine &cl);       // bios, firmware, diag, log
 void addIsolationCommands(CommandLine &cl);  // isolate, sfp, isolation, trouble
 void addDiskConfCommands(CommandLine &cl);   // diskconf
+void addDocCommands(CommandLine &cl);        // completion, manpage
 // Every group, in the order of the help text.
 extern const std::vector<AddCommands> kCommandGroups;
 

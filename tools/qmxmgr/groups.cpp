@@ -13,6 +13,7 @@ const std::vector<AddCommands> kCommandGroups = {
     addBiosCommands,
     addIsolationCommands,
     addDiskConfCommands,
+    addDocCommands,
 };
 
 }  // namespace qmxmgr
