@@ -48,6 +48,8 @@ using AddCommands = void (*)(CommandLine &);
 void addPortCommands(CommandLine &cl);       // ports, show, get, set, unset, bi
 void addNumberingCommands(CommandLine &cl);  // numbering
 void addTraceCommands(CommandLine &cl);      // trace
+// alias, host, info, devices, defaults, default-params, scan, rescan, reflect
+void addHostInfoCommands(CommandLine &cl);
 // Every group, in the order of the help text.
 extern const std::vector<AddCommands> kCommandGroups;
 
@@ -73,5 +75,11 @@ int cmdNumberingChange(const Options &o, int operation);
 int cmdDeletePath(const Options &o, int devno);
 int cmdTrace(const Options &o);
 int cmdBios(const Options &o);
+
+// A port's alias names (empty when none is set).
+struct Aliases {
+    std::string hba, port;
+};
+Aliases readAliases(const QMX_WWN &wwn);
 
 }  // namespace qmxmgr
