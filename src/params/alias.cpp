@@ -4,6 +4,7 @@
 // "qmx<N>-alias" and its port alias "qmx<N>-portalias" with the same N.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -42,10 +43,10 @@ void setEntry(util_para &p, const char *key, std::string_view value) noexcept {
     copyText(p.value, value);
 }
 
-// The first `len` bytes of the name, bounded by the value field.  Longer
-// names are cut to the field rather than overrun it.
+// The first `len` bytes of the name (up to a terminator), bounded by the
+// value field: longer names are cut to the field rather than overrun it.
 std::string_view nameText(const char *name, std::size_t len) noexcept {
-    return {name, std::min(len, kValueMax)};
+    return {name, strnlen(name, std::min(len, kValueMax))};
 }
 
 }  // namespace
@@ -208,7 +209,7 @@ QMX_STATUS getAlias(const char *name, Kind kind, QMX_WWN wwn, char *aliasname, s
         if (n < 0) return f.fail();
         std::string_view value = qmx::alias::find(list.get(), n, key.text, kind);
         // strncpy: no terminator when the name fills `size`.
-        std::memcpy(aliasname, value.data(), std::min(value.size(), size));
+        if (!value.empty()) std::memcpy(aliasname, value.data(), std::min(value.size(), size));
         return f.ok();
     });
 }
