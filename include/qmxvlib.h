@@ -545,6 +545,117 @@ QMX_API QMX_STATUS QMX_AutoSetDiskConfig(QMX_DISK_CONFIG *check_config);
 QMX_API void QMX_DiskConfigTblFree(QMX_DISK_CONFIG *tbl);
 
 /* @@HOSTINFO@@ aliases, host and port information, defaults, reflection, target scan */
+/* Alias names, kept in "/etc/qmxlib.conf" by port WWN.  Getters clear size
+   bytes of aliasname and copy at most size characters (no terminator when
+   the name fills size).  Setters check the first size bytes of aliasname:
+   pass size equal to the name's length. */
+QMX_API QMX_STATUS QMX_GetHbaAliasName(QMX_WWN wwn, char *aliasname, size_t size);
+QMX_API QMX_STATUS QMX_SetHbaAliasName(QMX_WWN wwn, char *aliasname, size_t size);
+QMX_API QMX_STATUS QMX_GetPortAliasName(QMX_WWN wwn, char *aliasname, size_t size);
+QMX_API QMX_STATUS QMX_SetPortAliasName(QMX_WWN wwn, char *aliasname, size_t size);
+
+/* Host, package and port information. */
+typedef struct QMX_Package {
+    char PackageCode[64];
+} QMX_PACKAGE;
+typedef struct QMX_OpticalAttributes {
+    char VendorName[64];
+    char SerialNumber[64];
+} QMX_OPTICALATTRIBUTES;
+
+/* One adapter port as the BIOS tool lists it. */
+#define QMX_DEVICE_SHOW_MAX 256
+typedef struct qmx_device_entry {
+    char       deviceName[64];   /* "qmxldd0" */
+    char       deviceID[9];
+    int        busNO;
+    int        deviceNO;
+    int        funcNO;
+    QMX_WWN    additional;       /* most significant byte first */
+    QMX_WWN    original;
+} QMX_DEVICE_ENTRY;
+typedef struct qmx_device_show {
+    QMX_DEVICE_ENTRY list[QMX_DEVICE_SHOW_MAX];
+    int list_max;                /* entries filled */
+} QMX_DEVICE_SHOW;
+QMX_CHECK_SIZE(QMX_PACKAGE, 64);
+QMX_CHECK_SIZE(QMX_OPTICALATTRIBUTES, 128);
+QMX_CHECK_SIZE(QMX_DEVICE_ENTRY, 104);
+QMX_CHECK_OFFSET(QMX_DEVICE_ENTRY, busNO, 76);
+QMX_CHECK_OFFSET(QMX_DEVICE_ENTRY, additional, 88);
+QMX_CHECK_SIZE(QMX_DEVICE_SHOW, 256 * 104 + 4);
+
+QMX_API QMX_STATUS QMX_GetHostName(char *hostname, size_t size);
+/* First line of "/etc/redhat-release", else of the first "/etc" entry whose
+   name contains "-release". */
+QMX_API QMX_STATUS QMX_GetOSName(char *osname, size_t size);
+/* The kernel release. */
+QMX_API QMX_STATUS QMX_GetOSVersion(char *osversion, size_t size);
+QMX_API QMX_STATUS QMX_GetPackageInformation(QMX_WWN wwn, QMX_PACKAGE *packagecode);
+QMX_API QMX_STATUS QMX_GetOpticalModuleInfomation(QMX_WWN wwn, QMX_OPTICALATTRIBUTES *pOpticalAttributes);
+/* The additional port name kept by the boot firmware; the node name is the
+   port name with its last byte plus one (no carry), zero when it is zero. */
+QMX_API QMX_STATUS QMX_GetAdditionalWWPN(QMX_WWN wwn, QMX_WWN *S_additionalWWPN, QMX_WWN *S_additionalWWNN);
+QMX_API QMX_STATUS QMX_SetAdditionalWWPN(QMX_WWN wwn, QMX_WWN additionalWWPN);
+/* The BIOS tool's device list (at most QMX_DEVICE_SHOW_MAX entries). */
+QMX_API QMX_STATUS QMX_GetDeviceInfo(QMX_DEVICE_SHOW *device_list);
+
+/* Driver-wide defaults of "/etc/qmxldd.conf" in one record.  Fields the
+   file does not set keep their presets: 0 for maxTransfer, preferred and
+   queueDepth, -1 (all bits set) for every other field. */
+#define QMX_RETRY_CNT_ENTRIES 1000
+typedef struct qmx_all_def_param {
+    QMX_TRANSFERSIZE  maxTransfer;
+    QMX_UINT32        linkDown;
+    QMX_UINT32        resetDelay;
+    int               mckRetry;
+    QMX_PREFERREDALPA preferred;
+    QMX_UINT32        resetTmo;
+    QMX_UINT32        abortTmo;
+    QMX_UINT32        queueDepth;
+    int               scsiAllowed;
+    int               scatterGather;   /* never filled */
+    int               mscs;            /* never filled */
+    int               tmtDelay;
+    int               retryCnt[QMX_RETRY_CNT_ENTRIES];  /* by error number */
+    int               isolateType;     /* 2 (file 0), 1, or -1 */
+    int               ldErrIntval;
+    int               ldErrLimitL;
+    int               ldErrLimitS;
+    int               ifErrIntvl;
+    int               ifErrLimit;
+    int               toErrIntvl;
+    int               toErrLimit;
+    int               rtErrFlag;       /* 0, 1 or -1 */
+    int               mbLoginRetry;
+    int               mbELSRetry;
+    int               mbTORetry;
+    int               scsiCmdRetry;
+    int               abortTRestrain;  /* 0, 1 or -1 */
+    int               alter_path;
+    int               offline_path;
+    int               pathchk_to;
+    int               LUNReset;
+    int               interrupt;
+    int               target_rst;      /* 0, 1 or -1 */
+    int               log_mode;
+    int               tgt_filter;
+} QMX_ALL_DEF_PARAM;
+
+QMX_API QMX_STATUS QMX_GetAllTargetParam(QMX_ALL_DEF_PARAM *altg_param);
+/* The boot firmware's force-default-parameter switch: flag 0 reads it into
+   *set_flag (1 enabled, 2 disabled), flag 1 writes *set_flag (1 on, 0 off). */
+QMX_API QMX_STATUS QMX_PortSettingDefaultValue(QMX_WWN wwn, QMX_UINT32 *set_flag, QMX_UINT32 flag);
+/* Target rescan on device "/dev/<device>".  Returns 0 once the driver
+   answered; the outcome is the reason code: 0 done, 41, 40 or 39 for the
+   driver's results 1, 2 and 3, 10 for any other result. */
+QMX_API QMX_STATUS QMX_TgtScan(char *device);
+/* Disk rescan behind one port.  Always returns 0; a failure shows only in
+   the API trace. */
+QMX_API QMX_STATUS QMX_DiskRescan(QMX_WWN wwn);
+/* Asks the driver on "/dev/<device>" to take changed parameters into use;
+   the driver's reply stays in *diag. */
+QMX_API QMX_STATUS QMX_Reflect_ChgParam(char *device, struct diag_ioctl *diag);
 
 #ifdef __cplusplus
 }

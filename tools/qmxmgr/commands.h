@@ -52,6 +52,8 @@ void addBiosCommands(CommandLine &cl);       // bios, firmware, diag, log
 void addIsolationCommands(CommandLine &cl);  // isolate, sfp, isolation, trouble
 void addDiskConfCommands(CommandLine &cl);   // diskconf
 void addDocCommands(CommandLine &cl);        // completion, manpage
+// alias, host, info, devices, defaults, default-params, scan, rescan, reflect
+void addHostInfoCommands(CommandLine &cl);
 // Every group, in the order of the help text.
 extern const std::vector<AddCommands> kCommandGroups;
 
@@ -77,5 +79,11 @@ int cmdNumberingChange(const Options &o, int operation);
 int cmdDeletePath(const Options &o, int devno);
 int cmdTrace(const Options &o);
 int cmdBios(const Options &o);
+
+// A port's alias names (empty when none is set).
+struct Aliases {
+    std::string hba, port;
+};
+Aliases readAliases(const QMX_WWN &wwn);
 
 }  // namespace qmxmgr

@@ -88,8 +88,20 @@ int cmdShow(const Options &o) {
         if (info.detailed)
             std::printf("  model %s  firmware %s  %s", info.model.c_str(),
                         firmwareText(info.firmware).c_str(), statusText(info.status).c_str());
-        std::printf("\n\n%-28s %-14s %s\n", "PARAMETER", "CURRENT", "SETTING");
+        std::printf("\n");
     }
+    // The alias names; a failure to read them is reported with the others.
+    json aliases = nullptr;
+    try {
+        Aliases a = readAliases(r.wwn);
+        aliases = json{{"hba", a.hba}, {"port", a.port}};
+        if (!o.json)
+            std::printf("HBA alias %s  Port alias %s\n", a.hba.empty() ? "-" : a.hba.c_str(),
+                        a.port.empty() ? "-" : a.port.c_str());
+    } catch (const CallError &e) {
+        failures.push_back(e);
+    }
+    if (!o.json) std::printf("\n%-28s %-14s %s\n", "PARAMETER", "CURRENT", "SETTING");
     for (const Param &p : paramTable()) {
         if (!p.get) continue;
         Reading rd;
@@ -112,7 +124,8 @@ int cmdShow(const Options &o) {
         }
         if (err) failures.push_back(*err);
     }
-    if (o.json) printJson(json{{"port", portJson(info)}, {"parameters", rows}});
+    if (o.json)
+        printJson(json{{"port", portJson(info)}, {"aliases", aliases}, {"parameters", rows}});
     for (const CallError &e : failures)
         std::cerr << "qmxmgr: " << failureLine(e.call(), e.what()) << "\n";
     return failures.empty() ? kExitOk : kExitFailed;
