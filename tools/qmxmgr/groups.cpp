@@ -9,6 +9,8 @@ const char *const kPortHelp =
 const std::vector<AddCommands> kCommandGroups = {
     addPortCommands,
     addNumberingCommands,
+    addBindingCommands,
+    addPriorityCommands,
     addTraceCommands,
 };
 
