@@ -520,6 +520,12 @@ int QMX_WriteBindInfo(void) {
     std::unique_ptr<util_para, FreeDeleter> list(raw);
     if (n < 0) return abend();
     if (raw == nullptr) n = 0;
+    // The writer refuses new items once the file's size plus theirs passes
+    // its bound, before it reads anything else, so gathering stops at the
+    // first new item past the bound: the writer's outcome (code 14) is the
+    // same and a file far over the bound fails at once.
+    struct stat st;
+    long sizeSum = stat(kConfPath, &st) == 0 ? long(st.st_size) + 1 : 0;
     try {
         // The existing items by key; an item's later namesakes are chained
         // behind it, so every item of a key is found without a scan.
@@ -533,8 +539,10 @@ int QMX_WriteBindInfo(void) {
                 it->second = i;
             }
         }
-        std::vector<util_para> added;
         int records = std::clamp(bind_cnt, 0, BINDMAX);
+        // Room for every record at once: one allocation, never moved.
+        std::vector<util_para> added;
+        added.reserve(std::size_t(records));
         char key[sizeof(util_para::keyword)] = "";
         uint64_t word = 0;
         char value[sizeof(util_para::value)];
@@ -557,9 +565,10 @@ int QMX_WriteBindInfo(void) {
                 continue;
             }
             util_para &p = added.emplace_back();
-            std::memset(&p, 0, sizeof p);
             qmx::copyText(p.keyword, key);
             qmx::copyText(p.value, value);
+            sizeSum += long(std::strlen(p.keyword) + 1 + std::strlen(p.value));
+            if (sizeSum > qmx::kConfSizeLimit) break;
         }
         if (QMX_MakeConfFile(raw, n, added.data(), int(added.size()), 1) != 0) return abend();
     } catch (const std::bad_alloc &) {
