@@ -1,5 +1,6 @@
 // LU priorities and path control in the virtual host: the listing of the
 // configured groups and the edits of "/etc/qmxldd.conf".
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -139,6 +140,31 @@ TEST_F(Priority, ChangePathAttributeMovesTheMark) {
         EXPECT_TRUE(traceHas(b.msg));
     }
     EXPECT_EQ(readFile(kConf), after);
+}
+
+TEST_F(Priority, FileAtTheParseLimitIsListedAndNeverRewritten) {
+    // 16384 targets of 8 items: 131072 binding items, about 5 MB.
+    std::string text;
+    char buf[96];
+    for (int a = 0; a < 256; ++a)
+        for (int t = 0; t < 64; ++t) {
+            const char *kinds[] = {"wwpn=0x51", "wwnn=0x50", "attribute=0x00", "priority0=0x01",
+                                   "priority1=0x02", "priority2=0x03", "priority3=0x04"};
+            std::snprintf(buf, sizeof buf, "qmxl%d-tid-%d-gt=%d:", a, t, t);
+            text += buf;
+            for (const char *k : kinds) {
+                std::snprintf(buf, sizeof buf, "qmxl%d-tid-%d-%s:", a, t, k);
+                text += buf;
+            }
+        }
+    writeFile(kConf, text);
+    EXPECT_EQ(QMX_GetLUPriorityCnt(), 16384);
+    // A new item cannot be added to a file this far over the writer's bound.
+    ASSERT_EQ(QMX_SetLUPriority(0, 200, 1, 1), 0);
+    EXPECT_TRUE(traceHas("qmxldd.conf filesize over 100012 written."));
+    EXPECT_TRUE(traceHas("QMX_WriteBindInfo ABEND"));
+    EXPECT_EQ(QMX_LastErrorCode(), QMX_ERR_SIZE_LIMIT);
+    EXPECT_EQ(readFile(kConf), text);
 }
 
 }  // namespace
