@@ -78,7 +78,10 @@ uint64_t hexValue(string_view tail) {
     return v;
 }
 
-// The next free binding record, zeroed, or nullptr when the table is full.
+// The next free binding record, or nullptr when the table is full.  The
+// collector starts each record from zero bytes: a record it enters then never
+// carries the bind text or WWN of what an earlier pass left in that slot
+// (the writer would otherwise write a stale value for a gt or attribute key).
 __TBLKEY *enterRecord() noexcept {
     if (bind_cnt < 0 || bind_cnt >= BINDMAX) return nullptr;
     __TBLKEY &r = TBLKEY[bind_cnt];
