@@ -9,6 +9,8 @@
 //       132000 binding items: new:0 the file's own records (every key found;
 //       the whole file is rewritten and the module refresh refuses its size,
 //       code 10), new:1 132000 records none of which is in the file (code 14)
+//   BM_ReadKeyListOfBindingFile  the key list read of that file, with which
+//       the merge starts (the floor under BM_WriteBindInfo)
 //   BM_ReadQmxlddConf   the parse of that file into the binding table
 //   BM_GetLUPriorityCnt the listing of that file (parse and 16384 paths)
 //
@@ -21,6 +23,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -222,6 +225,27 @@ void BM_WriteBindInfo(benchmark::State &state) {
     spit(kConfFile, save);
 }
 BENCHMARK(BM_WriteBindInfo)->ArgName("new")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+// The key list read that the merge starts with (396 bytes a list entry,
+// whatever the item's length): the floor under BM_WriteBindInfo.
+void BM_ReadKeyListOfBindingFile(benchmark::State &state) {
+    FileFixture file(0);
+    std::string save = slurp(kConfFile);
+    if (!file.install()) return state.SkipWithError("config file");
+    int n = 0;
+    timeAgainstBare(
+        state,
+        [&] {
+            util_para *list = nullptr;
+            n = QMX_Read_qmxlddconf(&list, 0);
+            std::free(list);
+            return n > 0;
+        },
+        [&] { return readWhole(kConfFile); });
+    state.counters["items"] = double(n);
+    spit(kConfFile, save);
+}
+BENCHMARK(BM_ReadKeyListOfBindingFile)->Unit(benchmark::kMillisecond);
 
 void BM_ReadQmxlddConf(benchmark::State &state) {
     FileFixture file(0);
