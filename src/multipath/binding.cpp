@@ -117,7 +117,7 @@ int substr(char *dst, char *src, int from, int to) {
     dst[0] = '\0';
     if (src == nullptr) return 0;
     string_view part = span(string_view(src), from, to);
-    std::memcpy(dst, part.data(), part.size());
+    if (!part.empty()) std::memcpy(dst, part.data(), part.size());
     dst[part.size()] = '\0';
     return int(part.size());
 }
@@ -150,7 +150,7 @@ int make_qmxldd_table_bind(char *ttp) {
             long eq = findFrom(s, '=', 0);
             std::memset(w.bind, 0, sizeof w.bind);
             string_view v = span(s, eq + 1, eq + kBindValueChars);
-            std::memcpy(w.bind, v.data(), v.size());
+            if (!v.empty()) std::memcpy(w.bind, v.data(), v.size());
             w.use_flg = 1;
             ++wwpn_cnt;
             return 0;
@@ -184,7 +184,7 @@ int make_qmxldd_table_bind(char *ttp) {
         ++pbind_cnt;
         std::memset(r.bind, 0, sizeof r.bind);
         string_view v = value.substr(0, kBindValueChars);
-        std::memcpy(r.bind, v.data(), v.size());
+        if (!v.empty()) std::memcpy(r.bind, v.data(), v.size());
     } else if (word == "attribute") {
         r.attribute = int32_t(hexValue(value));
         (void)check_bindings(3, r.attribute);
