@@ -249,7 +249,8 @@ TEST_F(QmxmgrTest, UsageErrorsExitWithTwo) {
 }
 
 TEST_F(QmxmgrTest, HelpOnEveryCommand) {
-    for (const char *cmd : {"ports", "show", "get", "set", "unset", "numbering", "trace", "bi"}) {
+    for (const char *cmd : {"ports", "show", "get", "set", "unset", "numbering", "trace", "bi",
+                            "binding", "priority"}) {
         SCOPED_TRACE(cmd);
         Result r = run({cmd, "--help"});
         EXPECT_EQ(r.status, 0);
@@ -356,6 +357,47 @@ TEST_F(QmxmgrTest, BiosSwitchRunsTheBiosToolAndReportsItsFailure) {
               0u)
         << r.err;
     EXPECT_EQ(lineCount(r.err), 1);
+}
+
+// --------------------------------------------------- binding and priority
+TEST_F(QmxmgrTest, BindingAndPriorityCommands) {
+    ASSERT_TRUE(writeFile(kConf, "qmxl0-wwpn=0x2100001122334450:qmxl0-tid-1-gt=0:"
+                                 "qmxl0-tid-1-attribute=0x01:qmxl1-tid-2-gt=0:"
+                                 "qmxl1-tid-2-attribute=0x00:"));
+    Result r = run({"priority", "set", "0", "1", "5", "1"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = run({"priority", "toggle", "0", "1"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = run({"priority", "list", "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    qmxsim::json j = parse(r.out);
+    ASSERT_EQ(j["paths"].size(), 2u);
+    EXPECT_EQ(j["paths"][0]["attribute"], 0);
+    EXPECT_EQ(j["paths"][0]["priority"][0], "0400000000000000");
+    EXPECT_EQ(j["paths"][1]["attribute_text"], "configured(H)");
+
+    r = run({"binding", "show", "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    j = parse(r.out);
+    EXPECT_EQ(j["adapters"][0]["wwpn"], "0x2100001122334450");
+    EXPECT_EQ(j["adapters"][0]["targets"][0]["priority0"], "0x0400000000000000");
+    EXPECT_EQ(j["adapters"][1]["targets"][0]["target"], 2);
+
+    r = run({"binding", "automap", "off"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = run({"binding", "automap", "--json"});
+    EXPECT_EQ(parse(r.out)["automap"], false);
+    r = run({"binding", "clear"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(readFile(kConf), "qmxl0-wwpn=0x2100001122334450:");
+
+    // Refusals: one line naming the call; bad operands are usage errors.
+    r = run({"priority", "set", "0", "1", "2048", "1"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "qmxmgr: QMX_SetLUPriority failed: invalid argument (reason code 2): "
+                     "lun is invalid value\n");
+    EXPECT_EQ(run({"binding", "automap", "maybe"}).status, 2);
+    EXPECT_EQ(run({"binding", "force", "qmxldd9"}).status, 2);
 }
 
 }  // namespace

@@ -54,6 +54,8 @@ void addDiskConfCommands(CommandLine &cl);   // diskconf
 void addDocCommands(CommandLine &cl);        // completion, manpage
 // alias, host, info, devices, defaults, default-params, scan, rescan, reflect
 void addHostInfoCommands(CommandLine &cl);
+void addBindingCommands(CommandLine &cl);    // binding
+void addPriorityCommands(CommandLine &cl);   // priority
 // Every group, in the order of the help text.
 extern const std::vector<AddCommands> kCommandGroups;
 

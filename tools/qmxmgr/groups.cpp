@@ -10,6 +10,8 @@ const std::vector<AddCommands> kCommandGroups = {
     addPortCommands,
     addNumberingCommands,
     addHostInfoCommands,
+    addBindingCommands,
+    addPriorityCommands,
     addTraceCommands,
     addBiosCommands,
     addIsolationCommands,

@@ -1,0 +1,289 @@
+// Persistent binding and LU priorities at the maximum configuration:
+//
+//   BM_AutoSetPersistentBinding/mp:0|1  the collector over 256 adapters of
+//       256 targets (mp:1 with the multipath layer active: an LU map of 2048
+//       LUs for each of the 65536 targets) and the merge, which the size
+//       bound ends with code 14 (the binding of 65536 targets cannot fit a
+//       configuration file)
+//   BM_WriteBindInfo/new:0|1  the merge of 132000 records against a file of
+//       132000 binding items: new:0 the file's own records (every key found;
+//       the whole file is rewritten and the module refresh refuses its size,
+//       code 10), new:1 132000 records none of which is in the file (code 14)
+//   BM_ReadKeyListOfBindingFile  the key list read of that file, with which
+//       the merge starts (the floor under BM_WriteBindInfo)
+//   BM_ReadQmxlddConf   the parse of that file into the binding table
+//   BM_GetLUPriorityCnt the listing of that file (parse and 16384 paths)
+//
+// Each also times the bare I/O of the same work (the driver requests, the
+// file bytes read and written, the trace lines written) and reports the
+// ratio ("x_bare").
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "config/binding_tables.h"
+#include "max_support.h"
+#include "multipath/binding.h"
+#include "qmxldd_ioctl.h"
+
+namespace {
+
+using namespace qmxbench;
+
+constexpr int kAdapters = 256;
+constexpr int kTargetsPerAdapter = 64;  // 16384 targets of 8 items: 131072 items
+
+// The multipath layer's switch, set through the driver's parameter write.
+bool setMultipath(int on) {
+    int fd = open("/dev/qmxldd0", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    qmx_mp_parameters mp{};
+    bool ok = ioctl(fd, IOCTL_QMX_MP_RDPARM, &mp) == 0;
+    mp.qmxmp = uint8_t(on);
+    ok = ok && ioctl(fd, IOCTL_QMX_MP_WRPARM, &mp) == 0;
+    close(fd);
+    return ok;
+}
+
+// A file of 131072 target binding items and 256 adapter items, in the order
+// the binding writer keeps (so a rewrite leaves it as it is).  `shift` moves
+// every target id, giving keys that a file of shift 0 does not hold.
+std::string bindingFile(int shift) {
+    std::string s;
+    s.reserve(6 << 20);
+    char buf[96];
+    for (int a = 0; a < kAdapters; ++a)
+        for (int t = 0; t < kTargetsPerAdapter; ++t) {
+            int tid = t + shift;
+            unsigned long long w = 0x5100000000000000ULL | (unsigned long long)(t << 8) | a;
+            std::snprintf(buf, sizeof buf, "qmxl%d-tid-%d-wwpn=0x%llx:", a, tid, w);
+            s += buf;
+            std::snprintf(buf, sizeof buf, "qmxl%d-tid-%d-wwnn=0x%llx:", a, tid, w & ~0xFFULL);
+            s += buf;
+            std::snprintf(buf, sizeof buf, "qmxl%d-tid-%d-gt=%d:", a, tid, t % 64);
+            s += buf;
+            std::snprintf(buf, sizeof buf, "qmxl%d-tid-%d-attribute=0x%02x:", a, tid, a % 2);
+            s += buf;
+            for (int k = 0; k < 4; ++k) {
+                std::snprintf(buf, sizeof buf, "qmxl%d-tid-%d-priority%d=0x%016llx:", a, tid, k,
+                              (unsigned long long)(t + k));
+                s += buf;
+            }
+        }
+    for (int a = 0; a < kAdapters; ++a) {
+        std::snprintf(buf, sizeof buf, "qmxl%d-wwpn=0x%016llx:", a,
+                      0x2100000000000000ULL | (unsigned long long)(a << 8));
+        s += buf;
+    }
+    return s;
+}
+
+// The bare file I/O of a read: one read of the whole file.
+bool readWhole(const char *path) {
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    static std::vector<char> buf(32 << 20);
+    ssize_t n;
+    while ((n = read(fd, buf.data(), buf.size())) > 0) {
+    }
+    close(fd);
+    return n == 0;
+}
+
+bool writeWhole(const char *path, const std::string &text) {
+    int fd = open(path, O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    bool ok = ftruncate(fd, 0) == 0 && pwrite(fd, text.data(), text.size(), 0) == ssize_t(text.size());
+    close(fd);
+    return ok;
+}
+
+// The trace lines a parse writes (one a converted value, the ring's wrap
+// included), written as bare 121-byte lines.
+bool traceLinesBare(long lines) {
+    static const std::string line = traceLine("qmx_convert_string START");
+    OwnRing ring("qmxbenchBare.txt");
+    int fd = open(ring.path().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    // One write a line: the trace flushes every line it writes.
+    for (long i = 0; i < lines; ++i)
+        if (pwrite(fd, line.data(), line.size(), off_t(i % kRingLines) * kLineBytes) !=
+            ssize_t(line.size()))
+            return close(fd), false;
+    return close(fd) == 0;
+}
+
+// Items whose value the parser converts (all but the adapter items).
+constexpr long kConvertedItems = long(kAdapters) * kTargetsPerAdapter * 8;
+
+class FileFixture {
+public:
+    explicit FileFixture(int shift) : text_(bindingFile(shift)) {}
+    bool install() const { return spit(kConfFile, text_); }
+    const std::string &text() const { return text_; }
+
+private:
+    std::string text_;
+};
+
+void BM_AutoSetPersistentBinding(benchmark::State &state) {
+    if (discoveredPorts() == 0) return state.SkipWithError("no ports");
+    int mp = int(state.range(0));
+    if (!setMultipath(mp)) return state.SkipWithError("multipath switch");
+    auto info = std::make_unique<QMX_PERSISTENTBINDING>();
+    long luMaps = 0;
+    timeAgainstBare(
+        state,
+        [&] {
+            int st = QMX_AutoSetPersistentBinding(info.get());
+            // The binding of every target is far beyond the file's bound.
+            return st == 1 && QMX_LastErrorCode() == QMX_ERR_SIZE_LIMIT;
+        },
+        [&] {
+            // Per device: the port information request (its own open), then
+            // the maps on a second descriptor; then the configuration read.
+            static std::vector<unsigned char> tbuf(QMX_MP_TARGET_SIZE(QMX_MP_TGTMAP_MAX));
+            static std::vector<unsigned char> lbuf(QMX_MP_LU_SIZE(QMX_MP_LUMAP_MAX));
+            luMaps = 0;
+            for (int n = 0; n < kAdapters; ++n) {
+                char path[32];
+                std::snprintf(path, sizeof path, "/dev/qmxldd%d", n);
+                struct stat st;
+                if (stat(path, &st) != 0) continue;
+                int fd = open(path, O_RDONLY | O_CLOEXEC);
+                qmx_ioctl_proc_info pi{};
+                if (fd < 0 || ioctl(fd, IOCTL_QMX_SC_PRINFO, &pi) != 0) return false;
+                close(fd);
+                fd = open(path, O_RDONLY | O_CLOEXEC);
+                auto *t = reinterpret_cast<qmx_mp_target *>(tbuf.data());
+                t->header.entry_count = t->header.target_count = QMX_MP_TGTMAP_MAX;
+                qmx_mp_parameters p{};
+                if (ioctl(fd, IOCTL_QMX_MP_TGTMAP, t) != 0 || ioctl(fd, IOCTL_QMX_MP_RDPARM, &p) != 0)
+                    return false;
+                uint32_t count = std::min<uint32_t>(t->header.target_count, QMX_MP_TGTMAP_MAX);
+                for (uint32_t i = 0; p.qmxmp == 1 && i < count; ++i) {
+                    auto *h = reinterpret_cast<mp_lu_header *>(lbuf.data());
+                    h->portname = t->entry[i].portname;
+                    h->nodename = t->entry[i].nodename;
+                    if (ioctl(fd, IOCTL_QMX_MP_LUMAP, lbuf.data()) != 0) return false;
+                    ++luMaps;
+                }
+                close(fd);
+            }
+            return readWhole(kConfFile);
+        });
+    state.counters["records"] = double(bind_cnt);
+    state.counters["lu_maps"] = double(luMaps);
+    setMultipath(1);
+}
+BENCHMARK(BM_AutoSetPersistentBinding)->ArgName("mp")->Arg(0)->Arg(1)->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+
+void BM_WriteBindInfo(benchmark::State &state) {
+    bool fresh = state.range(0) != 0;
+    FileFixture file(0);
+    if (!file.install()) return state.SkipWithError("config file");
+    // The records: this file's own, or those of a file with other target ids.
+    FileFixture other(fresh ? kTargetsPerAdapter : 0);
+    std::string save = slurp(kConfFile);
+    if (fresh && !other.install()) return state.SkipWithError("config file");
+    qmx::binding::clearTables();
+    QMX_OpenApiTraceFile();
+    bool parsed = read_qmxldd_conf() == 0;
+    QMX_CloseApiTraceFile();
+    if (!parsed) return state.SkipWithError("parse");
+    if (!file.install()) return state.SkipWithError("config file");
+    int records = bind_cnt;
+    timeAgainstBare(
+        state,
+        [&] {
+            QMX_OpenApiTraceFile();
+            int rc = QMX_WriteBindInfo();
+            int code = QMX_LastErrorCode();
+            QMX_CloseApiTraceFile();
+            // new:0 rewrites the file and the module refresh refuses its
+            // size (code 10); new:1 stops at the size bound (code 14).
+            return rc == -1 && code == (fresh ? QMX_ERR_SIZE_LIMIT : QMX_ERR_INTERNAL);
+        },
+        [&] {
+            // Read the file; new:0 also writes it back and reads it again
+            // for the module refresh.
+            if (!readWhole(kConfFile)) return false;
+            if (fresh) return true;
+            return writeWhole(kConfFile, file.text()) && readWhole(kConfFile);
+        });
+    state.counters["records"] = double(records);
+    state.counters["file_bytes"] = double(file.text().size());
+    if (slurp(kConfFile) != file.text()) state.SkipWithError("the rewrite changed the file");
+    spit(kConfFile, save);
+}
+BENCHMARK(BM_WriteBindInfo)->ArgName("new")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+// The key list read that the merge starts with (396 bytes a list entry,
+// whatever the item's length): the floor under BM_WriteBindInfo.
+void BM_ReadKeyListOfBindingFile(benchmark::State &state) {
+    FileFixture file(0);
+    std::string save = slurp(kConfFile);
+    if (!file.install()) return state.SkipWithError("config file");
+    int n = 0;
+    timeAgainstBare(
+        state,
+        [&] {
+            util_para *list = nullptr;
+            n = QMX_Read_qmxlddconf(&list, 0);
+            std::free(list);
+            return n > 0;
+        },
+        [&] { return readWhole(kConfFile); });
+    state.counters["items"] = double(n);
+    spit(kConfFile, save);
+}
+BENCHMARK(BM_ReadKeyListOfBindingFile)->Unit(benchmark::kMillisecond);
+
+void BM_ReadQmxlddConf(benchmark::State &state) {
+    FileFixture file(0);
+    std::string save = slurp(kConfFile);
+    if (!file.install()) return state.SkipWithError("config file");
+    timeAgainstBare(
+        state,
+        [&] {
+            // The parse appends to the adapter table: its callers clear it.
+            qmx::binding::clearTables();
+            QMX_OpenApiTraceFile();
+            int rc = read_qmxldd_conf();
+            QMX_CloseApiTraceFile();
+            if (rc != 0 || bind_cnt != kConvertedItems)
+                std::fprintf(stderr, "read_qmxldd_conf %d, %d records\n", rc, bind_cnt);
+            return rc == 0 && bind_cnt == kConvertedItems;
+        },
+        [&] { return readWhole(kConfFile) && traceLinesBare(kConvertedItems + 2); });
+    state.counters["records"] = double(bind_cnt);
+    spit(kConfFile, save);
+}
+BENCHMARK(BM_ReadQmxlddConf)->Unit(benchmark::kMillisecond);
+
+void BM_GetLUPriorityCnt(benchmark::State &state) {
+    FileFixture file(0);
+    std::string save = slurp(kConfFile);
+    if (!file.install()) return state.SkipWithError("config file");
+    int n = -1;
+    timeAgainstBare(
+        state,
+        [&] {
+            n = QMX_GetLUPriorityCnt();
+            return n == kAdapters * kTargetsPerAdapter;
+        },
+        [&] { return readWhole(kConfFile) && traceLinesBare(kConvertedItems + 8); });
+    state.counters["paths"] = double(n);
+    spit(kConfFile, save);
+}
+BENCHMARK(BM_GetLUPriorityCnt)->Unit(benchmark::kMillisecond);
+
+}  // namespace
