@@ -528,7 +528,9 @@ bool doTgtMap(json &, json &port, Call &c) {
 }
 
 bool doLuMap(json &, json &port, Call &c) {
-    if (!probe(uint64_t(uintptr_t(c.arg)), QMX_MP_LU_SIZE(QMX_MP_LUMAP_MAX))) {
+    // The caller's buffer is checked for the entries the answer fills (the
+    // whole 2048-entry buffer would be a 320 KiB check on every request).
+    if (!probe(uint64_t(uintptr_t(c.arg)), QMX_MP_LU_SIZE(0))) {
         c.err = EFAULT;
         return false;
     }
@@ -540,6 +542,10 @@ bool doLuMap(json &, json &port, Call &c) {
         if (t.wwpn != hdr->portname) continue;
         int lus = qmxsim::luCount(t);
         uint32_t count = uint32_t(lus) < QMX_MP_LUMAP_MAX ? uint32_t(lus) : QMX_MP_LUMAP_MAX;
+        if (!probe(uint64_t(uintptr_t(c.arg)), QMX_MP_LU_SIZE(count))) {
+            c.err = EFAULT;
+            return false;
+        }
         for (uint32_t j = 0; j < count; ++j) {
             qmxsim::LuView lu = qmxsim::luAt(port, t, int(j));
             mp_lu_entry e;
