@@ -148,11 +148,12 @@ QMX_API int QMX_GetUtilValue(QMX_WWN wwn, int index, char *key_str, int erId, vo
 QMX_API int QMX_SetUtilValue(QMX_WWN wwn, int index, char *key_str, int erId, void *setval,
                              int del);
 /* Splits "/etc/modprobe.d/qmxldd_param.conf" around its "options qmxldd"
-   line; list must hold QMX_MODULES_CONF_ITEMS records (room for every
-   driver-wide parameter of the driver on its options line).  An options
-   line with more "name=value" pieces is refused (-1, code 9).  0 or -1. */
+   line into list, which holds list_max records (QMX_MODULES_CONF_ITEMS
+   holds every driver-wide parameter of the driver's options line).  An
+   options line with more "name=value" pieces than list_max is refused (-1,
+   code 9); nothing is ever written past list[list_max - 1].  0 or -1. */
 #define QMX_MODULES_CONF_ITEMS 64
-QMX_API int QMX_read_modules_conf(util_para *list);
+QMX_API int QMX_read_modules_conf(util_para *list, int list_max);
 
 /* @@PARAMS@@ port parameters and link settings */
 /* Port parameters.  Getters report the value the driver runs with now (C_)
@@ -307,6 +308,62 @@ QMX_API QMX_STATUS QMX_SetBootPriorityList(QMX_WWN wwn, QMX_BOOTPRIORITYLIST boo
 /* @@MULTIPATH@@ binding, adapter numbering */
 
 /* @@BINDING@@ persistent binding, LU priority and path control */
+/* Persistent binding.  QMX_AutoSetPersistentBinding fills one hba_info slot
+   per device file "/dev/qmxldd<N>" (slot N) and one target_info entry per
+   entry of that adapter's target map (at most 256); every byte of a slot or
+   entry it does not fill is 0xFF.  WWNs are most significant byte first. */
+#define QMX_BIND_ADAPTERS 256
+#define QMX_BIND_TARGETS  256
+struct target {
+    QMX_WWN    port_wwn;
+    QMX_WWN    node_wwn;
+    QMX_INT32  attribute;
+    QMX_INT32  group;
+    QMX_UINT64 priority[4];   /* word k: LUNs 64k (most significant bit) to 64k+63 */
+};
+struct hba {
+    QMX_INT32     adap_number; /* the driver's instance number of the adapter */
+    QMX_WWN       hba_wwn;
+    struct target target_info[QMX_BIND_TARGETS];
+};
+typedef struct QMX_persistentbinding {
+    struct hba hba_info[QMX_BIND_ADAPTERS];
+} QMX_PERSISTENTBINDING;
+QMX_STATIC_ASSERT(sizeof(struct target) == 56, bind_target_size);
+QMX_STATIC_ASSERT(offsetof(struct hba, target_info) == 16, bind_hba_targets);
+
+/* Automatic mapping switch of the driver: 1 on, 0 off. */
+typedef QMX_UINT32 QMX_AUTOMAP;
+
+QMX_API QMX_STATUS QMX_AutoSetPersistentBinding(QMX_PERSISTENTBINDING *bind_information);
+QMX_API QMX_STATUS QMX_DeletePersistentBinding(void);
+QMX_API QMX_STATUS QMX_GetBindingAutoMapping(QMX_AUTOMAP *automap);
+QMX_API QMX_STATUS QMX_SetBindingAutoMapping(QMX_AUTOMAP automap);
+QMX_API QMX_STATUS QMX_GetForceBinding(QMX_WWN wwn, QMX_UINT8 *bind_flg);
+QMX_API QMX_STATUS QMX_SetForceBinding(QMX_WWN wwn, QMX_UINT8 bind_flg);
+
+/* LU priorities of the configured path groups: one entry per target path
+   that has a group and an attribute in "/etc/qmxldd.conf", by group, then
+   adapter, then file order.  attribute: 0 configured, 1 configured (H),
+   3 unconfigured.  priorityN: priority word N-1 as 16 hex digits. */
+typedef struct lu_list {
+    QMX_INT32 group;
+    QMX_INT32 adapter;
+    QMX_INT32 target;
+    QMX_INT32 attribute;
+    char      priority1[17];
+    char      priority2[17];
+    char      priority3[17];
+    char      priority4[17];
+} QMX_LU_PRIORITY;
+
+/* The number of entries, or -1 (a count, not a status). */
+QMX_API int QMX_GetLUPriorityCnt(void);
+/* lu_priority holds the number of entries the last QMX_GetLUPriorityCnt gave. */
+QMX_API QMX_STATUS QMX_GetLUPriority(QMX_LU_PRIORITY *lu_priority);
+QMX_API QMX_STATUS QMX_SetLUPriority(int adap_no, int target_no, int lun, int priority);
+QMX_API QMX_STATUS QMX_ReleasePathControl(int group);
+QMX_API QMX_STATUS QMX_ChangePathAttribute(int adapter, int target);
 
 /* @@MPRUNTIME@@ multipath environment, LU and target paths, LU IDs, path limits */
 /* Multipath operating environment (driver-wide).  On set, param_flag selects

@@ -429,8 +429,8 @@ int write_config(Type_tbl *tbl, int fd) {
 
 int qmx_mpcfg(void) { return qmx::mpcfg(qmx::kSystemStore); }
 
-int QMX_read_modules_conf(util_para *list) {
-    return qmx::readModulesConf(qmx::kSystemStore, list, QMX_MODULES_CONF_ITEMS);
+int QMX_read_modules_conf(util_para *list, int list_max) {
+    return qmx::readModulesConf(qmx::kSystemStore, list, list_max < 0 ? 0 : list_max);
 }
 
 void copy_modules_conf(void) { qmx::copyModulesConf(qmx::kSystemStore); }

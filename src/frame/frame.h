@@ -137,6 +137,10 @@ public:
     // The caller returns status() at once.
     [[nodiscard]] bool lock(int target = 1) noexcept;
 
+    // Leaves the lock held when the frame ends (calls whose failure paths
+    // do not release it).
+    void keepLock() noexcept { lockTarget_ = 0; }
+
     // Port lookup (QMX_InitRoutine).  -1 with the code it left.
     [[nodiscard]] int port(QMX_WWN wwn) noexcept;
 

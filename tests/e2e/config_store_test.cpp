@@ -101,7 +101,7 @@ TEST_F(ConfigStore, BindingModeWithEmptyTablesDropsBindingItems) {
 TEST_F(ConfigStore, ModuleOptionsAreSplitAroundTheOptionsLine) {
     std::vector<util_para> list(QMX_MODULES_CONF_ITEMS);
     std::memset(list.data(), 0, list.size() * sizeof(util_para));
-    ASSERT_EQ(QMX_read_modules_conf(list.data()), 0);
+    ASSERT_EQ(QMX_read_modules_conf(list.data(), int(list.size())), 0);
     EXPECT_STREQ(list[0].keyword, "qmx_automap");
     EXPECT_STREQ(list[0].value, "1");
     EXPECT_STREQ(list[1].keyword, "qmx_debug");
@@ -110,6 +110,18 @@ TEST_F(ConfigStore, ModuleOptionsAreSplitAroundTheOptionsLine) {
     EXPECT_EQ(readFile("/tmp/conf_modules2.hba"),
               "install qmxldd /sbin/modprobe --ignore-install qmxldd\n");
     EXPECT_TRUE(traced("QMX_read_modules_conf END"));
+
+    // A caller's array of 10 records (the binding calls' size) is never
+    // written past: an eleventh option is refused, the record after stays.
+    std::string line = "options qmxldd";
+    for (int i = 0; i < 11; ++i) line += " o" + std::to_string(i) + "=1";
+    writeFile("/etc/modprobe.d/qmxldd_param.conf", line + "\n");
+    std::vector<util_para> ten(11);
+    std::memset(ten.data(), 0x5A, ten.size() * sizeof(util_para));
+    EXPECT_EQ(QMX_read_modules_conf(ten.data(), 10), -1);
+    EXPECT_EQ(QMX_LastErrorCode(), QMX_ERR_DATA_FILE);
+    EXPECT_EQ(ten[10].keyword[0], 0x5A);
+    EXPECT_EQ(ten[10].used, 0x5A5A5A5A);
 }
 
 }  // namespace
