@@ -524,6 +524,41 @@ QMX_API QMX_STATUS QMX_SetLimitOfflinePath(QMX_WWN wwn, int path, int del);
 /* The driver's LU path maximum; 8 when no port answers. */
 QMX_API int QMX_GetMaxLuPath(void);
 
+/* Binding components: the adapter and binding records as the driver has
+   them now (current) or as /etc/qmxldd.conf holds them (setting).  The
+   count calls return the number of binding records (-1 on failure); the
+   component array must hold that many. */
+struct wwpnlist {
+    QMX_INT32 adapt;      /* adapter number, -1 when not in use */
+    char      bind[24];   /* adapter port WWPN as "0x" and hex digits */
+    QMX_INT32 use_flg;    /* 1 in use */
+};
+typedef struct qmx_wwpnlist {
+    struct wwpnlist WWPN[256];
+    QMX_INT32 wwpn_cnt;
+} QMX_WWPNLIST;
+struct component {
+    QMX_INT32  adapt;
+    QMX_INT32  target;
+    QMX_INT32  attribute;
+    QMX_INT32  group;
+    QMX_INT32  npd;       /* 1 wwpn, 2 wwnn, 4 attribute, 5..8 priority0..3, 9 gt */
+    QMX_UINT64 wwn;
+    QMX_UINT64 priority[4];
+    char       bind[24];
+    QMX_INT32  snum;
+    QMX_INT32  psnum;
+};
+typedef struct component QMX_CURRENTCOMPONENT;
+QMX_STATIC_ASSERT(sizeof(struct wwpnlist) == 32, wwpnlist_size);
+QMX_STATIC_ASSERT(sizeof(struct component) == 96, component_size);
+QMX_STATIC_ASSERT(offsetof(struct component, bind) == 64, component_bind);
+
+QMX_API int QMX_GetCurrentComponentCnt(void);
+QMX_API QMX_STATUS QMX_GetCurrentComponent(QMX_WWPNLIST *wwnlist, QMX_CURRENTCOMPONENT *component);
+QMX_API int QMX_GetSettingComponentCnt(void);
+QMX_API QMX_STATUS QMX_GetSettingComponent(QMX_WWPNLIST *wwnlist, QMX_CURRENTCOMPONENT *component);
+
 /* Adapter numbering.  One entry per port; set_opr selects the change that
    QMX_SetAdapterNumber makes for the entry:
      0 none, 1 give hba_wwn the number adapternumber,

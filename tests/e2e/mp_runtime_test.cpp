@@ -394,4 +394,33 @@ TEST_F(MpRuntimeTest, PortLimitsFollowTheDriversLuPathMaximum) {
     EXPECT_EQ(QMX_LastErrorCode(), 7);
 }
 
+// ------------------------------------------------------------- components
+TEST_F(MpRuntimeTest, ComponentsComeFromTheDriverOrFromTheFile) {
+    // Multipath active: wwpn, wwnn, gt, attribute and four priority words
+    // for each of the 6 targets.
+    ASSERT_EQ(QMX_GetCurrentComponentCnt(), 48);
+    auto list = std::make_unique<QMX_WWPNLIST>();
+    std::vector<QMX_CURRENTCOMPONENT> comp(48);
+    ASSERT_EQ(QMX_GetCurrentComponent(list.get(), comp.data()), 0);
+    EXPECT_EQ(list->wwpn_cnt, 4);
+    EXPECT_STREQ(list->WWPN[1].bind, "0x2100001122334451");
+    EXPECT_EQ(comp[0].npd, 1);
+    EXPECT_STREQ(comp[0].bind, "0x5000000000000a01");
+    EXPECT_EQ(comp[8].target, 1);
+
+    ASSERT_TRUE(writeFile("/etc/qmxldd.conf",
+                          "qmxl0-wwpn=0x2100001122334450:qmxl0-tid-3-wwpn=0x5000000000000a01:"
+                          "qmxl0-tid-3-gt=0x2:\n"));
+    ASSERT_EQ(QMX_GetSettingComponentCnt(), 2);
+    ASSERT_EQ(QMX_GetSettingComponent(list.get(), comp.data()), 0);
+    EXPECT_EQ(comp[1].npd, 9);
+    EXPECT_EQ(comp[1].group, 2);
+    EXPECT_EQ(comp[1].target, 3);
+    EXPECT_EQ(QMX_GetSettingComponent(list.get(), nullptr), 1);
+    EXPECT_TRUE(traceHas("component == NULL"));
+    makeUnreadable("/etc/qmxldd.conf");
+    EXPECT_EQ(QMX_GetSettingComponentCnt(), -1);
+    EXPECT_TRUE(traceHas("read_qmxldd_conf is errend"));
+}
+
 }  // namespace

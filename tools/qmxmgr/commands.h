@@ -48,6 +48,7 @@ using AddCommands = void (*)(CommandLine &);
 void addPortCommands(CommandLine &cl);       // ports, show, get, set, unset, bi
 void addNumberingCommands(CommandLine &cl);  // numbering
 void addTraceCommands(CommandLine &cl);      // trace
+void addMultipathCommands(CommandLine &cl);  // mp
 // Every group, in the order of the help text.
 extern const std::vector<AddCommands> kCommandGroups;
 

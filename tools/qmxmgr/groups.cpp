@@ -9,6 +9,7 @@ const char *const kPortHelp =
 const std::vector<AddCommands> kCommandGroups = {
     addPortCommands,
     addNumberingCommands,
+    addMultipathCommands,
     addTraceCommands,
 };
 
