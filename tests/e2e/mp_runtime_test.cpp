@@ -64,6 +64,7 @@ TEST_F(MpRuntimeTest, EnvironmentSetIsReadBackAndKeepsTheFlaggedKeys) {
     EXPECT_TRUE(confHas("qmxmp_alp_enable=1"));
     EXPECT_FALSE(confHas("qmxmp_path_health=1")) << "unflagged fields are not kept";
     EXPECT_EQ(mpState()["mp_path_health_by_dsp"], 1);
+    EXPECT_EQ(QMX_GetMaxLuPath(), 8) << "a write cannot change the driver's maximum";
     QMX_MP_PARAM got;
     ASSERT_EQ(QMX_GetOperationEnv(&got), 0);
     EXPECT_EQ(got.qmxpcm, 1);
