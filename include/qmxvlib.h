@@ -366,6 +366,198 @@ QMX_API QMX_STATUS QMX_ReleasePathControl(int group);
 QMX_API QMX_STATUS QMX_ChangePathAttribute(int adapter, int target);
 
 /* @@MPRUNTIME@@ multipath environment, LU and target paths, LU IDs, path limits */
+/* Multipath operating environment (driver-wide).  On set, param_flag selects
+   the fields kept in /etc/qmxldd.conf (QMX_MP_FLAG_*); with del 1 those
+   fields are sent to the driver with their defaults and their keys removed. */
+#define QMX_MP_FLAG_FAILOVER    0x001u
+#define QMX_MP_FLAG_FAILBACK    0x002u
+#define QMX_MP_FLAG_PATH_HEALTH 0x004u
+#define QMX_MP_FLAG_INTERVAL    0x008u
+#define QMX_MP_FLAG_ROUND_ROBIN 0x010u /* also runs one path health check at once */
+#define QMX_MP_FLAG_RR_SEQCNT   0x020u
+#define QMX_MP_FLAG_RR_RNDCNT   0x040u
+#define QMX_MP_FLAG_ALTER_PATH  0x080u
+#define QMX_MP_FLAG_OFFLINE_PATH 0x100u
+/* QMX_GetOperationEnv returns this status when the port's information
+   record cannot be read (the record is then only partly filled). */
+#define QMX_UNSUPPORTED 3
+
+typedef struct QMX_mp_param {
+    QMX_UINT32 param_flag;
+    QMX_UINT8  automap;          /* get only */
+    QMX_UINT8  qmxpcm;           /* get only: multipath layer active */
+    QMX_UINT8  mp_failover;      /* 0/1 */
+    QMX_UINT8  mp_failback;      /* 0/1 */
+    QMX_UINT8  mp_path_health;   /* 0/1 */
+    QMX_UINT8  HighReliability;  /* get only */
+    QMX_UINT8  mp_round_robin;   /* 0/1 */
+    QMX_UINT32 mp_interval;      /* 1..1440 */
+    QMX_UINT32 mp_rr_seqcnt;
+    QMX_UINT32 mp_rr_rndcnt;
+    QMX_UINT8  nm_alter_path;    /* 0/1 */
+    QMX_UINT8  nm_offline_path;  /* 0/1 */
+} QMX_MP_PARAM;
+QMX_CHECK_SIZE(QMX_MP_PARAM, 28);
+QMX_CHECK_OFFSET(QMX_MP_PARAM, mp_interval, 12);
+QMX_CHECK_OFFSET(QMX_MP_PARAM, nm_alter_path, 24);
+
+QMX_API QMX_STATUS QMX_GetOperationEnv(QMX_MP_PARAM *mpparam);
+QMX_API QMX_STATUS QMX_SetOperationEnv(QMX_MP_PARAM *mpparam, int del);
+
+/* LU paths.  A listing fills the caller's container with one record per
+   path (at most QMX_LUPATH_MAX), sorted by group, then LUN, then port;
+   QMX_ReleaseLuPath frees the records (not the container). */
+#define QMX_LUPATH_MAX 65536
+#pragma pack(push, 1)
+struct lupath_status {
+    QMX_UINT8  groupid;
+    QMX_UINT8  status;
+    QMX_UINT8  priority;
+    QMX_UINT8  owner_ctl;
+    QMX_UINT8  pathid;
+    QMX_UINT8  devno;       /* N of /dev/qmxlddN */
+    QMX_WWN    wwn;         /* target port WWN, most significant byte first */
+    QMX_UINT8  tid;
+    QMX_WWN    tid_wwn;     /* target node WWN */
+    QMX_UINT8  instance;
+    QMX_UINT32 ioerror;
+    QMX_UINT32 iocount;
+    QMX_UINT32 lun;
+};
+#pragma pack(pop)
+QMX_STATIC_ASSERT(sizeof(struct lupath_status) == 36, lupath_status_size);
+QMX_STATIC_ASSERT(offsetof(struct lupath_status, tid_wwn) == 15, lupath_status_tid_wwn);
+QMX_STATIC_ASSERT(offsetof(struct lupath_status, lun) == 32, lupath_status_lun);
+
+typedef struct qmx_lupath_status {
+    struct lupath_status *lupath[QMX_LUPATH_MAX];
+    QMX_INT32 lupath_cnt;
+} QMX_LUPATH_STATUS;
+
+QMX_API QMX_STATUS QMX_GetLuPathStatus(QMX_LUPATH_STATUS *lupath);
+/* Runs the path health check only (when the driver asks for it). */
+QMX_API QMX_STATUS QMX_AddLuPathStatus(void);
+QMX_API QMX_STATUS QMX_ReleaseLuPath(QMX_LUPATH_STATUS *lupath);
+/* Sends lupath->status as the new state of the path (devno, wwn, groupid, lun). */
+QMX_API QMX_STATUS QMX_SetLuPathStatus(struct lupath_status *lupath);
+QMX_API int QMX_GetLuPathStatus_Impl(QMX_LUPATH_STATUS *lupath, unsigned char path_health_check_flag,
+                                     unsigned char only_path_health_check);
+
+/* Target paths: physical paths merged with the driver's logical targets. */
+#define QMX_TGTPATH_MAX 65536
+struct qmx_tgt {
+    QMX_UINT8  groupid;
+    QMX_UINT8  pathid;       /* 255: a logical target without a physical path */
+    QMX_UINT8  tgtid;
+    QMX_UINT8  attribute;
+    QMX_UINT8  pb_attribute; /* attribute of the logical target, 255 when none */
+    QMX_UINT64 nodename;     /* as the driver gives it */
+    QMX_UINT64 portname;
+    QMX_UINT8  devno;
+    QMX_UINT8  instance;
+    QMX_UINT8  link;         /* 1: the target map entry's flags are 3 */
+    QMX_UINT8  valid;        /* 1: the record has an adapter port */
+    QMX_UINT64 adapport;     /* adapter port WWN (logical targets only) */
+};
+QMX_STATIC_ASSERT(sizeof(struct qmx_tgt) == 40, qmx_tgt_size);
+typedef struct qmx_tgtpath_status {
+    struct qmx_tgt *tgtpath[QMX_TGTPATH_MAX];
+    QMX_UINT32 tgtpath_cnt;
+} QMX_TGTPATH_STATUS;
+
+struct qmx_lgout {
+    QMX_UINT8  groupid;
+    QMX_UINT32 lu;
+    QMX_UINT8  devno;
+    QMX_UINT8  tid;
+    char       devname[16];
+};
+QMX_STATIC_ASSERT(sizeof(struct qmx_lgout) == 28, qmx_lgout_size);
+/* logical is grown with realloc from the pointer passed in and belongs to
+   the caller (free()); on failure it is freed and set to NULL. */
+typedef struct qmx_logical_conf {
+    QMX_INT32 logical_cnt;
+    struct qmx_lgout *logical;
+} QMX_LOGICAL_CONF;
+
+QMX_API QMX_STATUS QMX_GetTargetPathStatus(QMX_TGTPATH_STATUS *tgtout);
+QMX_API QMX_STATUS QMX_ReleaseTargetPathStatus(QMX_TGTPATH_STATUS *tgtout);
+QMX_API QMX_STATUS QMX_GetLogicalConfiguration(QMX_LOGICAL_CONF *conf);
+
+/* LU identifiers and per-LU limits. */
+typedef struct qmx_nm_lu {
+    QMX_UINT8  group_id;
+    QMX_UINT32 lu_num;
+    QMX_UINT8  id_size;
+    QMX_UINT8  type;
+    QMX_UINT8 *luid_num;     /* id_size bytes and a terminating zero */
+    QMX_INT32  config_flag;
+    QMX_INT32  trans_size;
+    QMX_UINT8 *trans_luid;
+} QMX_NMPATH_LU;
+typedef struct qmx_nm_info {
+    QMX_INT32      info_cnt;
+    QMX_NMPATH_LU *info;
+} QMX_NMPATH_STATUS;
+typedef struct qmx_luid_info {
+    QMX_UINT8 alter;
+    QMX_UINT8 offline;
+    QMX_UINT8 panic;
+} QMX_LUID_INFO;
+
+/* 0 or -1; the list is freed with QMX_ReleaseLuIDPath. */
+QMX_API int  QMX_GetAllLuID(QMX_NMPATH_STATUS *nm);
+QMX_API void QMX_ReleaseLuIDPath(QMX_NMPATH_STATUS *nm);
+QMX_API QMX_STATUS QMX_GetLuIDInformation(QMX_NMPATH_LU nm, QMX_LUID_INFO *info);
+/* The driver-wide settings; 0 where none is stored. */
+QMX_API QMX_STATUS QMX_GetLuIDInfoFromConf(QMX_LUID_INFO *info);
+QMX_API QMX_STATUS QMX_SetAlterPath(int alter, int del);          /* 1..8 */
+QMX_API QMX_STATUS QMX_SetOfflinePath(int offline, int del);      /* 1..8 */
+QMX_API QMX_STATUS QMX_SetKernelPanicCount(int panic, int del);   /* 1..126 */
+/* Per-port path count limits, 1 to the driver's LU path maximum.  The
+   getters report no current value (C_setting -1); the setters return
+   QMX_UNSUPPORTED when the driver's multipath parameters cannot be read. */
+QMX_API QMX_STATUS QMX_GetLimitAlterPath(QMX_WWN wwn, int *C_setting, int *S_setting);
+QMX_API QMX_STATUS QMX_SetLimitAlterPath(QMX_WWN wwn, int path_cnt, int del);
+QMX_API QMX_STATUS QMX_GetLimitOfflinePath(QMX_WWN wwn, int *C_setting, int *S_setting);
+QMX_API QMX_STATUS QMX_SetLimitOfflinePath(QMX_WWN wwn, int path, int del);
+/* The driver's LU path maximum; 8 when no port answers. */
+QMX_API int QMX_GetMaxLuPath(void);
+
+/* Binding components: the adapter and binding records as the driver has
+   them now (current) or as /etc/qmxldd.conf holds them (setting).  The
+   count calls return the number of binding records (-1 on failure); the
+   component array must hold that many. */
+struct wwpnlist {
+    QMX_INT32 adapt;      /* adapter number, -1 when not in use */
+    char      bind[24];   /* adapter port WWPN as "0x" and hex digits */
+    QMX_INT32 use_flg;    /* 1 in use */
+};
+typedef struct qmx_wwpnlist {
+    struct wwpnlist WWPN[256];
+    QMX_INT32 wwpn_cnt;
+} QMX_WWPNLIST;
+struct component {
+    QMX_INT32  adapt;
+    QMX_INT32  target;
+    QMX_INT32  attribute;
+    QMX_INT32  group;
+    QMX_INT32  npd;       /* 1 wwpn, 2 wwnn, 4 attribute, 5..8 priority0..3, 9 gt */
+    QMX_UINT64 wwn;
+    QMX_UINT64 priority[4];
+    char       bind[24];
+    QMX_INT32  snum;
+    QMX_INT32  psnum;
+};
+typedef struct component QMX_CURRENTCOMPONENT;
+QMX_STATIC_ASSERT(sizeof(struct wwpnlist) == 32, wwpnlist_size);
+QMX_STATIC_ASSERT(sizeof(struct component) == 96, component_size);
+QMX_STATIC_ASSERT(offsetof(struct component, bind) == 64, component_bind);
+
+QMX_API int QMX_GetCurrentComponentCnt(void);
+QMX_API QMX_STATUS QMX_GetCurrentComponent(QMX_WWPNLIST *wwnlist, QMX_CURRENTCOMPONENT *component);
+QMX_API int QMX_GetSettingComponentCnt(void);
+QMX_API QMX_STATUS QMX_GetSettingComponent(QMX_WWPNLIST *wwnlist, QMX_CURRENTCOMPONENT *component);
 
 /* Adapter numbering.  One entry per port; set_opr selects the change that
    QMX_SetAdapterNumber makes for the entry:

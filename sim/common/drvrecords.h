@@ -4,6 +4,7 @@
 // the driver lays them out.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -310,10 +311,17 @@ inline void buildMpParams(const json &mp, uint8_t *rec) {
     applyOverrides(rec, kMpFields, mp);
 }
 
-// A write of the multipath parameters: every field of the record is kept.
+// A write of the multipath parameters: every field of the record is kept
+// except the driver's own capabilities and module option, which a write
+// cannot change (writers send them as zero).
 inline void storeMpParams(json &mp, const uint8_t *rec) {
     if (!mp.is_object()) mp = json::object();
-    for (const Field &f : kMpFields) mp[f.name] = getField(rec, f);
+    static constexpr std::string_view kReadOnly[] = {"automap", "mp_maxgroup", "mp_max_tgt_path",
+                                                     "mp_max_lu_path"};
+    for (const Field &f : kMpFields) {
+        if (std::find(std::begin(kReadOnly), std::end(kReadOnly), f.name) != std::end(kReadOnly)) continue;
+        mp[f.name] = getField(rec, f);
+    }
 }
 
 inline void buildIsolation(const json &iso, uint8_t *rec) {

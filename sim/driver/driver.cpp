@@ -226,7 +226,7 @@ struct Call {
 };
 
 // Scripted faults: "faults" entries {"request": name or number, "port": N,
-// "sub": S, "errno": E, "times": T, "err_code": C, "resp_code": R,
+// "sub": S, "errno": E, "times": T, "skip": K, "err_code": C, "resp_code": R,
 // "busy": true}.  "times" counts down; -1 (or absent with "always": true)
 // applies every time.
 bool matchFault(const json &f, const Call &c) {
@@ -253,6 +253,11 @@ bool applyFaults(json &state, Call &c) {
     if (it == state.end() || !it->is_array()) return false;
     for (json &f : *it) {
         if (!matchFault(f, c)) continue;
+        // "skip": N lets the first N matching requests through.
+        if (int64_t skip = fieldI64(f, "skip", 0); skip > 0) {
+            f["skip"] = skip - 1;
+            return true;
+        }
         int64_t times = fieldI64(f, "times", 1);
         if (times > 0) f["times"] = times - 1;
         c.err = int(fieldI64(f, "errno", 0));
@@ -523,7 +528,9 @@ bool doTgtMap(json &, json &port, Call &c) {
 }
 
 bool doLuMap(json &, json &port, Call &c) {
-    if (!probe(uint64_t(uintptr_t(c.arg)), QMX_MP_LU_SIZE(QMX_MP_LUMAP_MAX))) {
+    // The caller's buffer is checked for the entries the answer fills (the
+    // whole 2048-entry buffer would be a 320 KiB check on every request).
+    if (!probe(uint64_t(uintptr_t(c.arg)), QMX_MP_LU_SIZE(0))) {
         c.err = EFAULT;
         return false;
     }
@@ -535,6 +542,10 @@ bool doLuMap(json &, json &port, Call &c) {
         if (t.wwpn != hdr->portname) continue;
         int lus = qmxsim::luCount(t);
         uint32_t count = uint32_t(lus) < QMX_MP_LUMAP_MAX ? uint32_t(lus) : QMX_MP_LUMAP_MAX;
+        if (!probe(uint64_t(uintptr_t(c.arg)), QMX_MP_LU_SIZE(count))) {
+            c.err = EFAULT;
+            return false;
+        }
         for (uint32_t j = 0; j < count; ++j) {
             qmxsim::LuView lu = qmxsim::luAt(port, t, int(j));
             mp_lu_entry e;
@@ -595,6 +606,31 @@ bool doSetPath(json &, json &port, Call &c) {
 bool doLgTgtMap(json &, json &port, Call &c) {
     auto *map = reinterpret_cast<qmx_mp_lgtarget *>(c.arg);
     int instance = int(fieldI64(port, "instance", fieldI64(port, "devno", 0)));
+    // A port's "logical_targets" ({"groupid", "targetid", "instance",
+    // "path_cnt", "flags"}) replace the logical targets made from its targets.
+    auto explicitList = port.find("logical_targets");
+    if (explicitList != port.end() && explicitList->is_array()) {
+        uint32_t cap = map->header.entry_count > QMX_MP_TGTMAP_MAX ? QMX_MP_TGTMAP_MAX : map->header.entry_count;
+        if (!probe(uint64_t(uintptr_t(c.arg)), QMX_MP_LGTARGET_SIZE(cap))) {
+            c.err = EFAULT;
+            return false;
+        }
+        auto *entries = reinterpret_cast<mp_lgtarget_entry *>(c.arg + sizeof(mp_lgtarget_header));
+        uint32_t count = 0;
+        for (const json &e : *explicitList) {
+            if (count >= cap) break;
+            mp_lgtarget_entry x;
+            std::memset(&x, 0, sizeof x);
+            x.flags = uint8_t(fieldI64(e, "flags", 1));
+            x.groupid = uint8_t(fieldI64(e, "groupid", 0));
+            x.targetid = uint8_t(fieldI64(e, "targetid", 0));
+            x.instance = uint8_t(fieldI64(e, "instance", instance));
+            x.path_cnt = uint8_t(fieldI64(e, "path_cnt", 1));
+            std::memcpy(&entries[count++], &x, sizeof x);
+        }
+        map->header.lgtarget_count = uint32_t(fieldI64(port, "logical_target_count", count));
+        return false;
+    }
     uint32_t count = 0;
     auto size = [](uint32_t n) { return QMX_MP_LGTARGET_SIZE(n); };
     if (fillBoundedMap<mp_lgtarget_entry>(c, port, map->header.entry_count,
@@ -702,9 +738,35 @@ bool doReadApparam(json &, json &port, Call &) {
 bool doLgDevParm(json &state, json &, Call &c) {
     auto *dp = reinterpret_cast<qmx_mp_lg_dev_param *>(c.arg);
     const json &mp = state["multipath"];
-    dp->alt_path_num = uint8_t(fieldU64(mp, "lu_alter_path", 2));
-    dp->offline_path_num = uint8_t(fieldU64(mp, "lu_offline_path", 2));
-    dp->write_retries = uint8_t(fieldU64(mp, "lu_write_retries", 3));
+    // Per-LU parameters: "lu_params" maps an identifier (hex digits) to
+    // {"alt_path_num", "offline_path_num", "write_retries"}; other LUs get
+    // the driver-wide values.
+    const json *lu = &mp;
+    const char *alt = "lu_alter_path", *off = "lu_offline_path", *wr = "lu_write_retries";
+    auto params = state.find("lu_params");
+    if (params != state.end() && params->is_object()) {
+        std::size_t len = dp->id_len < QMX_LG_DEV_ID_LEN ? dp->id_len : QMX_LG_DEV_ID_LEN;
+        std::string hex;
+        for (std::size_t i = 0; i < len; ++i) {
+            char b[3];
+            std::snprintf(b, sizeof b, "%02x", dp->identifier[i]);
+            hex += b;
+        }
+        auto hit = params->find(hex);
+        if (hit != params->end()) {
+            lu = &*hit;
+            alt = "alt_path_num";
+            off = "offline_path_num";
+            wr = "write_retries";
+        } else if (state.value("lu_params_strict", false)) {
+            c.err = ENODEV;
+            c.note = "no such LU";
+            return false;
+        }
+    }
+    dp->alt_path_num = uint8_t(fieldU64(*lu, alt, 2));
+    dp->offline_path_num = uint8_t(fieldU64(*lu, off, 2));
+    dp->write_retries = uint8_t(fieldU64(*lu, wr, 3));
     return false;
 }
 

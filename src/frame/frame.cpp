@@ -69,6 +69,11 @@ QMX_STATUS Frame::fail(int code) noexcept {
     return fail();
 }
 
+QMX_STATUS Frame::unsupported() noexcept {
+    finish("UNSUPPORTED", 3);
+    return 3;
+}
+
 void Frame::finish(const char *word, QMX_STATUS st) noexcept {
     if (done_) return;
     done_ = true;

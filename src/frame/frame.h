@@ -179,6 +179,7 @@ public:
     QMX_STATUS ok() noexcept;          // unlock, END, close: 0
     QMX_STATUS fail() noexcept;        // unlock, ABEND, close: 1
     QMX_STATUS fail(int code) noexcept;
+    QMX_STATUS unsupported() noexcept; // unlock, "<call> UNSUPPORTED", close: 3
     QMX_STATUS status() const noexcept { return status_; }
     bool finished() const noexcept { return done_; }
 

@@ -475,4 +475,29 @@ TEST_F(QmxmgrTest, IsolationCommands) {
         EXPECT_EQ(run({"sfp", "show", bad}).status, 2) << bad;
 }
 
+TEST_F(QmxmgrTest, MultipathCommandsReadBackWhatTheySet) {
+    Result r = run({"mp", "env", "set", "interval=90", "failback=1", "--keep"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(readFile(kConf).find("qmxmp_interval=90:"), std::string::npos);
+    qmxsim::json env = parse(run({"mp", "env", "--json"}).out);
+    EXPECT_EQ(env["interval"], 90);
+    EXPECT_EQ(env["failback"], 1);
+
+    ASSERT_EQ(run({"mp", "path", "set", "qmxldd2", "50:00:00:00:00:00:0b:02", "1", "1", "4"}).status, 0);
+    qmxsim::json paths = parse(run({"mp", "paths", "--json"}).out)["paths"];
+    ASSERT_EQ(paths.size(), 20u);
+    EXPECT_EQ(paths[19]["device"], "qmxldd2");
+    EXPECT_EQ(paths[19]["status"], 4);
+
+    ASSERT_EQ(run({"mp", "limits", "set", "alter_path", "3", "--port", "1"}).status, 0);
+    EXPECT_EQ(parse(run({"mp", "limits", "1", "--json"}).out)["alter_path"], 3);
+    r = run({"mp", "limits", "set", "lu_write_retries", "127"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("QMX_SetKernelPanicCount"), std::string::npos) << r.err;
+    EXPECT_EQ(run({"mp", "limits", "set", "no_such", "1"}).status, 2);
+    EXPECT_EQ(parse(run({"mp", "luids", "--json"}).out)["luids"].size(), 6u);
+    EXPECT_EQ(parse(run({"mp", "targets", "--json"}).out)["targets"].size(), 6u);
+}
+
 }  // namespace
+

@@ -56,6 +56,7 @@ void addDocCommands(CommandLine &cl);        // completion, manpage
 void addHostInfoCommands(CommandLine &cl);
 void addBindingCommands(CommandLine &cl);    // binding
 void addPriorityCommands(CommandLine &cl);   // priority
+void addMultipathCommands(CommandLine &cl);  // mp
 // Every group, in the order of the help text.
 extern const std::vector<AddCommands> kCommandGroups;
 

@@ -12,6 +12,7 @@ const std::vector<AddCommands> kCommandGroups = {
     addHostInfoCommands,
     addBindingCommands,
     addPriorityCommands,
+    addMultipathCommands,
     addTraceCommands,
     addBiosCommands,
     addIsolationCommands,
