@@ -21,6 +21,7 @@
 
 #include "bios/bios.h"
 #include "config/config.h"
+#include "frame/fileio.h"
 #include "frame/frame.h"
 
 namespace {
@@ -39,23 +40,6 @@ struct FreeDeleter {
     void operator()(void *p) const noexcept { std::free(p); }
 };
 using FilePtr = std::unique_ptr<FILE, qmx::FileCloser>;
-
-// Opens a scratch file under /tmp for writing or appending without following
-// a symbolic link planted there and refuses one that another user owns.
-FILE *openScratch(const char *path, bool append) noexcept {
-    int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | (append ? O_APPEND : O_TRUNC);
-    int fd = open(path, flags, 0600);
-    if (fd < 0) return nullptr;
-    struct stat st;
-    if (fstat(fd, &st) != 0 || st.st_uid != geteuid()) {
-        close(fd);
-        errno = EPERM;
-        return nullptr;
-    }
-    FILE *fp = fdopen(fd, append ? "a" : "w");
-    if (fp == nullptr) close(fd);
-    return fp;
-}
 
 // Characters from..to (inclusive) of s, clipped to s; empty when to < from.
 string_view span(string_view s, long from, long to) {
@@ -290,9 +274,12 @@ int readConf(const char *conf, const char *restPath) noexcept {
     }
     FilePtr rest;
     if (restPath != nullptr) {
-        rest.reset(openScratch(restPath, false));
+        // A link, a hard link or another user's file planted at the
+        // scratch name is refused.
+        qmx::FileError fe;
+        rest.reset(qmx::openScratch(restPath, qmx::ScratchMode::Write, &fe));
         if (!rest) {
-            sysError("fopen2", errno);
+            sysError("fopen2", fe.err);
             return -1;
         }
     }
@@ -655,7 +642,8 @@ QMX_STATUS QMX_SetBindingAutoMapping(QMX_AUTOMAP automap) {
         std::memset(opts, 0, sizeof opts);
         if (QMX_read_modules_conf(opts, kAutomapRecords) != 0) return failKeepingLock();
         {
-            FilePtr out(openScratch(kAutoTmp1, true));
+            qmx::FileError fe;
+            FilePtr out(qmx::openScratch(kAutoTmp1, qmx::ScratchMode::Append, &fe));
             if (!out) return failKeepingLock();
             std::fputs(automap == 1 ? "options qmxldd qmx_automap=1"
                                     : "options qmxldd qmx_automap=0",

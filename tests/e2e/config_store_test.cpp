@@ -1,10 +1,10 @@
 // The configuration store of the shipped library in the virtual host:
 // "/etc/qmxldd.conf", the configuration module image and the module options.
 #include <sys/mount.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <unistd.h>
 
 #include <cstring>
 
@@ -203,7 +203,7 @@ TEST_F(ConfigStore, PlantedScratchFilesAreRefused) {
         std::vector<util_para> list(QMX_MODULES_CONF_ITEMS);
         std::memset(list.data(), 0, list.size() * sizeof(util_para));
         QMX_G_ERROR_CD = 0;
-        EXPECT_EQ(QMX_read_modules_conf(list.data()), -1);
+        EXPECT_EQ(QMX_read_modules_conf(list.data(), int(list.size())), -1);
         EXPECT_EQ(QMX_LastErrorCode(), 1);
         EXPECT_EQ(readFile(victim), kept);
         EXPECT_EQ(readFile(c.path), kept);
