@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: the regular build, then the
 # AddressSanitizer + UndefinedBehaviorSanitizer build, then a short run of
-# each fuzz target.  The Release configuration (library, tools and tests)
-# is built as well, with warnings as errors, so that a warning only the
-# optimiser sees can never break a user's build; QMX_RUN_RELEASE_TESTS=1
-# also runs its tests.
+# each fuzz target (20000 inputs or one minute, whichever ends first).  The
+# Release configuration (library, tools and tests) is built as well, with
+# warnings as errors, so that a warning only the optimiser sees can never
+# break a user's build; QMX_RUN_RELEASE_TESTS=1 also runs its tests.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh" test
@@ -46,7 +46,7 @@ if [ -f "$root/fuzz/CMakeLists.txt" ]; then
     mkdir -p "$corpus"
     if [ -d "$root/fuzz/corpus/$name" ]; then cp -r "$root/fuzz/corpus/$name/." "$corpus/"; fi
     echo "--- $name"
-    "$f" -runs=20000 -max_len=65536 "$corpus" 2>&1 | tail -n 2
+    "$f" -runs=20000 -max_total_time=60 -max_len=65536 "$corpus" 2>&1 | tail -n 2
   done
 fi
 echo "all suites passed"
