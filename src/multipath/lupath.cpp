@@ -211,22 +211,6 @@ void healthCheck(DriverChannel &ch, const qmx_spfile *slots, bool add) {
 
 using namespace qmx::mp;
 
-namespace {
-
-// The open devices of one listing, closed when it ends.
-struct OpenDevices {
-    qmx_spfile *files = nullptr;
-    int count = -1;
-    OpenDevices() { count = open_special_file(&files); }
-    ~OpenDevices() {
-        if (files != nullptr) close_special_file(files);
-    }
-    OpenDevices(const OpenDevices &) = delete;
-    OpenDevices &operator=(const OpenDevices &) = delete;
-};
-
-}  // namespace
-
 int QMX_GetLuPathStatus_Impl(QMX_LUPATH_STATUS *lupath, unsigned char path_health_check_flag,
                              unsigned char only_path_health_check) {
     // The same trace names serve the listing, the health check and the

@@ -23,6 +23,18 @@
 
 namespace qmx::mp {
 
+// The open device special files of one listing, closed when it ends.
+struct OpenDevices {
+    qmx_spfile *files = nullptr;
+    int count = -1;
+    OpenDevices() { count = open_special_file(&files); }
+    ~OpenDevices() {
+        if (files != nullptr) close_special_file(files);
+    }
+    OpenDevices(const OpenDevices &) = delete;
+    OpenDevices &operator=(const OpenDevices &) = delete;
+};
+
 // One request on an open device: 0, or -1 with errno set.
 class DriverChannel {
 public:

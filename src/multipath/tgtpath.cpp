@@ -119,21 +119,6 @@ void mergeLogicalTargets(const mp_lgpath_info1_entry *e, std::size_t n, const qm
 
 using namespace qmx::mp;
 
-namespace {
-
-struct OpenDevices {
-    qmx_spfile *files = nullptr;
-    int count = -1;
-    OpenDevices() { count = open_special_file(&files); }
-    ~OpenDevices() {
-        if (files != nullptr) close_special_file(files);
-    }
-    OpenDevices(const OpenDevices &) = delete;
-    OpenDevices &operator=(const OpenDevices &) = delete;
-};
-
-}  // namespace
-
 QMX_STATUS QMX_GetTargetPathStatus(QMX_TGTPATH_STATUS *tgtout) {
     return qmx::run("QMX_GetTargetPathStatus", [&](qmx::Frame &f) {
         if (!f.notNull(tgtout, "tgtout", " == NULL")) return f.fail();
