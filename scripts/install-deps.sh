@@ -5,8 +5,9 @@ set -euo pipefail
 pkgs=(cmake make g++ pkg-config python3 util-linux dpkg-dev groff-base
       googletest libgtest-dev libgmock-dev libbenchmark-dev
       nlohmann-json3-dev libcli11-dev clang libclang-rt-14-dev)
-# The test command also checks the Debian packages with lintian.
-[ "${1:-}" = test ] && pkgs+=(lintian)
+# The test command also checks the Debian packages with lintian and reads
+# the metrics back with the Prometheus client library's parser.
+[ "${1:-}" = test ] && pkgs+=(lintian python3-prometheus-client)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -57,6 +57,7 @@ void addHostInfoCommands(CommandLine &cl);
 void addBindingCommands(CommandLine &cl);    // binding
 void addPriorityCommands(CommandLine &cl);   // priority
 void addMultipathCommands(CommandLine &cl);  // mp
+void addMetricsCommands(CommandLine &cl);    // metrics
 // Every group, in the order of the help text.
 extern const std::vector<AddCommands> kCommandGroups;
 

@@ -16,6 +16,7 @@ const std::vector<AddCommands> kCommandGroups = {
     addTraceCommands,
     addBiosCommands,
     addIsolationCommands,
+    addMetricsCommands,
     addDiskConfCommands,
     addDocCommands,
 };
