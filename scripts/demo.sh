@@ -52,6 +52,8 @@ run() {
     return 0
 }
 qmxmgr() { "$QMXMGR" "$@"; }
+# A pipeline, shown as typed.
+runp() { printf '\033[36m$ %s\033[0m\n' "$1"; eval "$1"; }
 
 say "1. The Fibre Channel ports the driver has registered"
 note "Each port has a device file /dev/qmxlddN, an adapter number N and a World Wide Name."
@@ -85,7 +87,16 @@ run qmxmgr numbering --configured
 say "7. The same data as JSON, for scripts"
 run qmxmgr get --json qmxldd0 queue_depth
 
-say "8. The library's API trace of this session (last 15 lines, oldest first)"
+say "8. Multipath: every LU path, by path group and LUN (first lines)"
+runp "qmxmgr mp paths | head -6"
+
+say "9. Monitoring: isolate a port and watch it in the Prometheus metrics"
+note "qmxmgr metrics is meant for the node exporter's textfile collector."
+run qmxmgr isolate port qmxldd1 on
+runp "qmxmgr metrics | grep -E '^qmxldd_(port_isolated|logical_target_paths)'"
+run qmxmgr isolate port qmxldd1 off
+
+say "10. The library's API trace of this session (last 15 lines, oldest first)"
 note "Every library call writes START and END (or ABEND) lines to a ring file."
 run qmxmgr trace --lines 15
 SESSION_EOF

@@ -509,6 +509,10 @@ bool fillBoundedMap(Call &c, json &port, uint32_t room, std::size_t headerSize, 
 bool doTgtMap(json &, json &port, Call &c) {
     auto *map = reinterpret_cast<qmx_mp_target *>(c.arg);
     int instance = int(fieldI64(port, "instance", fieldI64(port, "devno", 0)));
+    // An isolated port (status 3) has no link to its targets: their map
+    // entries lose the "logged in" flags.
+    auto pr = port.find("prinfo");
+    bool isolated = pr != port.end() && pr->is_object() && fieldI64(*pr, "port_status", 1) == 3;
     uint32_t count = 0;
     auto size = [](uint32_t n) { return QMX_MP_TARGET_SIZE(n); };
     if (fillBoundedMap<mp_target_entry>(c, port, map->header.entry_count, sizeof(mp_target_header),
@@ -516,7 +520,7 @@ bool doTgtMap(json &, json &port, Call &c) {
                                         [&](mp_target_entry &e, const qmxsim::TargetView &t) {
                                             e.nodename = t.wwnn;
                                             e.portname = t.wwpn;
-                                            e.flags = uint8_t(t.flags);
+                                            e.flags = isolated ? 0 : uint8_t(t.flags);
                                             e.attribute = uint8_t(t.attribute);
                                             e.groupid = uint8_t(t.group);
                                             e.targetid = uint8_t(t.tid);

@@ -115,7 +115,8 @@ with tempfile.TemporaryDirectory() as tmp:
         for t in p.get("targets", []):
             key = (str(t["group"]), str(t["tid"]))
             n, down = want.get(key, (0, 0))
-            want[key] = (n + 1, down + (1 if t.get("flags", 3) != 3 else 0))
+            link = t.get("flags", 3) == 3 and p.get("prinfo", {}).get("port_status", 1) != 3
+            want[key] = (n + 1, down + (0 if link else 1))
     got = {(dict(k[1])["group"], dict(k[1])["tid"]): v for k, v in s.items()
            if k[0] == "qmxldd_logical_target_paths"}
     expect(got == {k: v[0] for k, v in want.items()}, f"target paths {got} != {want}")
