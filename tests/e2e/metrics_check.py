@@ -35,6 +35,14 @@ def scrape(scenario, tmp, name):
             key = (s.name, tuple(sorted(s.labels.items())))
             expect(key not in samples, f"{name}: series twice: {key}")
             samples[key] = s.value
+    # --json carries the same samples.
+    j = subprocess.run([qmxsim, "--scenario", path, "--", qmxmgr, "metrics", "--json"],
+                       capture_output=True, text=True, timeout=120)
+    js = {(m["name"] + ("_total" if m["type"] == "counter" and not m["name"].endswith("_total") else ""),
+           tuple(sorted(x["labels"].items()))): x["value"]
+          for m in json.loads(j.stdout)["metrics"] for x in m["samples"]}
+    drop = lambda d: {k: v for k, v in d.items() if k[0] != "qmxldd_scrape_duration_seconds"}
+    expect(drop(js) == drop(samples), f"{name}: --json differs from the text format")
     return samples, r
 
 

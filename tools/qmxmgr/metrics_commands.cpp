@@ -46,54 +46,82 @@ struct Label {
     std::string_view name, value;
 };
 
-// `{a="x",b="y"}` (empty text for no labels).
-std::string labelText(std::initializer_list<Label> labels) {
-    std::string s;
-    if (labels.size() == 0) return s;
-    s += '{';
-    for (const Label &l : labels) {
-        if (s.size() > 1) s += ',';
-        s += l.name;
-        s += "=\"";
-        appendEscaped(s, l.value, true);
-        s += '"';
-    }
-    s += '}';
-    return s;
-}
+// A sample's labels, as the chosen output wants them.
+struct Labels {
+    std::string text;  // `{a="x",b="y"}`, empty for no labels
+    json object;       // with --json
+};
 
 // The metric families, printed in the order they were declared, each with
 // its HELP and TYPE lines and then its samples (the format wants the samples
-// of one family together).
+// of one family together).  With --json the same families and samples are
+// one JSON document: {"metrics": [{"name", "type", "help", "samples":
+// [{"labels": {...}, "value": n}]}]}.
 class Exposition {
 public:
     struct Family {
         std::string name, help, type, body;
+        json samples = json::array();
     };
+
+    explicit Exposition(bool asJson) : json_(asJson) {}
 
     Family &family(std::string name, std::string help, const char *type) {
         families_.push_back(std::make_unique<Family>(Family{std::move(name), std::move(help), type, {}}));
         return *families_.back();
     }
 
-    static void sample(Family &f, std::string_view labels, long long value) {
+    Labels labels(std::initializer_list<Label> list) const {
+        Labels l;
+        if (json_) {
+            l.object = json::object();
+            for (const Label &e : list) l.object[std::string(e.name)] = e.value;
+            return l;
+        }
+        if (list.size() == 0) return l;
+        l.text += '{';
+        for (const Label &e : list) {
+            if (l.text.size() > 1) l.text += ',';
+            l.text += e.name;
+            l.text += "=\"";
+            appendEscaped(l.text, e.value, true);
+            l.text += '"';
+        }
+        l.text += '}';
+        return l;
+    }
+
+    void sample(Family &f, const Labels &l, long long value) {
+        if (json_) {
+            f.samples.push_back(json{{"labels", l.object}, {"value", value}});
+            return;
+        }
         char num[24];
         int n = std::snprintf(num, sizeof num, " %lld\n", value);
-        f.body.reserve(f.body.size() + f.name.size() + labels.size() + std::size_t(n));
         f.body += f.name;
-        f.body += labels;
+        f.body += l.text;
         f.body.append(num, std::size_t(n));
     }
 
-    static void sample(Family &f, std::string_view labels, double value) {
+    void sample(Family &f, const Labels &l, double value) {
+        if (json_) {
+            f.samples.push_back(json{{"labels", l.object}, {"value", value}});
+            return;
+        }
         char num[40];
         int n = std::snprintf(num, sizeof num, " %.9g\n", value);
         f.body += f.name;
-        f.body += labels;
+        f.body += l.text;
         f.body.append(num, std::size_t(n));
     }
 
     std::string text() const {
+        if (json_) {
+            json all = json::array();
+            for (const auto &f : families_)
+                all.push_back(json{{"name", f->name}, {"type", f->type}, {"help", f->help}, {"samples", f->samples}});
+            return json{{"metrics", all}}.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+        }
         std::size_t size = 0;
         for (const auto &f : families_) size += f->body.size() + f->help.size() + 2 * f->name.size() + 32;
         std::string out;
@@ -108,6 +136,7 @@ public:
     }
 
 private:
+    bool json_;
     std::vector<std::unique_ptr<Family>> families_;
 };
 
@@ -156,13 +185,13 @@ struct PortMetrics {
 
 void addPortSamples(Exposition &x, const PortMetrics &m, Scrape &s, const PortInfo &p) {
     std::string wwn = wwnText(p.wwn), pci = pciText(p);
-    std::string labels = labelText({{"device", p.device}, {"wwn", wwn}, {"pci", pci}});
+    Labels labels = x.labels({{"device", p.device}, {"wwn", wwn}, {"pci", pci}});
     QMX_PROC_INFO info{};
     if (s.attempt(PortInfo_, "QMX_GetProcInfo", p.device, QMX_GetProcInfo(p.wwn, &info))) {
         std::string model = fieldText(info.model_name, sizeof info.model_name);
         std::string driver = fieldText(info.driver_ver, sizeof info.driver_ver);
         x.sample(m.info,
-                 labelText({{"device", p.device}, {"wwn", wwn}, {"pci", pci}, {"model", model},
+                 x.labels({{"device", p.device}, {"wwn", wwn}, {"pci", pci}, {"model", model},
                             {"firmware", firmwareText(info.firmware_ver)}, {"driver", driver}}),
                  1LL);
         x.sample(m.status, labels, (long long)info.port_status);
@@ -172,15 +201,15 @@ void addPortSamples(Exposition &x, const PortMetrics &m, Scrape &s, const PortIn
     QMX_TRBL_CNT c{};
     if (!s.attempt(Trouble, "QMX_GetAdapTroubleCnt", p.device, QMX_GetAdapTroubleCnt(p.wwn, &c))) return;
     // The library leaves -1 (255 for the flags) in what it could not read.
-    auto counter = [&](Exposition::Family &f, const std::string &l, int v) {
+    auto counter = [&](Exposition::Family &f, const Labels &l, int v) {
         if (v >= 0) x.sample(f, l, (long long)v);
     };
     auto flag = [&](Exposition::Family &f, uint8_t v) {
         if (v != 255) x.sample(f, labels, v != 0 ? 1LL : 0LL);
     };
-    std::string base = labels.substr(0, labels.size() - 1);
-    counter(m.linkDown, base + ",interval=\"long\"}", c.countL);
-    counter(m.linkDown, base + ",interval=\"short\"}", c.countS);
+    for (auto [interval, count] : {std::pair{"long", c.countL}, std::pair{"short", c.countS}})
+        counter(m.linkDown, x.labels({{"device", p.device}, {"wwn", wwn}, {"pci", pci}, {"interval", interval}}),
+                count);
     counter(m.ifErr, labels, c.if_err);
     counter(m.tmoErr, labels, c.tmo_err);
     counter(m.tmoReset, labels, c.tmo_reset);
@@ -211,11 +240,10 @@ void addLuPathSamples(Exposition &x, Scrape &s) {
     for (int i = 0; i < n; ++i) {
         const lupath_status *l = paths->lupath[i];
         if (l == nullptr) continue;
-        std::string labels = labelText({{"device", "qmxldd" + std::to_string(l->devno)},
-                                        {"target_wwn", wwnText(l->wwn)},
-                                        {"lun", std::to_string(l->lun)},
-                                        {"group", std::to_string(l->groupid)}});
-        if (!seen.insert(labels).second) continue;
+        std::string device = "qmxldd" + std::to_string(l->devno), target = wwnText(l->wwn);
+        std::string lun = std::to_string(l->lun), group = std::to_string(l->groupid);
+        Labels labels = x.labels({{"device", device}, {"target_wwn", target}, {"lun", lun}, {"group", group}});
+        if (!seen.insert(device + ' ' + target + ' ' + lun + ' ' + group).second) continue;
         x.sample(status, labels, (long long)l->status);
         x.sample(online, labels, l->status == kPathOnline ? 1LL : 0LL);
         x.sample(ios, labels, (long long)l->iocount);
@@ -251,20 +279,21 @@ void addTargetSamples(Exposition &x, Scrape &s) {
         if (g->link == 0) ++c.second;
     }
     for (const auto &[key, c] : targets) {
-        std::string labels =
-            labelText({{"group", std::to_string(key.first)}, {"tid", std::to_string(key.second)}});
+        std::string group = std::to_string(key.first), tid = std::to_string(key.second);
+        Labels labels = x.labels({{"group", group}, {"tid", tid}});
         x.sample(paths, labels, c.first);
         x.sample(down, labels, c.second);
     }
 }
 
 struct MetricsOptions {
+    bool json = false;
     bool noPaths = false;
 };
 
 int cmdMetrics(const MetricsOptions &o) {
     auto started = std::chrono::steady_clock::now();
-    Exposition x;
+    Exposition x(o.json);
     Scrape s;
     PortMetrics m{
         x.family("qmxldd_port_info", "Adapter port identity: model, firmware and driver version", "gauge"),
@@ -293,11 +322,11 @@ int cmdMetrics(const MetricsOptions &o) {
         std::fprintf(stderr, "qmxmgr metrics: %s\n", e.what());
     }
     auto &count = x.family("qmxldd_ports", "Adapter ports the driver numbers", "gauge");
-    if (!s.failed[Ports]) x.sample(count, "", (long long)ports.size());
+    if (!s.failed[Ports]) x.sample(count, x.labels({}), (long long)ports.size());
     for (const PortInfo &p : ports) addPortSamples(x, m, s, p);
     int onoff = 0;
     if (s.attempt(IsolationFunction, "QMX_GetIsolFunc", "", QMX_GetIsolFunc(&onoff)))
-        x.sample(isolation, "", onoff == 1 ? 1LL : 0LL);
+        x.sample(isolation, x.labels({}), onoff == 1 ? 1LL : 0LL);
     if (!o.noPaths) {
         addLuPathSamples(x, s);
         addTargetSamples(x, s);
@@ -306,10 +335,10 @@ int cmdMetrics(const MetricsOptions &o) {
                             "gauge");
     for (int f = 0; f < kFamilies; ++f) {
         if (o.noPaths && (f == LuPaths || f == TargetPaths)) continue;
-        x.sample(errors, labelText({{"family", kFamilyNames[f]}}), s.failed[f] ? 1LL : 0LL);
+        x.sample(errors, x.labels({{"family", kFamilyNames[f]}}), s.failed[f] ? 1LL : 0LL);
     }
     auto &duration = x.family("qmxldd_scrape_duration_seconds", "Time taken to gather these metrics", "gauge");
-    x.sample(duration, "", std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+    x.sample(duration, x.labels({}), std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
     std::string out = x.text();
     if (std::fwrite(out.data(), 1, out.size(), stdout) != out.size() || std::fflush(stdout) != 0) {
         std::perror("qmxmgr metrics: write");
@@ -326,6 +355,7 @@ void addMetricsCommands(CommandLine &cl) {
         "metrics", "Port, LU path and logical target state in the Prometheus text format (for the node "
                    "exporter's textfile collector); failed calls show as qmxldd_scrape_error");
     metrics->add_flag("--no-paths", o->noPaths, "Leave out the LU path and logical target metrics");
+    metrics->add_flag("--json", o->json, "The same metrics as one JSON document instead of the Prometheus text");
     cl.on(metrics, [o] { return cmdMetrics(*o); });
 }
 
