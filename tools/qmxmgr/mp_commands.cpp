@@ -122,6 +122,21 @@ int cmdEnvSet(const Options &o, bool keep) {
     return kExitOk;
 }
 
+// The named fields go to the driver at their defaults and leave
+// /etc/qmxldd.conf.
+int cmdEnvUnset(const Options &o) {
+    QMX_MP_PARAM p = readEnv();
+    p.param_flag = 0;
+    for (const std::string &a : o.args) {
+        const EnvField *hit = findEnvField(a);
+        if (hit == nullptr) throw UsageError("'" + a + "' is not a known field");
+        p.param_flag |= hit->flag;
+    }
+    check(QMX_SetOperationEnv(&p, 1), "QMX_SetOperationEnv");
+    std::printf("Multipath environment fields reset to their defaults and removed from /etc/qmxldd.conf.\n");
+    return kExitOk;
+}
+
 // ---------------------------------------------------------------- LU paths
 int cmdPaths(const Options &o) {
     auto paths = listing(QMX_GetLuPathStatus, "QMX_GetLuPathStatus", [](QMX_LUPATH_STATUS *p) {
@@ -361,6 +376,10 @@ void addMultipathCommands(CommandLine &cl) {
     envSet->add_option("FIELDS", o->args, "FIELD=VALUE")->required();
     envSet->add_flag("--keep", o->allPorts, "Also keep the named fields in /etc/qmxldd.conf");
     cl.on(envSet, [o] { return cmdEnvSet(*o, o->allPorts); });
+    auto *envUnset = env->add_subcommand("unset", "Reset FIELD... to the driver's defaults and remove them "
+                                                  "from /etc/qmxldd.conf");
+    envUnset->add_option("FIELDS", o->args, "FIELD")->required();
+    cl.on(envUnset, [o] { return cmdEnvUnset(*o); });
 
     auto *paths = mp->add_subcommand("paths", "Every LU path, by group, LUN and port");
     paths->add_flag("--json", o->json, "JSON output");
