@@ -25,20 +25,14 @@
 #include <string>
 #include <vector>
 
+#include "conf_layout.h"
 #include "config/config.h"
 #include "frame/frame.h"
 
 namespace {
 
-const char *const kPortParams[] = {
-    "_connection_type", "_link_speed",     "_max_transfer",    "_link_down",      "_reset_delay",
-    "_mck_retry",       "_preferred_alpa", "_reset_timeout",   "_abort_timeout",  "_queue_depth",
-    "_scsi_allowed",    "_tmt_delay",      "_lun_reset_delay", "_msi_enable",     "_isol_type",
-    "_ld_err_intvl",    "_ld_err_limit_l", "_ld_err_limit_s",  "_if_err_intvl",   "_if_err_limit",
-    "_to_err_intvl",    "_to_err_limit",   "_rt_err_enable",   "_login_retry",    "_els_retry",
-    "_to_reset_retry",  "_scsi_to_retry",  "_abort_t_restrain", "_alter_path_num",
-    "_offline_path_num", "_pathchk_to",    "_enable_tgtrst",
-};
+using conflayout::kPortOrder;
+using conflayout::tableArea;
 
 // A configuration file of about `items` items in the writer's layout: per
 // port the per-port parameters and retry counts, then the adapter items.
@@ -51,9 +45,9 @@ std::string configText(int items) {
     for (int p = 0; p < 256; ++p) {
         std::string pre = "qmx" + std::to_string(p);
         for (int i = 0; i < params; ++i) {
-            if (std::string(kPortParams[i]) == "_lun_reset_delay")
+            if (std::string(kPortOrder[i]) == "_lun_reset_delay")
                 for (int e = 0; e < retries; ++e) s += pre + "_retry_cnt" + std::to_string(e) + "=9:";
-            s += pre + kPortParams[i] + "=" + std::to_string(i) + ":";
+            s += pre + kPortOrder[i] + "=" + std::to_string(i) + ":";
         }
         if (params <= 12)
             for (int e = 0; e < retries; ++e) s += pre + "_retry_cnt" + std::to_string(e) + "=9:";
@@ -69,24 +63,6 @@ std::string configText(int items) {
 void spit(const std::string &path, const std::string &text) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << text;
-}
-
-std::string tableArea() {
-    std::string a(std::size_t(kTableAreaSize), '\0');
-    const char *names[] = {"<Kestrel_Fibre_Channel_Host_Bus_Adapter_Configuration_Module>",
-                           "<Kestrel_Ltd>",
-                           "<qmxldd_key>",
-                           "<qmxldd_key_hop>",
-                           "<qmxldd_conf>",
-                           "<CONFIG_END>"};
-    const int32_t next[] = {96, 96, 4176, 4176, 200068, 0};
-    std::size_t pos = 0;
-    for (int i = 0; i < 6; ++i) {
-        std::memcpy(&a[pos], names[i], std::strlen(names[i]));
-        std::memcpy(&a[pos + 64], &next[i], 4);
-        pos += std::size_t(next[i]);
-    }
-    return a;
 }
 
 // A private tree: etc/qmxldd.conf and lib/modules/<release>/ with modules.dep
@@ -147,16 +123,22 @@ void BM_SetCall(benchmark::State &state) {
 BENCHMARK(BM_SetCall)->Arg(1000)->Arg(2000)->Arg(4000)->Arg(8000)->Complexity(benchmark::oN)
     ->Unit(benchmark::kMicrosecond);
 
+// Reads the file and writes the same bytes back over it (`buf` holds the
+// whole file): the file I/O of a set call.
+bool rewrite(const std::string &path, std::vector<char> &buf) {
+    int fd = open(path.c_str(), O_RDWR);
+    ssize_t n = read(fd, buf.data(), buf.size());
+    bool ok = ftruncate(fd, 0) == 0 && pwrite(fd, buf.data(), std::size_t(n), 0) == n;
+    close(fd);
+    return ok;
+}
+
 void BM_ReadWriteFile(benchmark::State &state) {
     std::string text = configText(8000);
     Tree t(text);
     std::vector<char> buf(text.size() + 1);
     for (auto _ : state) {
-        int fd = open(t.conf.c_str(), O_RDWR);
-        ssize_t n = read(fd, buf.data(), buf.size());
-        if (ftruncate(fd, 0) != 0 || pwrite(fd, buf.data(), std::size_t(n), 0) != n)
-            state.SkipWithError("write failed");
-        close(fd);
+        if (!rewrite(t.conf, buf)) state.SkipWithError("write failed");
     }
     state.counters["bytes"] = double(text.size());
 }
@@ -168,11 +150,7 @@ void BM_ReadWriteFileAndImage(benchmark::State &state) {
     std::vector<char> buf(text.size() + 1);
     std::vector<char> area(static_cast<std::size_t>(kTableAreaSize));
     for (auto _ : state) {
-        int fd = open(t.conf.c_str(), O_RDWR);
-        ssize_t n = read(fd, buf.data(), buf.size());
-        if (ftruncate(fd, 0) != 0 || pwrite(fd, buf.data(), std::size_t(n), 0) != n)
-            state.SkipWithError("write failed");
-        close(fd);
+        if (!rewrite(t.conf, buf)) state.SkipWithError("write failed");
         int img = open(t.image.c_str(), O_RDWR);
         if (pread(img, area.data(), area.size(), 4096) != ssize_t(area.size()) ||
             pwrite(img, area.data(), area.size(), 4096) != ssize_t(area.size()))

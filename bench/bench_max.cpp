@@ -349,19 +349,9 @@ BENCHMARK(BM_GetAdapterNumber)->ArgName("mode")->Arg(QMX_ADPNUM_MODE_CURRENT)
 }  // namespace
 
 int main(int argc, char **argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    if (std::getenv("QMXSIM_STATE") == nullptr) {
-        std::fprintf(stderr,
-                     "qmx_bench_max runs inside the virtual host:\n"
-                     "  qmxsim --scenario <build>/sim/scenarios/max.json -- %s\n",
-                     argv[0]);
-        return 2;
-    }
-    benchmark::AddCustomContext("ports", std::to_string(discoveredPorts()));
-    if (discoveredPorts() != kMaxPorts)
-        std::fprintf(stderr, "note: %d ports, not the maximum configuration\n", discoveredPorts());
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return qmxbench::mainInHost(argc, argv, "qmx_bench_max", "max.json", [] {
+        benchmark::AddCustomContext("ports", std::to_string(discoveredPorts()));
+        if (discoveredPorts() != kMaxPorts)
+            std::fprintf(stderr, "note: %d ports, not the maximum configuration\n", discoveredPorts());
+    });
 }

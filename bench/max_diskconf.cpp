@@ -127,47 +127,47 @@ int luCount(const QMX_DISK_CONFIG &c) {
     return n;
 }
 
-void report(benchmark::State &state, int lus) {
+// Times a disk record call in a host of range(0) LUs a target against the
+// bare I/O it must do, and reports the LUs and the time per LU.  With
+// `captured` a record exists before the first run.  `call(lus)` sets the
+// LUs it saw; `bare(io, text)` does the driver requests and the file I/O.
+template <class Call, class Bare>
+void timeDiskConf(benchmark::State &state, bool captured, Call &&call, Bare &&bare) {
+    RecordHost host(int(state.range(0)));
+    if (!host.ok()) return state.SkipWithError("cannot prepare the virtual host");
+    if (captured) {
+        Tree first;
+        if (QMX_AutoSetDiskConfig(&first.root) != 0) return state.SkipWithError("first capture failed");
+    }
+    BareIo io;
+    int lus = 0;
+    std::string text;
+    timeAgainstBare(state, [&] { return call(lus); }, [&] { return bare(io, text); });
     state.counters["lus"] = lus;
     state.counters["ns_per_lu"] = benchmark::Counter(
         double(lus) * double(state.iterations()), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 void BM_DiskConfCapture(benchmark::State &state) {
-    RecordHost host(int(state.range(0)));
-    if (!host.ok()) return state.SkipWithError("cannot prepare the virtual host");
-    BareIo bare;
-    int lus = 0;
-    std::string text;
-    timeAgainstBare(
-        state,
-        [&] {
+    timeDiskConf(
+        state, false,
+        [](int &lus) {
             Tree t;
             if (QMX_AutoSetDiskConfig(&t.root) != 0) return false;
             lus = luCount(t.root);
             return true;
         },
-        [&] {
+        [](BareIo &io, std::string &text) {
             if (text.empty() && !BareIo::read(text)) return false;
-            return bare.requests() && BareIo::write(text);
+            return io.requests() && BareIo::write(text);
         });
-    report(state, lus);
 }
 BENCHMARK(BM_DiskConfCapture)->ArgName("luns")->Arg(1)->Arg(4)->Arg(16)->Iterations(2)->Unit(benchmark::kMillisecond);
 
 void BM_DiskConfRecord(benchmark::State &state) {
-    RecordHost host(int(state.range(0)));
-    if (!host.ok()) return state.SkipWithError("cannot prepare the virtual host");
-    {
-        Tree first;
-        if (QMX_AutoSetDiskConfig(&first.root) != 0) return state.SkipWithError("first capture failed");
-    }
-    BareIo bare;
-    int lus = 0;
-    std::string text;
-    timeAgainstBare(
-        state,
-        [&] {
+    timeDiskConf(
+        state, true,
+        [](int &lus) {
             Tree before, after;
             if (QMX_GetDiskConfig(nullptr, &before.root) != 0) return false;
             if (QMX_AutoSetDiskConfig(&after.root) != 0) return false;
@@ -176,8 +176,7 @@ void BM_DiskConfRecord(benchmark::State &state) {
             lus = luCount(after.root);
             return changes.empty();
         },
-        [&] { return BareIo::read(text) && bare.requests() && BareIo::write(text); });
-    report(state, lus);
+        [](BareIo &io, std::string &text) { return BareIo::read(text) && io.requests() && BareIo::write(text); });
 }
 BENCHMARK(BM_DiskConfRecord)->ArgName("luns")->Arg(1)->Arg(4)->Arg(16)->Iterations(2)->Unit(benchmark::kMillisecond);
 

@@ -1,7 +1,8 @@
-// Shared pieces of the maximum-configuration benchmarks (qmx_bench_max):
-// bench_max.cpp holds main and the frame, trace and discovery benchmarks;
-// every bench/max_*.cpp file adds the benchmarks of one call family and is
-// linked into the same binary.
+// Shared pieces of the benchmarks that run in the virtual host: the
+// maximum-configuration ones (qmx_bench_max: bench_max.cpp holds main and the
+// frame, trace and discovery benchmarks; every bench/max_*.cpp file adds the
+// benchmarks of one call family and is linked into the same binary) and the
+// multipath ones at the LU path maximum (qmx_bench_mp, mp65536.cpp).
 //
 // Each benchmark of a call also times the bare I/O that the call must do
 // (the driver requests it issues, the bytes it reads and writes) and reports
@@ -15,6 +16,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -114,6 +116,27 @@ void timeAgainstBare(benchmark::State &state, Call &&call, Bare &&bare) {
     }
     state.counters["bare_us"] = bareNs / double(n) / 1000.0;
     state.counters["x_bare"] = bareNs > 0 ? callNs / bareNs : 0.0;
+}
+
+// main of a benchmark binary that runs only inside the virtual host: with
+// no host it names the launcher command line with `scenario` (a file of
+// <build>/sim/scenarios) and ends with 2.  `before` runs just before the
+// benchmarks (context lines, notes).
+template <class Before>
+int mainInHost(int argc, char **argv, const char *binary, const char *scenario, Before &&before) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (std::getenv("QMXSIM_STATE") == nullptr) {
+        std::fprintf(stderr,
+                     "%s runs inside the virtual host:\n"
+                     "  qmxsim --scenario <build>/sim/scenarios/%s -- %s\n",
+                     binary, scenario, argv[0]);
+        return 2;
+    }
+    before();
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
 }
 
 }  // namespace qmxbench

@@ -189,16 +189,5 @@ BENCHMARK(BM_GetTargetPathStatus)->Unit(benchmark::kMillisecond)->Iterations(5);
 }  // namespace
 
 int main(int argc, char **argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    if (std::getenv("QMXSIM_STATE") == nullptr) {
-        std::fprintf(stderr,
-                     "qmx_bench_mp runs inside the virtual host:\n"
-                     "  qmxsim --scenario <build>/sim/scenarios/mp65536.json -- %s\n",
-                     argv[0]);
-        return 2;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return qmxbench::mainInHost(argc, argv, "qmx_bench_mp", "mp65536.json", [] {});
 }

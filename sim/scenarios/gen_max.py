@@ -50,24 +50,35 @@ def build(ports, targets, luns, disks):
     }
 
 
-def main(argv):
-    p = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+def parser(doc):
+    """The command line shared by the scenario generators: output and size."""
+    p = argparse.ArgumentParser(description=doc.splitlines()[0])
     p.add_argument("-o", "--output", default="-", help="output file (default: standard output)")
     p.add_argument("--ports", type=int, default=256)
     p.add_argument("--targets", type=int, default=256)
     p.add_argument("--luns", type=int, default=2048)
+    return p
+
+
+def write(scn, output):
+    """Writes a scenario to the file `output` ("-": standard output)."""
+    text = json.dumps(scn, indent=1) + "\n"
+    if output == "-":
+        sys.stdout.write(text)
+    else:
+        with open(output, "w") as f:
+            f.write(text)
+
+
+def main(argv):
+    p = parser(__doc__)
     p.add_argument("--disks", type=int, default=512, help="SCSI disks listed in /sys/block")
     args = p.parse_args(argv)
     if not (1 <= args.ports <= 256 and args.ports % 2 == 0):
         p.error("--ports must be an even number from 2 to 256")
     if not (0 <= args.targets <= 256 and 0 <= args.luns <= 2048):
         p.error("--targets must be 0 to 256 and --luns 0 to 2048")
-    text = json.dumps(build(args.ports, args.targets, args.luns, args.disks), indent=1) + "\n"
-    if args.output == "-":
-        sys.stdout.write(text)
-    else:
-        with open(args.output, "w") as f:
-            f.write(text)
+    write(build(args.ports, args.targets, args.luns, args.disks), args.output)
     return 0
 
 

@@ -48,6 +48,7 @@
 #include <string>
 #include <vector>
 
+#include "simstate.h"
 #include "toolcommon.h"
 
 namespace {
@@ -59,7 +60,7 @@ constexpr int kBootRows = 8;
 constexpr std::size_t kBiosArea = 1024;
 constexpr std::size_t kAddWwnArea = 80;
 constexpr std::size_t kBiosOffset = 256;
-constexpr std::size_t kAddWwnOffset = 1280;
+constexpr std::size_t kAddWwnOffset = kBiosOffset + kBiosArea;  // 1280
 constexpr std::size_t kBackupSize = kAddWwnOffset + kAddWwnArea;
 constexpr int kPortsPerAdapter = 4;
 constexpr uint32_t kBackupVersion = 1;
@@ -72,25 +73,6 @@ int fail(int code, const std::string &msg) {
 // ---------------------------------------------------------------------------
 // Host state (read only): the simulated ports.
 // ---------------------------------------------------------------------------
-uint64_t num(const json &j, uint64_t dflt) {
-    if (j.is_number_unsigned()) return j.get<uint64_t>();
-    if (j.is_number_integer()) return uint64_t(j.get<int64_t>());
-    if (j.is_string()) {
-        const std::string &s = j.get_ref<const std::string &>();
-        if (s.empty()) return dflt;
-        errno = 0;
-        char *end = nullptr;
-        unsigned long long v = std::strtoull(s.c_str(), &end, 0);
-        if (errno != 0 || end == s.c_str()) return dflt;
-        return v;
-    }
-    return dflt;
-}
-uint64_t field(const json &obj, const char *key, uint64_t dflt) {
-    auto it = obj.find(key);
-    return it == obj.end() ? dflt : num(*it, dflt);
-}
-
 struct Port {
     int devno = -1;
     std::string name;  // "qmxldd<devno>"
@@ -119,21 +101,21 @@ std::vector<Port> loadPorts() {
     for (const json &p : state["ports"]) {
         if (!p.is_object()) continue;
         Port port;
-        port.devno = int(field(p, "devno", uint64_t(-1)));
+        port.devno = int(qmxsim::fieldU64(p, "devno", uint64_t(-1)));
         if (port.devno < 0 || port.devno > 255) continue;
         port.name = "qmxldd" + std::to_string(port.devno);
-        port.adapter = int(field(p, "adapter", 0));
+        port.adapter = int(qmxsim::fieldU64(p, "adapter", 0));
         // The port number within the adapter is its PCI function, the
         // record's byte 149 as the driver reports it (0 when not given):
         // the backup file's port blocks follow it.
-        port.portNo = int(field(p, "func", 0));
-        port.wwpn = field(p, "wwpn", 0);
-        port.bus = uint8_t(field(p, "bus", 0));
-        port.dev = uint8_t(field(p, "dev", 0));
-        port.func = uint8_t(field(p, "func", 0));
-        port.pkgcd = uint8_t(field(p, "pkgcd", 0));
-        uint32_t vendor = uint32_t(field(p, "vendor", 0x1E5A)) & 0xFFFF;
-        uint32_t device = uint32_t(field(p, "device", 0x0101)) & 0xFFFF;
+        port.portNo = int(qmxsim::fieldU64(p, "func", 0));
+        port.wwpn = qmxsim::fieldU64(p, "wwpn", 0);
+        port.bus = uint8_t(qmxsim::fieldU64(p, "bus", 0));
+        port.dev = uint8_t(qmxsim::fieldU64(p, "dev", 0));
+        port.func = uint8_t(qmxsim::fieldU64(p, "func", 0));
+        port.pkgcd = uint8_t(qmxsim::fieldU64(p, "pkgcd", 0));
+        uint32_t vendor = uint32_t(qmxsim::fieldU64(p, "vendor", 0x1E5A)) & 0xFFFF;
+        uint32_t device = uint32_t(qmxsim::fieldU64(p, "device", 0x0101)) & 0xFFFF;
         port.pciWord = vendor | (device << 16);
         if (p.contains("bios") && p["bios"].is_object()) port.initial = p["bios"];
         ports.push_back(std::move(port));
@@ -167,6 +149,17 @@ struct Settings {
     BootRow boot[kBootRows];
 };
 
+// The words of the three-way settings, for values 1, 2 and 3.
+const char *const kConnWords[] = {"auto", "ptop", "loop"};
+const char *const kOvrWords[] = {"notovr", "allent", "lasent"};
+
+// One of a three-way setting's words: its value 1..3.
+bool parseWord(const std::string &v, const char *const (&words)[3], int *out) {
+    for (int i = 0; i < 3; ++i)
+        if (v == words[i]) return *out = i + 1, true;
+    return false;
+}
+
 bool parseOnOff(const std::string &v, bool *out) {
     if (v == "Enable") *out = true;
     else if (v == "Disable") *out = false;
@@ -197,12 +190,7 @@ bool apply(Settings &s, const std::string &key, const std::string &v) {
     if (key == "force_default_parameter") return parseOnOff(v, &s.forceDefault);
     if (key == "errorlogging") return parseOnOff(v, &s.errorLogging);
     if (key == "pre_configure") return parseOnOff(v, &s.preConfigure);
-    if (key == "connection_type") {
-        static const char *const kNames[] = {"auto", "ptop", "loop"};
-        for (int i = 0; i < 3; ++i)
-            if (v == kNames[i]) return s.connect = i + 1, true;
-        return false;
-    }
+    if (key == "connection_type") return parseWord(v, kConnWords, &s.connect);
     if (key == "data_rate") {
         if (v == "auto") return s.rate = 0, true;
         long n;
@@ -218,12 +206,7 @@ bool apply(Settings &s, const std::string &key, const std::string &v) {
         s.loginDelay = int(n);
         return true;
     }
-    if (key == "overwritemode") {
-        static const char *const kNames[] = {"notovr", "allent", "lasent"};
-        for (int i = 0; i < 3; ++i)
-            if (v == kNames[i]) return s.overwrite = i + 1, true;
-        return false;
-    }
+    if (key == "overwritemode") return parseWord(v, kOvrWords, &s.overwrite);
     if (key == "boot_device") {
         // <row 1..8>,<16 hex digits>,<lun in hex>
         std::size_t c1 = v.find(','), c2 = c1 == std::string::npos ? c1 : v.find(',', c1 + 1);
@@ -249,8 +232,6 @@ std::string hex16(uint64_t v) {
 }
 
 json toJson(const Settings &s) {
-    static const char *const kConn[] = {"auto", "ptop", "loop"};
-    static const char *const kOvr[] = {"notovr", "allent", "lasent"};
     auto onOff = [](bool b) { return b ? "Enable" : "Disable"; };
     json j;
     j["bios"] = onOff(s.bios);
@@ -260,11 +241,11 @@ json toJson(const Settings &s) {
     j["force_default_parameter"] = onOff(s.forceDefault);
     j["errorlogging"] = onOff(s.errorLogging);
     j["pre_configure"] = onOff(s.preConfigure);
-    j["connection_type"] = kConn[s.connect - 1];
+    j["connection_type"] = kConnWords[s.connect - 1];
     j["data_rate"] = s.rate == 0 ? std::string("auto") : std::to_string(s.rate);
     j["wwn_of_hba"] = hex16(s.addWwn);
     j["login_delay_time"] = s.loginDelay < 0 ? std::string("default") : std::to_string(s.loginDelay);
-    j["overwritemode"] = kOvr[s.overwrite - 1];
+    j["overwritemode"] = kOvrWords[s.overwrite - 1];
     json rows = json::array();
     for (const BootRow &r : s.boot) rows.push_back({{"wwn", hex16(r.wwn)}, {"lun", r.lun}});
     j["boot_device"] = rows;
@@ -283,7 +264,7 @@ void fromJson(Settings &s, const json &j) {
                 if (r.is_object()) {
                     uint64_t w = 0;
                     if (r.contains("wwn") && r["wwn"].is_string()) parseHex64(r["wwn"].get<std::string>(), &w);
-                    s.boot[i] = {w, uint32_t(field(r, "lun", 0) & 0xFFFF)};
+                    s.boot[i] = {w, uint32_t(qmxsim::fieldU64(r, "lun", 0) & 0xFFFF)};
                 }
                 ++i;
             }

@@ -18,22 +18,10 @@ int main(int argc, char **argv) {
     if (dev.empty()) dev = "all";
     std::string state = qmxsim::tool::stateDir();
     if (state.empty()) return 0;
-    int matched = 0;
-    qmxsim::StateStore store(state);
-    store.update([&](qmxsim::json &s) {
-        for (qmxsim::json &p : s["ports"]) {
-            std::string name = "qmxldd" + std::to_string(qmxsim::fieldI64(p, "devno", -1));
-            if (dev != "all" && dev != name) continue;
-            ++matched;
-            qmxsim::json &cnt = p["counters"];
-            if (!cnt.is_object()) cnt = qmxsim::json::object();
-            cnt["fw_refresh"] = qmxsim::fieldI64(cnt, "fw_refresh", 0) + 1;
-        }
-        return matched > 0;
-    });
-    if (matched == 0) {
-        std::fprintf(stderr, "qmxmcref: no device %s\n", dev.c_str());
-        return 4;
-    }
-    return 0;
+    auto refresh = [](qmxsim::json &p, const std::string &) {
+        qmxsim::json &cnt = p["counters"];
+        if (!cnt.is_object()) cnt = qmxsim::json::object();
+        cnt["fw_refresh"] = qmxsim::fieldI64(cnt, "fw_refresh", 0) + 1;
+    };
+    return qmxsim::tool::updatePorts("qmxmcref", state, dev, true, refresh) ? 0 : 4;
 }

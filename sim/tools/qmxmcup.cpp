@@ -36,31 +36,20 @@ int main(int argc, char **argv) {
         }
         for (int i = 0; i < 4; ++i) version = (version << 8) | uint8_t(image[std::size_t(36 + i)]);
     }
-    int matched = 0;
     bool wrote = true;
-    qmxsim::StateStore store(state);
-    store.update([&](qmxsim::json &s) {
-        for (qmxsim::json &p : s["ports"]) {
-            std::string name = "qmxldd" + std::to_string(qmxsim::fieldI64(p, "devno", -1));
-            if (dev != "all" && dev != name) continue;
-            ++matched;
-            if (op == "download") {
-                p["firmware_ver"] = version;
-                if (p.contains("prinfo") && p["prinfo"].is_object()) p["prinfo"].erase("firmware_ver");
-            } else {
-                std::string img(4096, '\0');
-                uint32_t v = uint32_t(qmxsim::fieldU64(p, "firmware_ver", 0x01020304));
-                if (p.contains("prinfo") && p["prinfo"].contains("firmware_ver"))
-                    v = uint32_t(qmxsim::toU64(p["prinfo"]["firmware_ver"]));
-                for (int i = 0; i < 4; ++i) img[std::size_t(36 + i)] = char(v >> (24 - 8 * i));
-                wrote = qmxsim::tool::writeFile(file + "/" + name + ".fw", img) && wrote;
-            }
+    auto each = [&](qmxsim::json &p, const std::string &name) {
+        if (op == "download") {
+            p["firmware_ver"] = version;
+            if (p.contains("prinfo") && p["prinfo"].is_object()) p["prinfo"].erase("firmware_ver");
+            return;
         }
-        return op == "download" && matched > 0;
-    });
-    if (matched == 0) {
-        std::fprintf(stderr, "qmxmcup: no device %s\n", dev.c_str());
-        return 4;
-    }
-    return wrote ? 0 : 4;
+        std::string img(4096, '\0');
+        uint32_t v = uint32_t(qmxsim::fieldU64(p, "firmware_ver", 0x01020304));
+        if (p.contains("prinfo") && p["prinfo"].contains("firmware_ver"))
+            v = uint32_t(qmxsim::toU64(p["prinfo"]["firmware_ver"]));
+        for (int i = 0; i < 4; ++i) img[std::size_t(36 + i)] = char(v >> (24 - 8 * i));
+        wrote = qmxsim::tool::writeFile(file + "/" + name + ".fw", img) && wrote;
+    };
+    bool found = qmxsim::tool::updatePorts("qmxmcup", state, dev, op == "download", each);
+    return found && wrote ? 0 : 4;
 }

@@ -33,6 +33,8 @@
 #include <string>
 #include <vector>
 
+#include "simstate.h"
+
 namespace qmxsim::tool {
 
 // The state directory of the virtual host, or "" outside one.
@@ -177,6 +179,29 @@ inline bool hasOption(int argc, char **argv, const char *opt) {
     for (int i = 1; i < argc; ++i)
         if (std::strcmp(argv[i], opt) == 0) return true;
     return false;
+}
+
+// Runs `each(port, name)` under the state lock on every port that `dev`
+// names ("qmxldd<devno>", or "all" for every port) of the host state in
+// `stateDir`.  The state is written back when `save` is true and a port
+// matched.  False, with "<tool>: no device <dev>" on stderr, when no port
+// matched.
+template <class Each>
+bool updatePorts(const char *tool, const std::string &stateDir, const std::string &dev, bool save,
+                 Each each) {
+    int matched = 0;
+    StateStore store(stateDir);
+    store.update([&](json &s) {
+        for (json &p : s["ports"]) {
+            std::string name = "qmxldd" + std::to_string(fieldI64(p, "devno", -1));
+            if (dev != "all" && dev != name) continue;
+            ++matched;
+            each(p, name);
+        }
+        return save && matched > 0;
+    });
+    if (matched == 0) std::fprintf(stderr, "%s: no device %s\n", tool, dev.c_str());
+    return matched > 0;
 }
 
 }  // namespace qmxsim::tool

@@ -122,6 +122,17 @@ int qmx_GetQmxbiosInfo(int ind);
 // Indexes outside the list read 255.
 uint8_t qmx_CfgListByte(int index) noexcept;
 
+// Bodies of the exported calls for one on/off BIOS setting, run under the
+// call name `name`.  The getter reads listing entry `entry` (QMX_CFG_*): 1
+// enabled, 2 disabled, 255 when no listing has ever shown the line; a null
+// output traces "<arg> == NULL".  The setter runs option `option`
+// (QMXBIOS_OPT_*) with 1 to enable or 0 to disable; any other value traces
+// "<arg> is invalid value".
+QMX_STATUS qmx_GetListedOnOff(const char *name, QMX_WWN wwn, QMX_UINT32 *out, const char *arg,
+                              int entry);
+QMX_STATUS qmx_SetOnOffOption(const char *name, QMX_WWN wwn, QMX_UINT32 value, const char *arg,
+                              int option);
+
 // One listing line (always 0).
 int qmx_CfgAnalyze(char *buf);
 // One titled line into entry ind.  0 / -1 ("unknown format", code 10).

@@ -6,11 +6,8 @@
 #include "bios/bios.h"
 #include "frame/frame.h"
 
-namespace {
-
-// Getter of one on/off entry of the decoded listing: 1 enabled, 2 disabled,
-// 255 when no listing has ever shown the line.
-QMX_STATUS getListed(const char *name, QMX_WWN wwn, QMX_UINT32 *out, const char *arg, int entry) {
+QMX_STATUS qmx_GetListedOnOff(const char *name, QMX_WWN wwn, QMX_UINT32 *out, const char *arg,
+                              int entry) {
     return qmx::run(name, [&](qmx::Frame &f) {
         int ind = f.port(wwn);
         if (ind < 0) return f.fail();
@@ -21,8 +18,8 @@ QMX_STATUS getListed(const char *name, QMX_WWN wwn, QMX_UINT32 *out, const char 
     });
 }
 
-// Setter of one on/off option: 1 enables, 0 disables.
-QMX_STATUS setOnOff(const char *name, QMX_WWN wwn, QMX_UINT32 value, const char *arg, int option) {
+QMX_STATUS qmx_SetOnOffOption(const char *name, QMX_WWN wwn, QMX_UINT32 value, const char *arg,
+                              int option) {
     return qmx::run(name, [&](qmx::Frame &f) {
         int ind = f.port(wwn);
         if (ind < 0) return f.fail();
@@ -34,24 +31,22 @@ QMX_STATUS setOnOff(const char *name, QMX_WWN wwn, QMX_UINT32 value, const char 
     });
 }
 
-}  // namespace
-
 QMX_STATUS QMX_GetHBABiosSetting(QMX_WWN wwn, QMX_BIOSSETTING *S_biossetting) {
-    return getListed("QMX_GetHBABiosSetting", wwn, S_biossetting, "S_biossetting",
+    return qmx_GetListedOnOff("QMX_GetHBABiosSetting", wwn, S_biossetting, "S_biossetting",
                      QMX_CFG_HBA_BIOS);
 }
 
 QMX_STATUS QMX_GetBootPriority(QMX_WWN wwn, QMX_BOOTPRIORITY *S_bootpriority) {
-    return getListed("QMX_GetBootPriority", wwn, S_bootpriority, "S_bootpriority",
+    return qmx_GetListedOnOff("QMX_GetBootPriority", wwn, S_bootpriority, "S_bootpriority",
                      QMX_CFG_BOOT_PRIORITY);
 }
 
 QMX_STATUS QMX_SetHBABiosSetting(QMX_WWN wwn, QMX_BIOSSETTING biossetting) {
-    return setOnOff("QMX_SetHBABiosSetting", wwn, biossetting, "biossetting", QMXBIOS_OPT_BIOS);
+    return qmx_SetOnOffOption("QMX_SetHBABiosSetting", wwn, biossetting, "biossetting", QMXBIOS_OPT_BIOS);
 }
 
 QMX_STATUS QMX_SetBootPriority(QMX_WWN wwn, QMX_BOOTPRIORITY bootpriority) {
-    return setOnOff("QMX_SetBootPriority", wwn, bootpriority, "bootpriority",
+    return qmx_SetOnOffOption("QMX_SetBootPriority", wwn, bootpriority, "bootpriority",
                     QMXBIOS_OPT_BOOT_PRIORITY);
 }
 

@@ -31,25 +31,13 @@ QMX_STATUS runOption(qmx::Frame &f, int ind, int option, qmx_bios_param *p) {
 }  // namespace
 
 QMX_STATUS QMX_GetPreConfigure(QMX_WWN wwn, QMX_UINT32 *preconfigure) {
-    return qmx::run("QMX_GetPreConfigure", [&](qmx::Frame &f) {
-        int ind = f.port(wwn);
-        if (ind < 0) return f.fail();
-        if (!f.out(preconfigure, "preconfigure", " == NULL")) return f.fail();
-        if (qmx_GetQmxbiosInfo(ind) != 0) return f.fail();
-        *preconfigure = qmx_CfgListByte(QMX_CFG_PRE_CONFIGURE);
-        return f.ok();
-    });
+    return qmx_GetListedOnOff("QMX_GetPreConfigure", wwn, preconfigure, "preconfigure",
+                              QMX_CFG_PRE_CONFIGURE);
 }
 
 QMX_STATUS QMX_SetPreConfigure(QMX_WWN wwn, QMX_UINT32 preconfigure) {
-    return qmx::run("QMX_SetPreConfigure", [&](qmx::Frame &f) {
-        int ind = f.port(wwn);
-        if (ind < 0) return f.fail();
-        if (preconfigure != 0 && preconfigure != 1) return f.invalid("preconfigure");
-        qmx_bios_param p{};
-        p.status = int(preconfigure);
-        return runOption(f, ind, QMXBIOS_OPT_PRE_CONFIGURE, &p);
-    });
+    return qmx_SetOnOffOption("QMX_SetPreConfigure", wwn, preconfigure, "preconfigure",
+                              QMXBIOS_OPT_PRE_CONFIGURE);
 }
 
 QMX_STATUS QMX_BiosBackup(QMX_WWN wwn, char *backup_dir) {

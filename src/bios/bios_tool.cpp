@@ -1,6 +1,5 @@
 // BIOS tool runner: builds one qmxbios command line from an option number and
 // its argument record and runs it through the shell under exclusive lock 6.
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +10,7 @@
 #include <string>
 
 #include "bios/bios.h"
+#include "bios/tool_run.h"
 #include "frame/frame.h"
 
 const char *const optionName[kQmxbiosOptionCount] = {
@@ -46,7 +46,6 @@ char QMX_G_trgshow[256];
 
 namespace {
 
-constexpr const char *kToolDir = "/opt/kestrel/drivers/hba";
 constexpr std::size_t kCmdLen = 256;
 constexpr int kLockBios = 6;
 constexpr int kExtraRuns = 3;         // runs after the first failed one
@@ -57,11 +56,6 @@ using CmdBuf = char[kCmdLen];
 std::string deviceName(int ind) {
     const char *n = dev_info_all[ind].name;
     return qmx::shellQuote(std::string_view(n, strnlen(n, sizeof dev_info_all[ind].name)));
-}
-
-bool toolDirExists() {
-    struct stat st;
-    return stat(kToolDir, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 // Bounded formatting into a command buffer.  A text that does not fit is
@@ -123,8 +117,8 @@ bool needsParam(int option) {
 }
 
 void listingPath(char *dst, std::size_t cap, const char *file, bool keepTemplate) {
-    if (toolDirExists())
-        std::snprintf(dst, cap, "%s/%s", kToolDir, file);
+    if (qmx::toolDirIsDirectory())
+        std::snprintf(dst, cap, "%s/%s", qmx::kAdapterToolDir, file);
     else if (keepTemplate)
         // The target listing falls back to its unformatted template text.
         qmx::copyText(dst, cap, "%s/trgshow.txt");
@@ -239,13 +233,8 @@ const Refusal *buildArgs(CmdBuf &args, int ind, int option, const qmx_bios_param
 }
 
 bool buildCommand(CmdBuf &cmd, const CmdBuf &args) {
-    if (toolDirExists()) return fmt(cmd, "%s/qmxbios %s", kToolDir, args);
+    if (qmx::toolDirIsDirectory()) return fmt(cmd, "%s/qmxbios %s", qmx::kAdapterToolDir, args);
     return fmt(cmd, "qmxbios %s", args);
-}
-
-int shell(const char *cmd) {
-    std::fflush(nullptr);  // nothing buffered twice by the child
-    return std::system(cmd);
 }
 
 // Option 5 (and 6): one command per boot row, all 8 rows, no retry.
@@ -263,7 +252,7 @@ int runBootRows(int ind, int option, const qmx_bios_param *p, int *status) {
             return -1;
         }
         qmx::tracef("%s", cmd);
-        *status = shell(cmd);
+        *status = qmx::runShell(cmd);
         if (*status != 0) {
             qmx::sysError("system", errno);
             return -1;
@@ -308,10 +297,10 @@ int runLocked(int ind, int option, qmx_bios_param *param) {
             return -1;
         }
         qmx::tracef("%s", cmd);
-        status = shell(cmd);
+        status = qmx::runShell(cmd);
         for (int i = 0; status != 0 && i < kExtraRuns; ++i) {
             sleep(kRetrySleep);
-            status = shell(cmd);
+            status = qmx::runShell(cmd);
         }
         if (status != 0) {
             qmx::sysError("system", errno);

@@ -42,17 +42,18 @@ struct __HBAISOLATE {
     int use_flg;
 };
 
-extern __HBAKEY connection_type[kConfPorts], link_speed[kConfPorts], max_transfer[kConfPorts],
-    link_down[kConfPorts], reset_delay[kConfPorts], mck_retry[kConfPorts],
-    preferred_alpa[kConfPorts], reset_timeout[kConfPorts], abort_timeout[kConfPorts],
-    queue_depth[kConfPorts], allowed[kConfPorts], tmt_delay[kConfPorts],
-    lun_reset_delay[kConfPorts], msi_enable[kConfPorts], isol_type[kConfPorts],
-    ld_err_intvl[kConfPorts], ld_err_limitl[kConfPorts], ld_err_limits[kConfPorts],
-    if_err_intvl[kConfPorts], if_err_limit[kConfPorts], to_err_intvl[kConfPorts],
-    to_err_limit[kConfPorts], rt_err_enable[kConfPorts], login_retry[kConfPorts],
-    els_retry[kConfPorts], to_reset_retry[kConfPorts], scsi_to_retry[kConfPorts],
-    abort_t_restrain[kConfPorts], alter_path[kConfPorts], offline_path[kConfPorts],
-    pathchk[kConfPorts], trgrst[kConfPorts];
+// The per-port tables, one per parameter: X(name) for each.
+#define QMX_PORT_TABLES(X)                                                                    \
+    X(connection_type) X(link_speed) X(max_transfer) X(link_down) X(reset_delay) X(mck_retry) \
+    X(preferred_alpa) X(reset_timeout) X(abort_timeout) X(queue_depth) X(allowed)             \
+    X(tmt_delay) X(lun_reset_delay) X(msi_enable) X(isol_type) X(ld_err_intvl)               \
+    X(ld_err_limitl) X(ld_err_limits) X(if_err_intvl) X(if_err_limit) X(to_err_intvl)         \
+    X(to_err_limit) X(rt_err_enable) X(login_retry) X(els_retry) X(to_reset_retry)            \
+    X(scsi_to_retry) X(abort_t_restrain) X(alter_path) X(offline_path) X(pathchk) X(trgrst)
+#define QMX_DECLARE_PORT_TABLE(name) extern __HBAKEY name[kConfPorts];
+QMX_PORT_TABLES(QMX_DECLARE_PORT_TABLE)
+#undef QMX_DECLARE_PORT_TABLE
+
 // Not indexed by port: up to 256 whole "_bs" items, filled front to back.
 extern __HBAISOLATE isolate[kConfPorts];
 // Per-error retry counts: 256 ports by 1000 entries.  Only the pages of

@@ -47,15 +47,19 @@ void formatValue(Encoding enc, const void *setval, char *dst, std::size_t cap) {
 // The port number in the keys: the number after "qmxldd" in the port's
 // device name (the driver's device number, which can differ from the
 // instance number when device numbers have gaps); -1 for no port.
-// -2 when the instance number names no table entry.
+// -2 ("index is invalid value", invalid argument) when the instance number
+// names no table entry.
 int portNumberOf(int index) {
     if (index < 0) return -1;
-    if (index >= kMaxPorts) return -2;
-    const dev_info &d = dev_info_all[index];
-    string_view name(d.name, strnlen(d.name, sizeof d.name));
-    std::size_t at = name.find("qmxldd");
-    if (at == string_view::npos) return -2;
-    return qmx::atoiText(name.substr(at + 6));
+    if (index < kMaxPorts) {
+        const dev_info &d = dev_info_all[index];
+        string_view name(d.name, strnlen(d.name, sizeof d.name));
+        std::size_t at = name.find("qmxldd");
+        if (at != string_view::npos) return qmx::atoiText(name.substr(at + 6));
+    }
+    qmx::trace("index is invalid value");
+    qmx::setError(QMX_ERR_INVALID_ARG);
+    return -2;
 }
 
 // Key forms.  With a sub-index, Get appends it only for "_retry_cnt" while
@@ -116,11 +120,7 @@ int UtilLookups::get(QMX_WWN wwn, int index, const char *key_str, int erId,
         }
         string_view suffix(key_str, strnlen(key_str, 256));
         int port = portNumberOf(index);
-        if (port == -2) {
-            trace("index is invalid value");
-            setError(QMX_ERR_INVALID_ARG);
-            return abend();
-        }
+        if (port == -2) return abend();
         std::string key = formKey(wwn, port, suffix, erId, false);
         // The exact key only: a port without its own item does not fall back
         // to the driver-wide one.
@@ -179,11 +179,7 @@ int setUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key
 
         string_view suffix(key_str, strnlen(key_str, 256));
         int port = portNumberOf(index);
-        if (port == -2) {
-            trace("index is invalid value");
-            setError(QMX_ERR_INVALID_ARG);
-            return abend();
-        }
+        if (port == -2) return abend();
         Encoding enc = encodingOf(suffix);
         std::string key = formKey(wwn, port, suffix, erId, true);
         char adapterKey[32];

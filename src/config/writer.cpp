@@ -26,17 +26,9 @@
 #include "frame/frame.h"
 #include "config/binding_tables.h"
 
-__HBAKEY connection_type[kConfPorts], link_speed[kConfPorts], max_transfer[kConfPorts],
-    link_down[kConfPorts], reset_delay[kConfPorts], mck_retry[kConfPorts],
-    preferred_alpa[kConfPorts], reset_timeout[kConfPorts], abort_timeout[kConfPorts],
-    queue_depth[kConfPorts], allowed[kConfPorts], tmt_delay[kConfPorts],
-    lun_reset_delay[kConfPorts], msi_enable[kConfPorts], isol_type[kConfPorts],
-    ld_err_intvl[kConfPorts], ld_err_limitl[kConfPorts], ld_err_limits[kConfPorts],
-    if_err_intvl[kConfPorts], if_err_limit[kConfPorts], to_err_intvl[kConfPorts],
-    to_err_limit[kConfPorts], rt_err_enable[kConfPorts], login_retry[kConfPorts],
-    els_retry[kConfPorts], to_reset_retry[kConfPorts], scsi_to_retry[kConfPorts],
-    abort_t_restrain[kConfPorts], alter_path[kConfPorts], offline_path[kConfPorts],
-    pathchk[kConfPorts], trgrst[kConfPorts];
+#define QMX_DEFINE_PORT_TABLE(name) __HBAKEY name[kConfPorts];
+QMX_PORT_TABLES(QMX_DEFINE_PORT_TABLE)
+#undef QMX_DEFINE_PORT_TABLE
 __HBAISOLATE isolate[kConfPorts];
 __HBAKEY retry_cnt[kConfPorts][kRetryEntries];
 

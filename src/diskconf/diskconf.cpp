@@ -159,6 +159,18 @@ void appendHex(std::string &out, const uint8_t *p, std::size_t n) {
     }
 }
 
+// Gives an empty slot a zeroed record; a filled one stays.  false when the
+// allocation fails (`line` traced, code 1).
+template <class Record>
+bool allocEmpty(Record *&slot, const char *line) {
+    if (slot != nullptr) return true;
+    slot = static_cast<Record *>(std::calloc(1, sizeof(Record)));
+    if (slot != nullptr) return true;
+    qmx::trace(line);
+    qmx::setError(1);
+    return false;
+}
+
 }  // namespace
 
 int malloc_lumap_tbl(QMX_DISK_CONFIG *tbl, int adapt_cnt, int tgt_cnt, int lu_cnt) {
@@ -170,34 +182,12 @@ int malloc_lumap_tbl(QMX_DISK_CONFIG *tbl, int adapt_cnt, int tgt_cnt, int lu_cn
         return -1;
     }
     QMX_DISK_CONF_ADAPT *&a = tbl->adapt[adapt_cnt];
-    if (a == nullptr) {
-        a = static_cast<QMX_DISK_CONF_ADAPT *>(std::calloc(1, sizeof *a));
-        if (a == nullptr) {
-            qmx::trace("QMX_DISK_CONF_ADAPT malloc error");
-            qmx::setError(1);
-            return -1;
-        }
-    }
+    if (!allocEmpty(a, "QMX_DISK_CONF_ADAPT malloc error")) return -1;
     if (tgt_cnt == -1) return 0;
     QMX_DISK_CONF_TGT *&t = a->tgt[tgt_cnt];
-    if (t == nullptr) {
-        t = static_cast<QMX_DISK_CONF_TGT *>(std::calloc(1, sizeof *t));
-        if (t == nullptr) {
-            qmx::trace("QMX_DISK_CONF_TGT malloc error");
-            qmx::setError(1);
-            return -1;
-        }
-    }
+    if (!allocEmpty(t, "QMX_DISK_CONF_TGT malloc error")) return -1;
     if (lu_cnt == -1) return 0;
-    QMX_DISK_CONF_LU *&l = t->lu[lu_cnt];
-    if (l == nullptr) {
-        l = static_cast<QMX_DISK_CONF_LU *>(std::calloc(1, sizeof *l));
-        if (l == nullptr) {
-            qmx::trace("QMX_DISK_CONF_LU malloc error");
-            qmx::setError(1);
-            return -1;
-        }
-    }
+    if (!allocEmpty(t->lu[lu_cnt], "QMX_DISK_CONF_LU malloc error")) return -1;
     return 0;
 }
 

@@ -142,6 +142,18 @@ int rawRequest(int fd, unsigned int request, void *arg) {
     return ::ioctl(fd, static_cast<unsigned long>(request), arg);
 }
 
+// Opens the discovered port at the transceiver record's PCI function.
+// false (error code set) when discovery fails, no port is there or the
+// device does not open.
+bool openPciPort(const QMX_SFP_INFO &sfp, Device &dev) {
+    if (!discover()) return false;
+    int ind = portAt(sfp.bus, sfp.dev, sfp.func, true);
+    if (ind < 0) return false;
+    char path[300];
+    std::snprintf(path, sizeof path, "/dev/%s", dev_info_all[ind].name);
+    return open_ap(&dev.fd, path) == 0;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -328,13 +340,8 @@ QMX_STATUS QMX_SetSFPIsolate(QMX_SFP_INFO *sfp) {
         } else {
             return f.invalid("isol set_opr");
         }
-        if (!discover()) return f.fail();
-        int ind = portAt(sfp->bus, sfp->dev, sfp->func, true);
-        if (ind < 0) return f.fail();
-        char path[300];
-        std::snprintf(path, sizeof path, "/dev/%s", dev_info_all[ind].name);
         Device dev;
-        if (open_ap(&dev.fd, path) != 0) return f.fail();
+        if (!openPciPort(*sfp, dev)) return f.fail();
         // Every failure from here closes the device and releases lock 1,
         // which this call never takes: tools rely on that release.
         auto failOpen = [&](const char *line, int code) {
@@ -401,13 +408,8 @@ QMX_STATUS QMX_SetSFPIsolate(QMX_SFP_INFO *sfp) {
 QMX_STATUS QMX_GetSFPInfo(QMX_SFP_INFO *sfp) {
     return qmx::run("QMX_GetSFPInfo", [&](Frame &f) {
         if (!f.notNull(sfp, "sfp")) return f.fail();
-        if (!discover()) return f.fail();
-        int ind = portAt(sfp->bus, sfp->dev, sfp->func, true);
-        if (ind < 0) return f.fail();
-        char path[300];
-        std::snprintf(path, sizeof path, "/dev/%s", dev_info_all[ind].name);
         Device dev;
-        if (open_ap(&dev.fd, path) != 0) return f.fail();
+        if (!openPciPort(*sfp, dev)) return f.fail();
         std::unique_ptr<uint8_t, decltype(&std::free)> table(
             static_cast<uint8_t *>(std::calloc(1, kInitTableAlloc)), &std::free);
         if (!table) {

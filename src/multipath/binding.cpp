@@ -681,12 +681,6 @@ QMX_STATUS QMX_GetForceBinding(QMX_WWN wwn, QMX_UINT8 *bind_flg) {
 }
 
 QMX_STATUS QMX_SetForceBinding(QMX_WWN wwn, QMX_UINT8 bind_flg) {
-    return qmx::run("QMX_SetForceBinding", [&](qmx::Frame &f) {
-        int ind = f.port(wwn);
-        if (ind < 0) return f.fail();
-        if (bind_flg != 0 && bind_flg != 1) return f.invalid("bind_flg");
-        qmx_bios_param p{};
-        p.status = bind_flg;
-        return qmx_ExecQmxbios(ind, QMXBIOS_OPT_PERSISTENT_BIND, &p) == 0 ? f.ok() : f.fail();
-    });
+    return qmx_SetOnOffOption("QMX_SetForceBinding", wwn, bind_flg, "bind_flg",
+                              QMXBIOS_OPT_PERSISTENT_BIND);
 }

@@ -15,15 +15,12 @@ constexpr const char *kBackupDir = "/tmp/biosbk";
 
 class BiosData : public VHostTest {
 protected:
-    // The backup check compares identifiers written with "%8x": adapter 0
-    // gets a device identifier without a leading zero digit, so that its
-    // backup files can match (before discovery).
     void SetUp() override {
         VHostTest::SetUp();
-        for (int devno : {0, 1}) setPortField(devno, "device", "0x2532");
         mkdir(kBackupDir, 0755);
     }
-    // A backup file of adapter 0 as the tool lays it out, all settings zero.
+    // A backup file of adapter 0 (device 0x2532) as the tool lays it out,
+    // all settings zero.
     static std::vector<uint8_t> crafted() {
         std::vector<uint8_t> f(1360, 0);
         const uint8_t id[4] = {0x5a, 0x1e, 0x32, 0x25};  // vendor, device as in PCI space
@@ -96,8 +93,9 @@ TEST_F(BiosData, BadFilesFailWithCodeNineAndTheirMessage) {
     EXPECT_EQ(traceCount("QMX_GetBiosData ABEND"), 5);
 }
 
-TEST_F(BiosData, TheDefaultModelNeverMatchesItsBlankPaddedIdentifier) {
-    // Adapter 1 keeps device 0x0101: "%8x" writes its leading zero as a blank.
+TEST_F(BiosData, AnIdentifierWithALeadingZeroDigitNeverMatches) {
+    // Device 0x0101 on adapter 1: "%8x" writes its leading zero as a blank.
+    setPortField(2, "device", "0x0101");
     std::vector<uint8_t> f = crafted();
     f[10] = 0x01;
     f[11] = 0x01;

@@ -70,7 +70,7 @@ TEST_F(BiosTool, DeviceListingHasEveryPortFromTheSixthLine) {
     for (std::size_t i = 5; i < lines.size(); ++i)
         if (lines[i].rfind("  qmxldd", 0) == 0) devices.push_back(lines[i]);
     ASSERT_EQ(devices.size(), 4u);
-    EXPECT_EQ(devices[1], "  qmxldd1 0101 03 00 1 0000000000000000 2100001122334451");
+    EXPECT_EQ(devices[1], "  qmxldd1 2532 03 00 1 0000000000000000 2100001122334451");
 }
 
 TEST_F(BiosTool, BackupFileLayout) {
@@ -90,8 +90,8 @@ TEST_F(BiosTool, BackupFileLayout) {
     // The PCI id word as configuration space holds it: vendor, then device.
     EXPECT_EQ(b[8], 0x5A);
     EXPECT_EQ(b[9], 0x1E);
-    EXPECT_EQ(b[10], 0x01);
-    EXPECT_EQ(b[11], 0x01);
+    EXPECT_EQ(b[10], 0x32);
+    EXPECT_EQ(b[11], 0x25);
     EXPECT_EQ(b[12], 1);  // pre-configuration of the first port
     // Port 1's block.
     EXPECT_EQ(b[256 + 256 + 0x01] & 0x80, 0x80);   // BIOS enabled

@@ -79,7 +79,7 @@ TEST_F(Channel, DiagRequestSucceedsAfterRetries) {
     failRequest("IOCTL_QMX_DIAG0", 1, EBUSY, 2, QMX_DG_RDFIXPCI);
     char dev[] = "/dev/qmxldd1";
     unsigned int word = withTrace([&] { return QMX_getQmxDeviceId(dev); });
-    EXPECT_EQ(ntohl(word), 0x01011E5Au);
+    EXPECT_EQ(ntohl(word), 0x25321E5Au);
     EXPECT_EQ(traceCount("ioctl retry"), 2);
     EXPECT_FALSE(traceHas("ioctl_diag ABEND"));
     EXPECT_EQ(driverRequests("IOCTL_QMX_DIAG0", 1, QMX_DG_RDFIXPCI), 3);

@@ -227,7 +227,7 @@ TEST_F(HostInfo, DeviceListingOfTheBiosTool) {
     ASSERT_EQ(list.list_max, 4);
     const QMX_DEVICE_ENTRY &e = list.list[3];
     EXPECT_STREQ(e.deviceName, "qmxldd3");
-    EXPECT_STREQ(e.deviceID, "0101");
+    EXPECT_STREQ(e.deviceID, "2532");
     EXPECT_EQ(e.busNO, 4);
     EXPECT_EQ(e.deviceNO, 0);
     EXPECT_EQ(e.funcNO, 1);

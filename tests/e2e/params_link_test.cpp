@@ -302,7 +302,7 @@ TEST_F(LinkSettings, ProcInfoCopiesTheDriversSummary) {
     ASSERT_EQ(QMX_GetProcInfo(portWwn(3), &info), 0);
     EXPECT_EQ(info.host_no, 0xBEEF);  // left as the caller set it
     EXPECT_EQ(info.vender_id, 0x1E5A);
-    EXPECT_EQ(info.device_id, 0x0101);
+    EXPECT_EQ(info.device_id, 0x2532);
     EXPECT_EQ(std::string(reinterpret_cast<char *>(info.model_name), 6), "QX2402");
     EXPECT_EQ(info.model_name[6], 0);
     EXPECT_EQ(std::string(reinterpret_cast<char *>(info.driver_ver), 5), "2.1.0");

@@ -482,6 +482,9 @@ TEST_F(QmxmgrTest, MultipathCommandsReadBackWhatTheySet) {
     qmxsim::json env = parse(run({"mp", "env", "--json"}).out);
     EXPECT_EQ(env["interval"], 90);
     EXPECT_EQ(env["failback"], 1);
+    ASSERT_EQ(run({"mp", "env", "unset", "interval"}).status, 0);
+    EXPECT_EQ(readFile(kConf).find("qmxmp_interval="), std::string::npos);
+    EXPECT_EQ(parse(run({"mp", "env", "--json"}).out)["interval"], 30);
 
     ASSERT_EQ(run({"mp", "path", "set", "qmxldd2", "50:00:00:00:00:00:0b:02", "1", "1", "4"}).status, 0);
     qmxsim::json paths = parse(run({"mp", "paths", "--json"}).out)["paths"];

@@ -66,7 +66,7 @@ TEST_F(VHostDriver, PortInformationFollowsTheScenarioAndFieldOverrides) {
     EXPECT_EQ(info.node_name, 0x2000001122334460ull);
     EXPECT_EQ(info.host_no, 4);
     EXPECT_EQ(info.vender_id, 0x1E5A);
-    EXPECT_EQ(info.device_id, 0x0101);
+    EXPECT_EQ(info.device_id, 0x2532);
     EXPECT_EQ(info.bus_dev_func[0], 4);
     EXPECT_EQ(info.bus_dev_func[1], 0);
     EXPECT_EQ(info.bus_dev_func[2], 0);

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "conf_layout.h"
 #include "config/config.h"
 #include "frame/frame.h"
 #include "frame_test_util.h"
@@ -38,27 +39,8 @@ inline std::string release() {
     return un.release;
 }
 
-// A table area with the standard chain; the configuration value holds `text`.
-inline std::string tableArea(const std::string &text = "") {
-    std::string a(std::size_t(kTableAreaSize), '\0');
-    struct E {
-        const char *name;
-        int32_t next;
-    } chain[] = {{"<Kestrel_Fibre_Channel_Host_Bus_Adapter_Configuration_Module>", 96},
-                 {"<Kestrel_Ltd>", 96},
-                 {"<qmxldd_key>", 4176},
-                 {"<qmxldd_key_hop>", 4176},
-                 {"<qmxldd_conf>", 200068},
-                 {"<CONFIG_END>", 0}};
-    std::size_t pos = 0;
-    for (const E &e : chain) {
-        std::memcpy(&a[pos], e.name, std::strlen(e.name));
-        std::memcpy(&a[pos + 64], &e.next, 4);
-        pos += std::size_t(e.next);
-    }
-    std::memcpy(&a[8544 + 68], text.data(), text.size());
-    return a;
-}
+using conflayout::kPortOrder;
+using conflayout::tableArea;
 
 // Offsets of the entries of a standard area.
 constexpr std::size_t kEntryAt[6] = {0, 96, 192, 4368, 8544, 208612};

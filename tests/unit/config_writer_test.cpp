@@ -9,16 +9,6 @@ using namespace cfgtest;
 
 namespace {
 
-const char *const kPortOrder[] = {
-    "_connection_type", "_link_speed",     "_max_transfer",   "_link_down",     "_reset_delay",
-    "_mck_retry",       "_preferred_alpa", "_reset_timeout",  "_abort_timeout", "_queue_depth",
-    "_scsi_allowed",    "_tmt_delay",      "_lun_reset_delay", "_msi_enable",   "_isol_type",
-    "_ld_err_intvl",    "_ld_err_limit_l", "_ld_err_limit_s", "_if_err_intvl",  "_if_err_limit",
-    "_to_err_intvl",    "_to_err_limit",   "_rt_err_enable",  "_login_retry",   "_els_retry",
-    "_to_reset_retry",  "_scsi_to_retry",  "_abort_t_restrain", "_alter_path_num",
-    "_offline_path_num", "_pathchk_to",    "_enable_tgtrst",
-};
-
 void clearBinding() {
     std::memset(TBLKEY, 0, sizeof(__TBLKEY) * 16);
     std::memset(WWPN, 0, sizeof WWPN);

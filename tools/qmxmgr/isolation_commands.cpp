@@ -16,18 +16,25 @@ namespace {
 constexpr int kExitChanged = 3;  // diskconf record: the configuration changed
 constexpr const char *kPciHelp = "PCI function BUS:DEV.FN (hexadecimal, e.g. 03:00.1)";
 
-struct Pci {
-    uint8_t bus = 0, dev = 0, fn = 0;
-};
-
-// "BUS:DEV.FN" in hexadecimal.
-Pci parsePci(const std::string &text) {
+// Puts "BUS:DEV.FN" (hexadecimal) into a request record's bus, dev and func.
+template <class Record>
+void putPci(Record &r, const std::string &text) {
     unsigned bus = 0, dev = 0, fn = 0;
     int used = 0;
     if (std::sscanf(text.c_str(), "%2x:%2x.%1x%n", &bus, &dev, &fn, &used) != 3 ||
         std::size_t(used) != text.size() || dev > 0x1F || fn > 7)
         throw UsageError("'" + text + "' is not a PCI function: give BUS:DEV.FN in hexadecimal");
-    return {uint8_t(bus), uint8_t(dev), uint8_t(fn)};
+    r.bus = uint8_t(bus);
+    r.dev = uint8_t(dev);
+    r.func = uint8_t(fn);
+}
+
+// Transceiver request for one PCI function, other fields zero.
+QMX_SFP_INFO sfpRequest(const std::string &pci) {
+    QMX_SFP_INFO s;
+    std::memset(&s, 0, sizeof s);
+    putPci(s, pci);
+    return s;
 }
 
 std::string pciText(const uint8_t *p) {
@@ -77,13 +84,10 @@ int cmdIsolateList(const IsolOptions &o) {
 }
 
 int cmdIsolateChange(const IsolOptions &o, bool isolate) {
-    Pci p = parsePci(o.pci);
     auto list = std::make_unique<QMX_FORCE_ISOLATE_LIST>();
     std::memset(list.get(), 0, sizeof *list);
     QMX_ISOLATE &e = list->list[0];
-    e.bus = p.bus;
-    e.dev = p.dev;
-    e.func = p.fn;
+    putPci(e, o.pci);
     e.set_opr = isolate ? 1 : 2;
     e.mode = isolate ? o.mode : 0;
     e.immdt = o.immediate ? 1 : 0;
@@ -103,12 +107,7 @@ int cmdIsolatePort(const IsolOptions &o) {
 }
 
 int cmdIsolateSfp(const IsolOptions &o) {
-    Pci p = parsePci(o.pci);
-    QMX_SFP_INFO s;
-    std::memset(&s, 0, sizeof s);
-    s.bus = p.bus;
-    s.dev = p.dev;
-    s.func = p.fn;
+    QMX_SFP_INFO s = sfpRequest(o.pci);
     bool on = onOff(o.word);
     s.set_opr = on ? 1 : 2;
     s.force = o.force ? 1 : 0;
@@ -119,12 +118,7 @@ int cmdIsolateSfp(const IsolOptions &o) {
 }
 
 int cmdSfpShow(const IsolOptions &o) {
-    Pci p = parsePci(o.pci);
-    QMX_SFP_INFO s;
-    std::memset(&s, 0, sizeof s);
-    s.bus = p.bus;
-    s.dev = p.dev;
-    s.func = p.fn;
+    QMX_SFP_INFO s = sfpRequest(o.pci);
     check(QMX_GetSFPInfo(&s), "QMX_GetSFPInfo");
     std::string part = fieldText(s.part_num, sizeof s.part_num);
     std::string serial = fieldText(s.serial_num, sizeof s.serial_num);

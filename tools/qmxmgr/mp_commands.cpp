@@ -35,6 +35,16 @@ QMX_WWN wwnOfNumber(uint64_t v) {
     return w;
 }
 
+// Fills a fresh listing record with `get` and checks the result.  `release`
+// frees what the library added and the record itself once the command is
+// done, also when the call failed.
+template <class Record, class Release>
+std::unique_ptr<Record, Release> listing(QMX_STATUS (*get)(Record *), const char *call, Release release) {
+    std::unique_ptr<Record, Release> rec(new Record{}, release);
+    check(get(rec.get()), call);
+    return rec;
+}
+
 // ------------------------------------------------------------ environment
 struct EnvField {
     const char *name;
@@ -85,14 +95,18 @@ int cmdEnv(const Options &o) {
     return kExitOk;
 }
 
+const EnvField *findEnvField(const std::string &name) {
+    for (const EnvField &f : kEnvFields)
+        if (name == f.name) return &f;
+    return nullptr;
+}
+
 int cmdEnvSet(const Options &o, bool keep) {
     QMX_MP_PARAM p = readEnv();
     p.param_flag = 0;
     for (const std::string &a : o.args) {
         std::size_t eq = a.find('=');
-        const EnvField *hit = nullptr;
-        for (const EnvField &f : kEnvFields)
-            if (eq != std::string::npos && a.compare(0, eq, f.name) == 0 && std::strlen(f.name) == eq) hit = &f;
+        const EnvField *hit = eq == std::string::npos ? nullptr : findEnvField(a.substr(0, eq));
         if (hit == nullptr) throw UsageError("'" + a + "' is not FIELD=VALUE with a known field");
         auto v = uint32_t(parseInt(a.substr(eq + 1), std::string(hit->name) + " value", 0, UINT32_MAX));
         auto *at = reinterpret_cast<unsigned char *>(&p) + hit->offset;
@@ -108,16 +122,27 @@ int cmdEnvSet(const Options &o, bool keep) {
     return kExitOk;
 }
 
+// The named fields go to the driver at their defaults and leave
+// /etc/qmxldd.conf.
+int cmdEnvUnset(const Options &o) {
+    QMX_MP_PARAM p = readEnv();
+    p.param_flag = 0;
+    for (const std::string &a : o.args) {
+        const EnvField *hit = findEnvField(a);
+        if (hit == nullptr) throw UsageError("'" + a + "' is not a known field");
+        p.param_flag |= hit->flag;
+    }
+    check(QMX_SetOperationEnv(&p, 1), "QMX_SetOperationEnv");
+    std::printf("Multipath environment fields reset to their defaults and removed from /etc/qmxldd.conf.\n");
+    return kExitOk;
+}
+
 // ---------------------------------------------------------------- LU paths
 int cmdPaths(const Options &o) {
-    auto paths = std::make_unique<QMX_LUPATH_STATUS>();
-    paths->lupath_cnt = 0;
-    QMX_STATUS st = QMX_GetLuPathStatus(paths.get());
-    struct Release {
-        QMX_LUPATH_STATUS *p;
-        ~Release() { QMX_ReleaseLuPath(p); }
-    } release{paths.get()};
-    check(st, "QMX_GetLuPathStatus");
+    auto paths = listing(QMX_GetLuPathStatus, "QMX_GetLuPathStatus", [](QMX_LUPATH_STATUS *p) {
+        QMX_ReleaseLuPath(p);
+        delete p;
+    });
     int n = paths->lupath_cnt < 0 ? 0 : paths->lupath_cnt > QMX_LUPATH_MAX ? QMX_LUPATH_MAX : paths->lupath_cnt;
     if (o.json) {
         json arr = json::array();
@@ -178,16 +203,10 @@ int cmdHealthCheck(const Options &) {
 
 // ------------------------------------------------------------ target paths
 int cmdTargets(const Options &o) {
-    auto t = std::make_unique<QMX_TGTPATH_STATUS>();
-    t->tgtpath_cnt = 0;
-    QMX_STATUS st = QMX_GetTargetPathStatus(t.get());
-    struct Release {
-        QMX_TGTPATH_STATUS *p;
-        ~Release() {
-            if (p->tgtpath_cnt > 0) QMX_ReleaseTargetPathStatus(p);
-        }
-    } release{t.get()};
-    check(st, "QMX_GetTargetPathStatus");
+    auto t = listing(QMX_GetTargetPathStatus, "QMX_GetTargetPathStatus", [](QMX_TGTPATH_STATUS *p) {
+        if (p->tgtpath_cnt > 0) QMX_ReleaseTargetPathStatus(p);
+        delete p;
+    });
     uint32_t n = t->tgtpath_cnt > QMX_TGTPATH_MAX ? QMX_TGTPATH_MAX : t->tgtpath_cnt;
     json arr = json::array();
     if (!o.json)
@@ -357,6 +376,10 @@ void addMultipathCommands(CommandLine &cl) {
     envSet->add_option("FIELDS", o->args, "FIELD=VALUE")->required();
     envSet->add_flag("--keep", o->allPorts, "Also keep the named fields in /etc/qmxldd.conf");
     cl.on(envSet, [o] { return cmdEnvSet(*o, o->allPorts); });
+    auto *envUnset = env->add_subcommand("unset", "Reset FIELD... to the driver's defaults and remove them "
+                                                  "from /etc/qmxldd.conf");
+    envUnset->add_option("FIELDS", o->args, "FIELD")->required();
+    cl.on(envUnset, [o] { return cmdEnvUnset(*o); });
 
     auto *paths = mp->add_subcommand("paths", "Every LU path, by group, LUN and port");
     paths->add_flag("--json", o->json, "JSON output");

@@ -119,6 +119,34 @@ const std::vector<EnumName> kEnableDisable = {{"on", 1}, {"off", 2}};
 const std::vector<EnumName> kConnection = {{"auto", 1}, {"ptop", 2}, {"loop", 3}};
 const std::vector<EnumName> kSpeed = {{"auto", 0}};
 
+// Boot firmware setting: per port only, written without a delete request.
+template <class G, class S>
+Param firmwareRow(const char *name, const char *pair, const char *unit, G getter, S setter,
+                  std::optional<long long> notSet, const std::vector<EnumName> &names) {
+    Param p = row(name, pair, unit);
+    p.get = pairGet(getter, notSet);
+    p.set = plainSet(setter, name);
+    p.names = names;
+    p.scope = Scope::PortOnly;
+    p.canUnset = false;
+    return p;
+}
+#define QMX_FIRMWARE(name, X, unit, notSet, names) \
+    firmwareRow(name, #X, unit, QMX_Get##X, QMX_Set##X, notSet, names)
+
+// Driver-wide on/off switch: no port, current value only.
+template <class G, class S>
+Param driverRow(const char *name, const char *pair, G getter, S setter) {
+    Param p = row(name, pair, "");
+    p.get = currentGet(getter);
+    p.set = driverSet(setter, name);
+    p.names = kOnOff;
+    p.scope = Scope::DriverOnly;
+    p.hasSetting = false;
+    return p;
+}
+#define QMX_DRIVER(name, X) driverRow(name, #X, QMX_Get##X, QMX_Set##X)
+
 std::vector<Param> buildTable() {
     const std::optional<long long> kMinus1 = -1, kZero = 0, kUnknown = 255, kNone{};
     std::vector<Param> t;
@@ -160,60 +188,15 @@ std::vector<Param> buildTable() {
     t.push_back(QMX_PAIR("scsi_cmd_retry", ScsiCmdRetry, "", kMinus1));
     t.push_back(QMX_PAIR("preferred_alpa", PreferredALPANumber, "", kZero));
     t.back().hex = true;
-    {
-        // Kept by the boot firmware: per port only, 255 when not set.
-        Param p = row("login_delay_time", "LoginDelayTime", "s");
-        p.get = pairGet(QMX_GetLoginDelayTime, kUnknown);
-        p.set = delSet(QMX_SetLoginDelayTime, p.name);
-        p.scope = Scope::PortOnly;
-        t.push_back(std::move(p));
-    }
-    {
-        Param p = row("spinup_delay", "SpinupDelay", "");
-        p.get = pairGet(QMX_GetSpinupDelay, kNone);
-        p.set = plainSet(QMX_SetSpinupDelay, p.name);
-        p.names = kOnOff;
-        p.settingNames = kEnableDisable;  // the boot firmware's encoding
-        p.scope = Scope::PortOnly;
-        p.canUnset = false;
-        t.push_back(std::move(p));
-    }
-    {
-        Param p = row("connection_type", "ConnectionType", "");
-        p.get = pairGet(QMX_GetConnectionType, kUnknown);
-        p.set = plainSet(QMX_SetConnectionType, p.name);
-        p.names = kConnection;
-        p.scope = Scope::PortOnly;
-        p.canUnset = false;
-        t.push_back(std::move(p));
-    }
-    {
-        Param p = row("port_speed", "PortSpeed", "Gbps");
-        p.get = pairGet(QMX_GetPortSpeed, kUnknown);
-        p.set = plainSet(QMX_SetPortSpeed, p.name);
-        p.names = kSpeed;
-        p.scope = Scope::PortOnly;
-        p.canUnset = false;
-        t.push_back(std::move(p));
-    }
-    {
-        Param p = row("logging_mode", "LoggingMode", "");
-        p.get = currentGet(QMX_GetLoggingMode);
-        p.set = driverSet(QMX_SetLoggingMode, p.name);
-        p.names = kOnOff;
-        p.scope = Scope::DriverOnly;
-        p.hasSetting = false;
-        t.push_back(std::move(p));
-    }
-    {
-        Param p = row("target_filter", "TgtFilter", "");
-        p.get = currentGet(QMX_GetTgtFilter);
-        p.set = driverSet(QMX_SetTgtFilter, p.name);
-        p.names = kOnOff;
-        p.scope = Scope::DriverOnly;
-        p.hasSetting = false;
-        t.push_back(std::move(p));
-    }
+    // Kept by the boot firmware: per port only, 255 when not set.
+    t.push_back(QMX_PAIR("login_delay_time", LoginDelayTime, "s", kUnknown));
+    t.back().scope = Scope::PortOnly;
+    t.push_back(QMX_FIRMWARE("spinup_delay", SpinupDelay, "", kNone, kOnOff));
+    t.back().settingNames = kEnableDisable;  // the boot firmware's encoding
+    t.push_back(QMX_FIRMWARE("connection_type", ConnectionType, "", kUnknown, kConnection));
+    t.push_back(QMX_FIRMWARE("port_speed", PortSpeed, "Gbps", kUnknown, kSpeed));
+    t.push_back(QMX_DRIVER("logging_mode", LoggingMode));
+    t.push_back(QMX_DRIVER("target_filter", TgtFilter));
     {
         Param p = row("scsi_timeout_fail_count", "ScsiTimeoutFailCount", "");
         p.get = currentGet(QMX_GetScsiTimeoutFailCount);
