@@ -127,6 +127,15 @@ protected:
         return -1;
     }
     static void clearTrace() { ::unlink(kTraceFile); }
+    // A refused call: status `st` is 1, the reason code is `code` (-1: not
+    // looked at) and, when `msg` is given, the trace holds that line.
+    static ::testing::AssertionResult refused(long long st, int code, const std::string &msg = "") {
+        int got = QMX_LastErrorCode();
+        if (st != 1) return ::testing::AssertionFailure() << "status " << st << ", not 1";
+        if (code >= 0 && got != code) return ::testing::AssertionFailure() << "reason code " << got << ", not " << code;
+        if (!msg.empty() && !traceHas(msg)) return ::testing::AssertionFailure() << "no trace line \"" << msg << "\"";
+        return ::testing::AssertionSuccess();
+    }
     // Runs `fn` with the API trace file open, as an exported call's frame
     // has it: a routine called outside a frame traces only then.
     template <class F>
