@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr const char *kConf = "/etc/qmxldd.conf";
 constexpr const char *kModprobe = "/etc/modprobe.d/qmxldd_param.conf";
 
 class Binding : public VHostTest {

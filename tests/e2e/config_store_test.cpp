@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr const char *kConf = "/etc/qmxldd.conf";
 constexpr std::size_t kAreaSize = 208708;
 constexpr std::size_t kConfigText = 8544 + 68;
 

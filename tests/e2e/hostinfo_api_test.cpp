@@ -14,8 +14,6 @@
 namespace {
 
 constexpr const char *kLib = "/etc/qmxlib.conf";
-constexpr const char *kConf = "/etc/qmxldd.conf";
-
 class HostInfo : public VHostTest {
 protected:
     static std::string hex(int devno) {

@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr const char *kConf = "/etc/qmxldd.conf";
-
 class IsolationTest : public VHostTest {
 protected:
     std::unique_ptr<QMX_FORCE_ISOLATE_LIST> list = std::make_unique<QMX_FORCE_ISOLATE_LIST>();
@@ -299,15 +297,9 @@ TEST_F(IsolationTest, TroubleCountersFromTheIsolationRecord) {
     });
     QMX_TRBL_CNT c;
     ASSERT_EQ(QMX_GetAdapTroubleCnt(portWwn(1), &c), 0);
-    EXPECT_EQ(c.port_status, 8);
-    EXPECT_EQ(c.countL, 4);
-    EXPECT_EQ(c.countS, 2);
-    EXPECT_EQ(c.if_err, 5);
-    EXPECT_EQ(c.tmo_err, -3);
-    EXPECT_EQ(c.tmo_reset, 1);
-    EXPECT_EQ(c.err_is_func, 1);
-    EXPECT_EQ(c.err_is_fw_spt, 1);
-    EXPECT_EQ(c.err_is_hvm_spt, 0);
+    EXPECT_EQ(std::vector<long>({c.port_status, c.countL, c.countS, c.if_err, c.tmo_err, c.tmo_reset,
+                                 c.err_is_func, c.err_is_fw_spt, c.err_is_hvm_spt}),
+              std::vector<long>({8, 4, 2, 5, -3, 1, 1, 1, 0}));
 
     // The isolation record cannot be read: the status is in, the rest preset.
     failRequest("IOCTL_QMX_HBA_ISOLATION", 1, EIO, 1);

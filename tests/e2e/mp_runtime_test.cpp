@@ -28,10 +28,7 @@ protected:
         editState([&](qmxsim::json &s) { s["multipath"][field] = v; });
     }
     static qmxsim::json mpState() { return state()["multipath"]; }
-    static bool confHas(const std::string &item) {
-        std::string text = readFile("/etc/qmxldd.conf");
-        return text.find(item + ":") != std::string::npos;
-    }
+    static bool confHas(const std::string &item) { return readFile(kConf).find(item + ":") != std::string::npos; }
     // (group, lun, devno) of every listed path.
     std::vector<std::tuple<int, uint32_t, int>> listed() {
         std::vector<std::tuple<int, uint32_t, int>> v;
@@ -67,13 +64,10 @@ TEST_F(MpRuntimeTest, EnvironmentSetIsReadBackAndKeepsTheFlaggedKeys) {
     EXPECT_EQ(QMX_GetMaxLuPath(), 8) << "a write cannot change the driver's maximum";
     QMX_MP_PARAM got;
     ASSERT_EQ(QMX_GetOperationEnv(&got), 0);
-    EXPECT_EQ(got.qmxpcm, 1);
-    EXPECT_EQ(got.mp_failback, 1);
-    EXPECT_EQ(got.mp_interval, 60u);
-    EXPECT_EQ(got.mp_round_robin, 0);
-    EXPECT_EQ(got.mp_rr_seqcnt, 50u);
-    EXPECT_EQ(got.nm_alter_path, 1);
-    EXPECT_EQ(got.nm_offline_path, 0);
+    // qmxpcm, failback, interval, round robin, sequence count, alter and offline path.
+    EXPECT_EQ(std::vector<long>({got.qmxpcm, got.mp_failback, long(got.mp_interval), got.mp_round_robin,
+                                 long(got.mp_rr_seqcnt), got.nm_alter_path, got.nm_offline_path}),
+              std::vector<long>({1, 1, 60, 0, 50, 1, 0}));
     EXPECT_EQ(driverRequests("IOCTL_QMX_MP_PTHEALTH"), 0) << "no health check without the round-robin bit";
 }
 
@@ -402,7 +396,7 @@ TEST_F(MpRuntimeTest, ComponentsComeFromTheDriverOrFromTheFile) {
     EXPECT_STREQ(comp[0].bind, "0x5000000000000a01");
     EXPECT_EQ(comp[8].target, 1);
 
-    ASSERT_TRUE(writeFile("/etc/qmxldd.conf",
+    ASSERT_TRUE(writeFile(kConf,
                           "qmxl0-wwpn=0x2100001122334450:qmxl0-tid-3-wwpn=0x5000000000000a01:"
                           "qmxl0-tid-3-gt=0x2:\n"));
     ASSERT_EQ(QMX_GetSettingComponentCnt(), 2);
@@ -411,7 +405,7 @@ TEST_F(MpRuntimeTest, ComponentsComeFromTheDriverOrFromTheFile) {
     EXPECT_EQ(comp[1].group, 2);
     EXPECT_EQ(comp[1].target, 3);
     EXPECT_TRUE(refused(QMX_GetSettingComponent(list.get(), nullptr), -1, "component == NULL"));
-    makeUnreadable("/etc/qmxldd.conf");
+    makeUnreadable(kConf);
     EXPECT_EQ(QMX_GetSettingComponentCnt(), -1);
     EXPECT_TRUE(traceHas("read_qmxldd_conf is errend"));
 }

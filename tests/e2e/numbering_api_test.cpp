@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr const char *kConf = "/etc/qmxldd.conf";
-
 class NumberingTest : public VHostTest {
 protected:
     std::unique_ptr<QMX_ADAPTERNUMBER> info = std::make_unique<QMX_ADAPTERNUMBER>();

@@ -90,14 +90,12 @@ TEST_F(LinkSettings, ConnectionTypeOfASharedPartitionedPort) {
 
 TEST_F(LinkSettings, ConnectionTypeOfADedicatedPartitionedPort) {
     setMlpf(2, kDedicated);
-    ASSERT_EQ(QMX_SetConnectionType(portWwn(2), 1), 0);
-    EXPECT_TRUE(traceHas("QMX_SetConnectionType (MMIO-HG Dedicate)"));
-    EXPECT_EQ(efiByte(2, 515), 0);
-    EXPECT_EQ(portCounter(2, "efi_store"), 1);
-    ASSERT_EQ(QMX_SetConnectionType(portWwn(2), 2), 0);
-    EXPECT_EQ(efiByte(2, 515), 1);
-    ASSERT_EQ(QMX_SetConnectionType(portWwn(2), 3), 0);
-    EXPECT_EQ(efiByte(2, 515), 3);
+    for (auto [type, opt] : std::vector<std::pair<QMX_UINT8, int>>{{1, 0}, {2, 1}, {3, 3}}) {
+        ASSERT_EQ(QMX_SetConnectionType(portWwn(2), type), 0);
+        EXPECT_EQ(efiByte(2, 515), opt) << int(type);
+    }
+    EXPECT_EQ(traceCount("QMX_SetConnectionType (MMIO-HG Dedicate)"), 3);
+    EXPECT_EQ(portCounter(2, "efi_store"), 3);
     QMX_UINT8 c = 0, s = 0;
     ASSERT_EQ(QMX_GetConnectionType(portWwn(2), &c, &s), 0);
     EXPECT_EQ(s, 3);
@@ -291,9 +289,7 @@ TEST_F(LinkSettings, ProcInfoCopiesTheDriversSummary) {
     EXPECT_EQ(info.model_name[6], 0);
     EXPECT_EQ(std::string(reinterpret_cast<char *>(info.driver_ver), 5), "2.1.0");
     EXPECT_EQ(info.firmware_ver, 0x01020304u);
-    EXPECT_EQ(info.bus_dev_func[0], 4);
-    EXPECT_EQ(info.bus_dev_func[1], 0);
-    EXPECT_EQ(info.bus_dev_func[2], 1);
+    EXPECT_EQ(std::vector<uint8_t>(info.bus_dev_func, info.bus_dev_func + 3), (std::vector<uint8_t>{4, 0, 1}));
     EXPECT_EQ(info.port_status, 3);
     EXPECT_EQ(info.connection_type, 2);
     EXPECT_EQ(info.max_data_rate, 800u);
@@ -306,10 +302,7 @@ TEST_F(LinkSettings, JudgeMlpfModeClassifiesThePartitionMode) {
     setMlpf(1, kShared);
     setMlpf(2, kDedicated);
     setMlpf(3, 0x40);
-    EXPECT_EQ(QMX_JudgeMlpfMode(portWwn(0)), 0);
-    EXPECT_EQ(QMX_JudgeMlpfMode(portWwn(1)), 1);
-    EXPECT_EQ(QMX_JudgeMlpfMode(portWwn(2)), 2);
-    EXPECT_EQ(QMX_JudgeMlpfMode(portWwn(3)), 0);
+    for (int devno = 0; devno < 4; ++devno) EXPECT_EQ(QMX_JudgeMlpfMode(portWwn(devno)), devno % 3) << devno;
     EXPECT_EQ(QMX_LastErrorCode(), 0);
     EXPECT_EQ(traceCount("QMX_JudgeMlpfMode END"), 4);
     EXPECT_EQ(QMX_JudgeMlpfMode(wwnOf(0x2100001122339999ull)), -1);

@@ -10,8 +10,6 @@
 
 class ParamsVHostTest : public VHostTest {
 protected:
-    static constexpr const char *kConf = "/etc/qmxldd.conf";
-
     // Discovery (once per process) queries every port itself: tests that
     // count or fail requests run it first.
     static void discover() { ASSERT_GE(QMX_InitRoutine(portWwn(0)), 0); }

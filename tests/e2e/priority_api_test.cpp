@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr const char *kConf = "/etc/qmxldd.conf";
-
 class Priority : public VHostTest {};
 
 TEST_F(Priority, ListingByGroupAdapterAndFileOrder) {

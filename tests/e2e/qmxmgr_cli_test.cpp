@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr const char *kConf = "/etc/qmxldd.conf";
-
 using QmxmgrTest = ManagerTest;
 using Result = ManagerTest::Result;
 

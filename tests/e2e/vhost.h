@@ -42,6 +42,7 @@ class VHostTest : public ::testing::Test {
 public:
     static constexpr const char *kTraceFile = "/opt/kestrel/drivers/hba/qmxlibTrace.txt";
     static constexpr const char *kToolDir = "/opt/kestrel/drivers/hba";
+    static constexpr const char *kConf = "/etc/qmxldd.conf";
 
 protected:
     void SetUp() override {
