@@ -56,14 +56,6 @@ protected:
             if (lines[i] == msg) return lines[i - 1];
         return "";
     }
-    // Messages from the first `first` on.
-    static std::vector<std::string> traceFrom(const std::string &first) {
-        std::vector<std::string> lines = traceLines();
-        int at = traceIndex(first);
-        if (at < 0) return {};
-        return std::vector<std::string>(lines.begin() + at, lines.end());
-    }
-
     // Runs of the BIOS tool: whether one had `args` in its command line, and
     // how many there were.
     static bool toolRan(const std::string &args) {
