@@ -257,29 +257,20 @@ TEST_F(HostInfo, DefaultsRecordPresetsAndFileValues) {
     ASSERT_TRUE(writeFile(kConf, "qmx0_queue_depth=5:qmxl0-wwpn=0x2100001122334450:"));
     QMX_ALL_DEF_PARAM d;
     ASSERT_EQ(0, QMX_GetAllTargetParam(&d));
-    EXPECT_EQ(d.maxTransfer, 0u);
-    EXPECT_EQ(d.preferred, 0);
-    EXPECT_EQ(d.queueDepth, 0u);  // the per-port key is not driver-wide
-    EXPECT_EQ(d.linkDown, 0xFFFFFFFFu);
-    EXPECT_EQ(d.scatterGather, -1);
-    EXPECT_EQ(d.tgt_filter, -1);
-    EXPECT_EQ(d.retryCnt[0], -1);
-    EXPECT_EQ(d.retryCnt[999], -1);
+    // The presets; the per-port key is not driver-wide.
+    EXPECT_EQ(std::vector<long long>({d.maxTransfer, d.preferred, d.queueDepth, d.linkDown, d.scatterGather,
+                                      d.tgt_filter, d.retryCnt[0], d.retryCnt[999]}),
+              std::vector<long long>({0, 0, 0, 0xFFFFFFFF, -1, -1, -1, -1}));
 
     ASSERT_TRUE(writeFile(kConf, "qmx_isol_type=0:qmx_rt_err_enable=1:qmx_abort_t_restrain=2:"
                                  "qmx_enable_tgtrst=0:qmx_retry_cnt12=7:qmx_retry_cnt1000=9:"
                                  "qmx_retry_cnt-1=9:qmx_queue_depth=32:qmx_preferred_alpa=257:"
                                  "qmx_queue_depth_x=1:qmx_filter_target=1:"));
     ASSERT_EQ(0, QMX_GetAllTargetParam(&d));
-    EXPECT_EQ(d.isolateType, 2);
-    EXPECT_EQ(d.rtErrFlag, 1);
-    EXPECT_EQ(d.abortTRestrain, -1);
-    EXPECT_EQ(d.target_rst, 0);
-    EXPECT_EQ(d.retryCnt[12], 7);
-    EXPECT_EQ(d.retryCnt[999], -1);
-    EXPECT_EQ(d.queueDepth, 32u);  // exact keys only
-    EXPECT_EQ(d.preferred, 1);     // narrowed to the field
-    EXPECT_EQ(d.tgt_filter, 1);
+    // Exact keys only; the preferred AL_PA is narrowed to its field.
+    EXPECT_EQ(std::vector<long long>({d.isolateType, d.rtErrFlag, d.abortTRestrain, d.target_rst, d.retryCnt[12],
+                                      d.retryCnt[999], d.queueDepth, d.preferred, d.tgt_filter}),
+              std::vector<long long>({2, 1, -1, 0, 7, -1, 32, 1, 1}));
     ASSERT_TRUE(writeFile(kConf, "qmx_isol_type=5:"));
     ASSERT_EQ(0, QMX_GetAllTargetParam(&d));
     EXPECT_EQ(d.isolateType, -1);
