@@ -5,15 +5,7 @@
 set -u
 QMXSIM=$1
 SCN=$2
-fail=0
-check() {  # check <description> <expected> <actual>
-    if [ "$2" != "$3" ]; then
-        echo "FAIL: $1: expected '$2', got '$3'"
-        fail=1
-    else
-        echo "ok: $1"
-    fi
-}
+. "$(dirname "$0")/check.sh"
 
 "$QMXSIM" -- sh -c 'exit 3'
 check "exit status of the command" 3 $?

@@ -7,15 +7,7 @@ set -u
 QMXSIM=$1
 E2E=$2
 LIB=$3
-fail=0
-check() {  # check <description> <expected> <actual>
-    if [ "$2" != "$3" ]; then
-        echo "FAIL: $1: expected '$2', got '$3'"
-        fail=1
-    else
-        echo "ok: $1"
-    fi
-}
+. "$(dirname "$0")/check.sh"
 
 # A build tree under /tmp: the launcher with its driver and adapter tools,
 # the test binary and the library it loads.
