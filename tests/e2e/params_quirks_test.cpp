@@ -306,5 +306,6 @@ TEST_F(ParamQuirks, SetterThatCannotTakeTheLockEndsWithCode5) {
     EXPECT_FALSE(traceHas("QMX_SetQueueDepthCount ABEND"));
     EXPECT_FALSE(traceHas("QMX_InitRoutine START"));
     EXPECT_EQ(readFile(kConf), before);
+    EXPECT_EQ(QMX_ExeclusiveLockCheck(1), 0) << "the failed call must not release a lock it never took";
     QMX_ExeclusiveUnlock(1);
 }

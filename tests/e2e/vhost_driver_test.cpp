@@ -1,7 +1,8 @@
 // The virtual host itself: the simulated driver's request checks and answers,
 // scripted faults, state shared between processes, host files.  The tools
 // (firmware, diagnostics, BIOS), the module image and the disk links are
-// checked through the library's calls that use them.
+// checked through the library's calls that use them, and so are the
+// isolation, path state and multipath parameter requests.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
@@ -231,53 +232,6 @@ TEST_F(VHostDriver, MaximumTargetAndLuMapsAreGeneratedOnDemand) {
     EXPECT_LT(readFile(stateDir() + "/state.json").size(), 64u * 1024);
 }
 
-TEST_F(VHostDriver, IsolationChangesThePortStatusAndSfpDataIsThere) {
-    Device d(1);
-    std::vector<uint8_t> iso(2160, 0);
-    iso[1] = 1;  // isolate
-    ASSERT_EQ(d.call(req(0x20, 2160), iso.data()), 0);
-    EXPECT_EQ(iso[111], 1);  // done
-    qmx_ioctl_proc_info info;
-    ASSERT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info), 0);
-    EXPECT_EQ(info.port_status, 3);
-    iso.assign(2160, 0);
-    iso[1] = 3;  // recover
-    ASSERT_EQ(d.call(req(0x20, 2160), iso.data()), 0);
-    ASSERT_EQ(d.call(IOCTL_QMX_SC_PRINFO, &info), 0);
-    EXPECT_EQ(info.port_status, 1);
-    uint8_t pci[4] = {};
-    ASSERT_EQ(diag(d, QMX_DG_RDPCI, 880, 4, pci), 0);
-    EXPECT_EQ(pci[0] & 0x80, 0x80);  // hot swap supported by the hardware
-    std::vector<uint8_t> table(QMX_DGRD_INITTBL_LEN + 1, 0);
-    ASSERT_EQ(diag(d, QMX_DGRD_INITTBL, 0, QMX_DGRD_INITTBL_LEN, table.data()), 0);
-    EXPECT_EQ(table[48] & 1, 1);
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(&table[336]), 14), "SFP-8G-SW-0001");
-    uint8_t led = 0x88;
-    ASSERT_EQ(diag(d, QMX_DG_WRPCI, 57, 1, &led), 0);
-    uint8_t back = 0;
-    ASSERT_EQ(diag(d, QMX_DG_RDPCI, 57, 1, &back), 0);
-    EXPECT_EQ(back, 0x88);
-}
-
-TEST_F(VHostDriver, SetPathErrCodeIsScriptable) {
-    addFault({{"request", "IOCTL_QMX_MP_SETPATH"}, {"port", 0}, {"err_code", 10}, {"errno", EIO}});
-    Device d(0);
-    uint8_t sp[28] = {};
-    uint64_t port = 0x5000000000000a01ull;
-    std::memcpy(sp + 8, &port, 8);
-    int err = 0;
-    EXPECT_EQ(d.call(req(0x18, 28), sp, &err), -1);
-    EXPECT_EQ(err, EIO);
-    EXPECT_EQ(sp[23], 10);
-    // Without the fault the path state changes and stays changed.
-    sp[18] = 2;
-    ASSERT_EQ(d.call(req(0x18, 28), sp), 0);
-    std::vector<uint8_t> lu(32 + 2048 * 160, 0);
-    std::memcpy(&lu[8], &port, 8);
-    ASSERT_EQ(d.call(req(0x13, 192), lu.data()), 0);
-    EXPECT_EQ(lu[32 + 1], 2);  // LUN 0's status
-}
-
 TEST_F(VHostDriver, ProcEntriesAreRedirected) {
     std::string text;
     FILE *fp = std::fopen("/proc/scsi/vqmxldd/4", "r");
@@ -323,25 +277,6 @@ TEST_F(VHostDriver, UnreadableFilesAreRefusedEvenToRoot) {
     FILE *fp = std::fopen("/etc/qmxldd.conf", "r");  // other files open as before
     ASSERT_NE(fp, nullptr);
     std::fclose(fp);
-}
-
-TEST_F(VHostDriver, MultipathParametersRoundTrip) {
-    Device d(1), other(3);
-    qmx_mp_parameters mp;
-    std::memset(&mp, 0, sizeof mp);
-    ASSERT_EQ(d.call(IOCTL_QMX_MP_RDPARM, &mp), 0);
-    EXPECT_EQ(mp.qmxmp, 1);
-    EXPECT_EQ(mp.mp_interval, 30u);
-    EXPECT_EQ(mp.mp_max_lu_path, 8u);
-    mp.mp_interval = 1440;
-    mp.mp_failback = 1;
-    ASSERT_EQ(d.call(IOCTL_QMX_MP_WRPARM, &mp), 0);
-    qmx_mp_parameters again;
-    std::memset(&again, 0, sizeof again);
-    ASSERT_EQ(other.call(IOCTL_QMX_MP_RDPARM, &again), 0);  // driver-wide: any port
-    EXPECT_EQ(again.mp_interval, 1440u);
-    EXPECT_EQ(again.mp_failback, 1);
-    EXPECT_EQ(again.mp_max_lu_path, 8u);
 }
 
 TEST_F(VHostDriver, ReportLunsTellsTheFullCountButFillsOnlyTheBuffer) {
