@@ -114,22 +114,11 @@ TEST_F(ParamQuirks, InterruptTypeForAnAdapterWithoutItsOwnNumberItems) {
     EXPECT_TRUE(confHasItem("qmx3_msi_enable=2"));
 }
 
-TEST_F(ParamQuirks, PassChangeThresholdsPerErrorNumber) {
-    appendConf("qmx1_retry_cnt5=7:qmx1_retry_cnt999=2048:qmx_retry_cnt6=3:qmx0_retry_cnt0=1:");
-    std::vector<int> c(1000, 42), s(1000, 42);
-    ASSERT_EQ(QMX_GetPassChangeThreshold(portWwn(1), c.data(), s.data()), 0);
-    EXPECT_EQ(s[5], 7);
-    EXPECT_EQ(s[999], 2048);
-    EXPECT_EQ(s[6], -1);  // the driver-wide item is not the port's
-    EXPECT_EQ(s[0], -1);
-    for (int i = 0; i < 1000; ++i) EXPECT_EQ(c[i], 0) << i;  // the simulated driver reports zeros
-    EXPECT_TRUE(traceHas("QMX_GetPassChangeThreshold END"));
-}
-
 // The 1000 lookups are answered from one read of the file, and the trace is
 // the one the engine's lookups of one key each write (time stamps aside).
 TEST_F(ParamQuirks, PassChangeThresholdsReadTheFileOnceAndTraceEveryLookup) {
-    appendConf("qmx1_retry_cnt5=7:qmx1_retry_cnt999=2048:qmx1_retry_cnt12=12" + std::string(130, 'x') + ":");
+    appendConf("qmx1_retry_cnt5=7:qmx1_retry_cnt999=2048:qmx1_retry_cnt12=12" + std::string(130, 'x') +
+               ":qmx_retry_cnt6=3:qmx0_retry_cnt0=1:");
     discover();
     const QMX_WWN w = portWwn(1);
     // Each line's time stamp ("YYYY/MM/DD hh:mm:ss") masked.
@@ -144,7 +133,7 @@ TEST_F(ParamQuirks, PassChangeThresholdsReadTheFileOnceAndTraceEveryLookup) {
     ASSERT_GE(watch, 0);
     // Closes are watched too: identical events in a row would be merged.
     ASSERT_GE(inotify_add_watch(watch, kConf, IN_OPEN | IN_CLOSE_NOWRITE), 0);
-    std::vector<int> c(1000), s(1000);
+    std::vector<int> c(1000, 42), s(1000, 42);
     ASSERT_EQ(QMX_GetPassChangeThreshold(w, c.data(), s.data()), 0);
     int opens = 0;
     alignas(inotify_event) char buf[64 * (sizeof(inotify_event) + 16)];
@@ -156,6 +145,10 @@ TEST_F(ParamQuirks, PassChangeThresholdsReadTheFileOnceAndTraceEveryLookup) {
     EXPECT_EQ(s[5], 7);
     EXPECT_EQ(s[12], 12);  // an over-long value, cut to its field (traced on every lookup)
     EXPECT_EQ(s[999], 2048);
+    EXPECT_EQ(s[6], -1);  // neither the driver-wide item nor port 0's is port 1's
+    EXPECT_EQ(s[0], -1);
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(c[std::size_t(i)], 0) << i;  // the simulated driver reports zeros
+    EXPECT_TRUE(traceHas("QMX_GetPassChangeThreshold END"));
     std::string once = traceFile();
 
     // The same call made of the engine's single-key lookups.
