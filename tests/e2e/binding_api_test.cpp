@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr const char *kConf = "/etc/qmxldd.conf";
 constexpr const char *kModprobe = "/etc/modprobe.d/qmxldd_param.conf";
 
 class Binding : public VHostTest {
@@ -109,9 +108,7 @@ TEST_F(Binding, AutoSetEdgeCases) {
     EXPECT_EQ(driverRequests("IOCTL_QMX_MP_LUMAP"), 0);
 
     // Null record: code 2, nothing written.
-    EXPECT_EQ(QMX_AutoSetPersistentBinding(nullptr), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), QMX_ERR_INVALID_ARG);
-    EXPECT_TRUE(traceHas("bind_information == NULL"));
+    EXPECT_TRUE(refused(QMX_AutoSetPersistentBinding(nullptr), QMX_ERR_INVALID_ARG, "bind_information == NULL"));
     EXPECT_EQ(readFile(kConf), conf);
 
     // No device files: no binding items, every slot 0xFF, success.
@@ -130,8 +127,7 @@ TEST_F(Binding, DeleteRemovesTargetItemsOnly) {
               "qmx_queue_depth=32:qmx0_queue_depth=8:qmxl0-wwpn=0x2100001122334450:qmxl9-foo=1:");
     // A file that cannot be read is not rewritten.
     makeUnreadable(kConf);
-    EXPECT_EQ(QMX_DeletePersistentBinding(), 1);
-    EXPECT_TRUE(traceHas("QMX_DeletePersistentBinding ABEND"));
+    EXPECT_TRUE(refused(QMX_DeletePersistentBinding(), -1, "QMX_DeletePersistentBinding ABEND"));
 }
 
 TEST_F(Binding, AutomaticMappingSwitch) {
@@ -152,18 +148,14 @@ TEST_F(Binding, AutomaticMappingSwitch) {
     ASSERT_EQ(QMX_GetBindingAutoMapping(&on), 0);
     EXPECT_EQ(on, 1u);
 
-    EXPECT_EQ(QMX_GetBindingAutoMapping(nullptr), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), QMX_ERR_INVALID_ARG);
-    EXPECT_TRUE(traceHas("automap == NULL"));
+    EXPECT_TRUE(refused(QMX_GetBindingAutoMapping(nullptr), QMX_ERR_INVALID_ARG, "automap == NULL"));
     // The failure kept the lock: the next setter cannot take it.
     EXPECT_EQ(QMX_ExeclusiveLockCheck(1), 0);
 }
 
 TEST_F(Binding, ForceBindingThroughTheBiosTool) {
     QMX_WWN w = portWwn(0);
-    EXPECT_EQ(QMX_SetForceBinding(w, 2), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), QMX_ERR_INVALID_ARG);
-    EXPECT_TRUE(traceHas("bind_flg is invalid value"));
+    EXPECT_TRUE(refused(QMX_SetForceBinding(w, 2), QMX_ERR_INVALID_ARG, "bind_flg is invalid value"));
     ASSERT_EQ(QMX_SetForceBinding(w, 1), 0);
     QMX_UINT8 flag = 0;
     ASSERT_EQ(QMX_GetForceBinding(w, &flag), 0);
@@ -171,8 +163,7 @@ TEST_F(Binding, ForceBindingThroughTheBiosTool) {
     ASSERT_EQ(QMX_SetForceBinding(w, 0), 0);
     ASSERT_EQ(QMX_GetForceBinding(w, &flag), 0);
     EXPECT_EQ(flag, 2);  // the listing's "disabled"
-    EXPECT_EQ(QMX_GetForceBinding(w, nullptr), 1);
-    EXPECT_TRUE(traceHas("bind_flg == NULL"));
+    EXPECT_TRUE(refused(QMX_GetForceBinding(w, nullptr), -1, "bind_flg == NULL"));
 }
 
 }  // namespace

@@ -82,30 +82,19 @@ TEST_F(BiosApi, TheExclusiveLockIsHeldWhileTheToolRunsAndReleasedAfter) {
 
 TEST_F(BiosApi, SettersRefuseValuesOtherThanZeroAndOne) {
     QMX_WWN w = portWwn(0);
-    EXPECT_EQ(1, QMX_SetHBABiosSetting(w, 2));
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas("biossetting is invalid value"));
-    EXPECT_EQ(1, QMX_SetBootPriority(w, 0xFFFFFFFFu));
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas("bootpriority is invalid value"));
+    EXPECT_TRUE(refused(QMX_SetHBABiosSetting(w, 2), 2, "biossetting is invalid value"));
+    EXPECT_TRUE(refused(QMX_SetBootPriority(w, 0xFFFFFFFFu), 2, "bootpriority is invalid value"));
     EXPECT_TRUE(traceHas("QMX_SetBootPriority ABEND"));
     EXPECT_TRUE(runs().empty());
 }
 
 TEST_F(BiosApi, UnknownPortAndNullOutputs) {
     QMX_BIOSSETTING s = 7;
-    EXPECT_EQ(1, QMX_GetHBABiosSetting(wwnOf(0x1234), &s));
-    EXPECT_EQ(QMX_LastErrorCode(), 4);
-    EXPECT_EQ(1, QMX_SetBootPriority(wwnOf(0x1234), 1));
-    EXPECT_EQ(QMX_LastErrorCode(), 4);
-    EXPECT_EQ(1, QMX_GetHBABiosSetting(portWwn(0), nullptr));
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas("S_biossetting == NULL"));
-    EXPECT_EQ(1, QMX_GetBootPriority(portWwn(0), nullptr));
-    EXPECT_TRUE(traceHas("S_bootpriority == NULL"));
-    EXPECT_EQ(1, QMX_GetBootPriorityList(portWwn(0), nullptr));
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas("S_bootprioritylist == NULL"));
+    EXPECT_TRUE(refused(QMX_GetHBABiosSetting(wwnOf(0x1234), &s), 4));
+    EXPECT_TRUE(refused(QMX_SetBootPriority(wwnOf(0x1234), 1), 4));
+    EXPECT_TRUE(refused(QMX_GetHBABiosSetting(portWwn(0), nullptr), 2, "S_biossetting == NULL"));
+    EXPECT_TRUE(refused(QMX_GetBootPriority(portWwn(0), nullptr), -1, "S_bootpriority == NULL"));
+    EXPECT_TRUE(refused(QMX_GetBootPriorityList(portWwn(0), nullptr), 2, "S_bootprioritylist == NULL"));
     EXPECT_TRUE(runs().empty());
 }
 
@@ -156,9 +145,7 @@ TEST_F(BiosApi, BootPriorityListRoundTripsThroughTheTool) {
 TEST_F(BiosApi, BootPriorityListWithALunAbove65535RunsNothing) {
     QMX_BOOTPRIORITYLIST in = sampleList();
     in.entry[3].lun = 65536;
-    EXPECT_EQ(1, QMX_SetBootPriorityList(portWwn(0), in));
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas("Invalid LUN number"));
+    EXPECT_TRUE(refused(QMX_SetBootPriorityList(portWwn(0), in), 2, "Invalid LUN number"));
     EXPECT_TRUE(runs().empty());
     in.entry[3].lun = 65535;
     EXPECT_EQ(0, QMX_SetBootPriorityList(portWwn(0), in));
@@ -167,8 +154,7 @@ TEST_F(BiosApi, BootPriorityListWithALunAbove65535RunsNothing) {
 
 TEST_F(BiosApi, BootDeviceRowFailureStopsWithoutRetry) {
     scriptTool("qmxbios", 2, 1);
-    EXPECT_EQ(1, QMX_SetBootPriorityList(portWwn(0), sampleList()));
-    EXPECT_EQ(QMX_LastErrorCode(), 11);
+    EXPECT_TRUE(refused(QMX_SetBootPriorityList(portWwn(0), sampleList()), 11));
     EXPECT_EQ(runs().size(), 1u);
     EXPECT_TRUE(traceHas("qmx_ExecQmxbios ABEND"));
     EXPECT_TRUE(traceHas("QMX_SetBootPriorityList ABEND"));
@@ -200,8 +186,7 @@ TEST_F(BiosApi, ToolAlwaysFailingGivesFourRunsAndCode11) {
 
 TEST_F(BiosApi, LockHeldElsewhereFailsWithCode5AndClosesTheTrace) {
     ASSERT_EQ(0, QMX_ExeclusiveLock(6));
-    EXPECT_EQ(1, QMX_SetHBABiosSetting(portWwn(0), 1));
-    EXPECT_EQ(QMX_LastErrorCode(), 5);
+    EXPECT_TRUE(refused(QMX_SetHBABiosSetting(portWwn(0), 1), 5));
     EXPECT_TRUE(runs().empty());
     std::vector<std::string> t = traceLines();
     int over = traceIndex("Lock retry count overflow !!");
@@ -229,8 +214,7 @@ TEST_F(BiosApi, AListingMissingAfterASuccessfulRunEndsInAbendWithTheCodeKept) {
     for (const auto &g : getters) {
         SCOPED_TRACE(g.name);
         clearTrace();
-        EXPECT_EQ(g.call(), 1);
-        EXPECT_EQ(QMX_LastErrorCode(), 0);
+        EXPECT_TRUE(refused(g.call(), 0));
         std::vector<std::string> want = {"qmx_ExecQmxbios END", "qmx_GetQmxbiosInfo ABEND",
                                          std::string(g.name) + " ABEND"};
         std::vector<std::string> t = traceLines();

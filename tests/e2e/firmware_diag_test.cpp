@@ -86,8 +86,7 @@ TEST_F(FirmwareDiag, ToolResultsAreIgnoredButArgumentsAreChecked) {
     EXPECT_EQ(QMX_LastErrorCode(), 2);
     EXPECT_EQ(toolLog("qmxmcup").size(), 1u);
     QMX_WWN unknown = wwnOf(0x1234);
-    EXPECT_EQ(1, QMX_FirmwareUpdate(unknown, c(img), 0));
-    EXPECT_EQ(QMX_LastErrorCode(), 4);
+    EXPECT_TRUE(refused(QMX_FirmwareUpdate(unknown, c(img), 0), 4));
 }
 
 TEST_F(FirmwareDiag, OnlineRefreshOperations) {
@@ -97,11 +96,8 @@ TEST_F(FirmwareDiag, OnlineRefreshOperations) {
     std::vector<std::string> want = {"qmxmcref", "qmxmcref -d qmxldd2 -c", "qmxmcref -d all"};
     EXPECT_EQ(toolLog("qmxmcref"), want);
     EXPECT_EQ(portCounter(2, "fw_refresh"), 3);
-    EXPECT_EQ(1, QMX_OnlineUpdateFW(3, c("qmxldd2"), 0));
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas("operation value other than 0, 1, and 2"));
-    EXPECT_EQ(1, QMX_OnlineUpdateFW(1, c(""), 0));
-    EXPECT_TRUE(traceHas("device == NULL"));
+    EXPECT_TRUE(refused(QMX_OnlineUpdateFW(3, c("qmxldd2"), 0), 2, "operation value other than 0, 1, and 2"));
+    EXPECT_TRUE(refused(QMX_OnlineUpdateFW(1, c(""), 0), -1, "device == NULL"));
     EXPECT_EQ(toolLog("qmxmcref").size(), 3u);
 }
 
@@ -113,14 +109,10 @@ TEST_F(FirmwareDiag, FirmwareVersionOfPortAndImage) {
     EXPECT_STREQ(v.new_version, "");
     ASSERT_EQ(0, QMX_GetFirmwareVersion(portWwn(2), c(image("/tmp/fw.img")), &v));
     EXPECT_STREQ(v.new_version, "12345678");
-    EXPECT_EQ(1, QMX_GetFirmwareVersion(portWwn(2), c("/tmp/none.img"), &v));
-    EXPECT_EQ(QMX_LastErrorCode(), 1);
-    EXPECT_EQ(1, QMX_GetFirmwareVersion(portWwn(2), nullptr, nullptr));
-    EXPECT_TRUE(traceHas("f_version is null"));
+    EXPECT_TRUE(refused(QMX_GetFirmwareVersion(portWwn(2), c("/tmp/none.img"), &v), 1));
+    EXPECT_TRUE(refused(QMX_GetFirmwareVersion(portWwn(2), nullptr, nullptr), -1, "f_version is null"));
     failRequest("IOCTL_QMX_SC_PRINFO", 2, 5);
-    EXPECT_EQ(1, QMX_GetFirmwareVersion(portWwn(2), nullptr, &v));
-    EXPECT_EQ(QMX_LastErrorCode(), 7);
-    EXPECT_TRUE(traceHas("QMX_GetFirmwareVersion Error"));
+    EXPECT_TRUE(refused(QMX_GetFirmwareVersion(portWwn(2), nullptr, &v), 7, "QMX_GetFirmwareVersion Error"));
 }
 
 TEST_F(FirmwareDiag, CallerTextReachesTheToolsAsOneArgument) {
@@ -212,8 +204,7 @@ TEST_F(FirmwareDiag, EraseLogRunsTheBiosTool) {
     ASSERT_EQ(0, QMX_EraseLogData(portWwn(2)));
     EXPECT_EQ(toolLog("qmxbios"), std::vector<std::string>{"qmxbios -x -d qmxldd2 -o log_erase"});
     scriptTool("qmxbios", 1, -1);
-    EXPECT_EQ(1, QMX_EraseLogData(portWwn(2)));
-    EXPECT_EQ(QMX_LastErrorCode(), 11);
+    EXPECT_TRUE(refused(QMX_EraseLogData(portWwn(2)), 11));
 }
 
 }  // namespace

@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr const char *kConf = "/etc/qmxldd.conf";
-
 class IsolationTest : public VHostTest {
 protected:
     std::unique_ptr<QMX_FORCE_ISOLATE_LIST> list = std::make_unique<QMX_FORCE_ISOLATE_LIST>();
@@ -68,9 +66,7 @@ TEST_F(IsolationTest, ListStopsAt256EntriesFromTheKeysHexPairs) {
     EXPECT_EQ(list->list[255].dev, 255);
     EXPECT_EQ(list->list[255].mode, 1);
 
-    EXPECT_EQ(QMX_GetForceIsolateList(nullptr), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas("isolate_list is null"));
+    EXPECT_TRUE(refused(QMX_GetForceIsolateList(nullptr), 2, "isolate_list is null"));
 }
 
 TEST_F(IsolationTest, IsolatingWithMode2WritesSiblingsAndAsksTheDriver) {
@@ -173,10 +169,8 @@ TEST_F(IsolationTest, HbaIsolateAndRecover) {
     EXPECT_FALSE(traceHas("QMX_ExeclusiveLock START"));
 
     isolationField(2, "err_is_fw_spt", 0);
-    EXPECT_EQ(QMX_SetHBAIsolate(portWwn(2), &hba), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 22);
-    EXPECT_EQ(QMX_SetHBAIsolate(wwnOf(0x2100000000000099), &hba), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 4);
+    EXPECT_TRUE(refused(QMX_SetHBAIsolate(portWwn(2), &hba), 22));
+    EXPECT_TRUE(refused(QMX_SetHBAIsolate(wwnOf(0x2100000000000099), &hba), 4));
 }
 
 TEST_F(IsolationTest, IsolationFunctionSwitchesEveryPortAndIsStored) {
@@ -199,9 +193,7 @@ TEST_F(IsolationTest, IsolationFunctionSwitchesEveryPortAndIsStored) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "qmxldd1 :QMXAPI ioctl retry\n");
     EXPECT_EQ(driverRequests("IOCTL_QMX_HBA_ISOLATION", -1, 5), 4);
     EXPECT_NE(readFile(kConf).find("qmx_hba_isolation=1:"), std::string::npos);
-    EXPECT_EQ(QMX_GetIsolFunc(nullptr), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas("onoff == NULL"));
+    EXPECT_TRUE(refused(QMX_GetIsolFunc(nullptr), 2, "onoff == NULL"));
 }
 
 // --------------------------------------------------------------- transceiver
@@ -292,8 +284,7 @@ TEST_F(IsolationTest, SfpInfoReadsTheIdentificationAndSetsStatusBits) {
     EXPECT_EQ(s.status, QMX_SFP_STATUS_NO_HW_SWAP | QMX_SFP_STATUS_ID_BIT6);
 
     s.bus = 9;
-    EXPECT_EQ(QMX_GetSFPInfo(&s), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
+    EXPECT_TRUE(refused(QMX_GetSFPInfo(&s), 2));
 }
 
 // ----------------------------------------------------------- trouble counters
@@ -306,28 +297,19 @@ TEST_F(IsolationTest, TroubleCountersFromTheIsolationRecord) {
     });
     QMX_TRBL_CNT c;
     ASSERT_EQ(QMX_GetAdapTroubleCnt(portWwn(1), &c), 0);
-    EXPECT_EQ(c.port_status, 8);
-    EXPECT_EQ(c.countL, 4);
-    EXPECT_EQ(c.countS, 2);
-    EXPECT_EQ(c.if_err, 5);
-    EXPECT_EQ(c.tmo_err, -3);
-    EXPECT_EQ(c.tmo_reset, 1);
-    EXPECT_EQ(c.err_is_func, 1);
-    EXPECT_EQ(c.err_is_fw_spt, 1);
-    EXPECT_EQ(c.err_is_hvm_spt, 0);
+    EXPECT_EQ(std::vector<long>({c.port_status, c.countL, c.countS, c.if_err, c.tmo_err, c.tmo_reset,
+                                 c.err_is_func, c.err_is_fw_spt, c.err_is_hvm_spt}),
+              std::vector<long>({8, 4, 2, 5, -3, 1, 1, 1, 0}));
 
     // The isolation record cannot be read: the status is in, the rest preset.
     failRequest("IOCTL_QMX_HBA_ISOLATION", 1, EIO, 1);
-    EXPECT_EQ(QMX_GetAdapTroubleCnt(portWwn(1), &c), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 7);
+    EXPECT_TRUE(refused(QMX_GetAdapTroubleCnt(portWwn(1), &c), 7));
     EXPECT_EQ(c.port_status, 8);
     EXPECT_EQ(c.countL, -1);
     EXPECT_EQ(c.tmo_reset, -1);
     EXPECT_EQ(c.err_is_func, 255);
     EXPECT_TRUE(traceHas("QMX_GetAdapTroubleCnt Error"));
-    EXPECT_EQ(QMX_GetAdapTroubleCnt(portWwn(1), nullptr), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas("trbl_cnt is null"));
+    EXPECT_TRUE(refused(QMX_GetAdapTroubleCnt(portWwn(1), nullptr), 2, "trbl_cnt is null"));
 }
 
 }  // namespace

@@ -28,10 +28,7 @@ protected:
         editState([&](qmxsim::json &s) { s["multipath"][field] = v; });
     }
     static qmxsim::json mpState() { return state()["multipath"]; }
-    static bool confHas(const std::string &item) {
-        std::string text = readFile("/etc/qmxldd.conf");
-        return text.find(item + ":") != std::string::npos;
-    }
+    static bool confHas(const std::string &item) { return readFile(kConf).find(item + ":") != std::string::npos; }
     // (group, lun, devno) of every listed path.
     std::vector<std::tuple<int, uint32_t, int>> listed() {
         std::vector<std::tuple<int, uint32_t, int>> v;
@@ -67,13 +64,10 @@ TEST_F(MpRuntimeTest, EnvironmentSetIsReadBackAndKeepsTheFlaggedKeys) {
     EXPECT_EQ(QMX_GetMaxLuPath(), 8) << "a write cannot change the driver's maximum";
     QMX_MP_PARAM got;
     ASSERT_EQ(QMX_GetOperationEnv(&got), 0);
-    EXPECT_EQ(got.qmxpcm, 1);
-    EXPECT_EQ(got.mp_failback, 1);
-    EXPECT_EQ(got.mp_interval, 60u);
-    EXPECT_EQ(got.mp_round_robin, 0);
-    EXPECT_EQ(got.mp_rr_seqcnt, 50u);
-    EXPECT_EQ(got.nm_alter_path, 1);
-    EXPECT_EQ(got.nm_offline_path, 0);
+    // qmxpcm, failback, interval, round robin, sequence count, alter and offline path.
+    EXPECT_EQ(std::vector<long>({got.qmxpcm, got.mp_failback, long(got.mp_interval), got.mp_round_robin,
+                                 long(got.mp_rr_seqcnt), got.nm_alter_path, got.nm_offline_path}),
+              std::vector<long>({1, 1, 60, 0, 50, 1, 0}));
     EXPECT_EQ(driverRequests("IOCTL_QMX_MP_PTHEALTH"), 0) << "no health check without the round-robin bit";
 }
 
@@ -102,8 +96,7 @@ TEST_F(MpRuntimeTest, EnvironmentSetterChecksInOrder) {
     QMX_MP_PARAM p = validEnv();
     p.mp_interval = 1440;
     EXPECT_EQ(QMX_SetOperationEnv(&p, 0), 0);
-    EXPECT_EQ(QMX_SetOperationEnv(nullptr, 0), 1);
-    EXPECT_TRUE(traceHas("mpparam == NULL"));
+    EXPECT_TRUE(refused(QMX_SetOperationEnv(nullptr, 0), -1, "mpparam == NULL"));
 }
 
 TEST_F(MpRuntimeTest, DeleteSendsDefaultsRemovesKeysAndRoundRobinBitRunsOneHealthCheck) {
@@ -233,8 +226,7 @@ TEST_F(MpRuntimeTest, SetPathRefusalsGiveTheirReasonCodes) {
             EXPECT_TRUE(traceHas(c.trace)) << c.trace;
         }
     }
-    EXPECT_EQ(QMX_SetLuPathStatus(nullptr), 1);
-    EXPECT_TRUE(traceHas("lupath == NULL"));
+    EXPECT_TRUE(refused(QMX_SetLuPathStatus(nullptr), -1, "lupath == NULL"));
 }
 
 // ---------------------------------------------------------- target paths
@@ -267,8 +259,7 @@ TEST_F(MpRuntimeTest, LogicalTargetsMergeIntoPhysicalPathsOrAreAppended) {
     EXPECT_EQ(added.devno, 1);
     EXPECT_EQ(added.adapport, 0x2100001122334451u);
     EXPECT_EQ(added.valid, 1);
-    EXPECT_EQ(QMX_ReleaseTargetPathStatus(nullptr), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
+    EXPECT_TRUE(refused(QMX_ReleaseTargetPathStatus(nullptr), 2));
 }
 
 TEST_F(MpRuntimeTest, TargetPathsFailOnlyWhenEveryPortFails) {
@@ -307,8 +298,7 @@ TEST_F(MpRuntimeTest, LogicalConfigurationMapsDisksToGroupsAndBoundsTheDriverCou
     }
     EXPECT_TRUE(traceHas("GetLogicalConfiguration END"));
     std::free(conf.logical);
-    EXPECT_EQ(QMX_GetLogicalConfiguration(nullptr), 1);
-    EXPECT_TRUE(traceHas("parameter error"));
+    EXPECT_TRUE(refused(QMX_GetLogicalConfiguration(nullptr), -1, "parameter error"));
 }
 
 // -------------------------------------------------------- LU identifiers
@@ -337,8 +327,7 @@ TEST_F(MpRuntimeTest, LuIdsAreListedOnceFromTheirFirstPath) {
     EXPECT_EQ(nm.info, nullptr);
     for (int d = 0; d < 4; ++d) failRequest("IOCTL_QMX_MP_LG_DEV_PARM", d, EIO);
     QMX_NMPATH_LU none{};
-    EXPECT_EQ(QMX_GetLuIDInformation(none, &info), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 7);
+    EXPECT_TRUE(refused(QMX_GetLuIDInformation(none, &info), 7));
     EXPECT_EQ(traceCount("IOCTL_QMX_MP_LG_DEV_PARM fail"), 4);
 }
 
@@ -373,8 +362,7 @@ TEST_F(MpRuntimeTest, DriverWideLuLimitsCheckTheirRanges) {
 
 TEST_F(MpRuntimeTest, PortLimitsFollowTheDriversLuPathMaximum) {
     EXPECT_EQ(QMX_GetMaxLuPath(), 8);
-    EXPECT_EQ(QMX_SetLimitAlterPath(portWwn(1), 9, 0), 1);
-    EXPECT_TRUE(traceHas("path_cnt is invalid value"));
+    EXPECT_TRUE(refused(QMX_SetLimitAlterPath(portWwn(1), 9, 0), -1, "path_cnt is invalid value"));
     setMp("mp_max_lu_path", 16);
     EXPECT_EQ(QMX_GetMaxLuPath(), 16);
     ASSERT_EQ(QMX_SetLimitAlterPath(portWwn(1), 9, 0), 0);
@@ -385,8 +373,7 @@ TEST_F(MpRuntimeTest, PortLimitsFollowTheDriversLuPathMaximum) {
     ASSERT_EQ(QMX_GetLimitAlterPath(portWwn(1), &c, &s), 0);
     EXPECT_EQ(c, -1);
     EXPECT_EQ(s, 9);
-    EXPECT_EQ(QMX_GetLimitOfflinePath(portWwn(1), &c, nullptr), 1);
-    EXPECT_TRUE(traceHas("S_setting == NULL"));
+    EXPECT_TRUE(refused(QMX_GetLimitOfflinePath(portWwn(1), &c, nullptr), -1, "S_setting == NULL"));
     failRequest("IOCTL_QMX_MP_RDPARM", 0, EIO);
     EXPECT_EQ(QMX_SetLimitAlterPath(portWwn(1), 2, 0), QMX_UNSUPPORTED);  // the first port only
     EXPECT_EQ(QMX_GetMaxLuPath(), 16);
@@ -409,7 +396,7 @@ TEST_F(MpRuntimeTest, ComponentsComeFromTheDriverOrFromTheFile) {
     EXPECT_STREQ(comp[0].bind, "0x5000000000000a01");
     EXPECT_EQ(comp[8].target, 1);
 
-    ASSERT_TRUE(writeFile("/etc/qmxldd.conf",
+    ASSERT_TRUE(writeFile(kConf,
                           "qmxl0-wwpn=0x2100001122334450:qmxl0-tid-3-wwpn=0x5000000000000a01:"
                           "qmxl0-tid-3-gt=0x2:\n"));
     ASSERT_EQ(QMX_GetSettingComponentCnt(), 2);
@@ -417,9 +404,8 @@ TEST_F(MpRuntimeTest, ComponentsComeFromTheDriverOrFromTheFile) {
     EXPECT_EQ(comp[1].npd, 9);
     EXPECT_EQ(comp[1].group, 2);
     EXPECT_EQ(comp[1].target, 3);
-    EXPECT_EQ(QMX_GetSettingComponent(list.get(), nullptr), 1);
-    EXPECT_TRUE(traceHas("component == NULL"));
-    makeUnreadable("/etc/qmxldd.conf");
+    EXPECT_TRUE(refused(QMX_GetSettingComponent(list.get(), nullptr), -1, "component == NULL"));
+    makeUnreadable(kConf);
     EXPECT_EQ(QMX_GetSettingComponentCnt(), -1);
     EXPECT_TRUE(traceHas("read_qmxldd_conf is errend"));
 }

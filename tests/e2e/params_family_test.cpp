@@ -248,8 +248,7 @@ TEST_P(ParamFamily, SetterStoresThenDeletes) {
 TEST_P(ParamFamily, OutOfRangeValueIsRefusedWithCode2) {
     std::string before = readFile(kConf);
     int refusingDel = m().checkOnDelete ? 1 : 0;
-    EXPECT_EQ(m().set(portWwn(0), m().bad, refusingDel), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
+    EXPECT_TRUE(refused(m().set(portWwn(0), m().bad, refusingDel), 2));
     std::string word = std::string(m().word) + " is invalid value";
     EXPECT_TRUE(traceHas(word));
     EXPECT_TRUE(inOrder({m().setName() + " START", word, "QMX_ExeclusiveUnlock START",
@@ -274,10 +273,8 @@ TEST_P(ParamFamily, UnknownWwnFailsWithCode4) {
     std::string before = readFile(kConf);
     QMX_WWN nobody = wwnOf(0x2100001122339999ull);
     int64_t c = 0, s = 0;
-    EXPECT_EQ(m().get(nobody, &c, &s), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 4);
-    EXPECT_EQ(m().set(nobody, m().good, 0), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 4);
+    EXPECT_TRUE(refused(m().get(nobody, &c, &s), 4));
+    EXPECT_TRUE(refused(m().set(nobody, m().good, 0), 4));
     EXPECT_EQ(traceCount("Invalid WWN"), 2);
     EXPECT_EQ(readFile(kConf), before);
 }
@@ -286,13 +283,9 @@ TEST_P(ParamFamily, NullOutputsAreRefusedAfterPresettingTheEarlierOne) {
     discover();
     int requests = driverRequests(m().request());
     int64_t c = 0, s = 0;
-    EXPECT_EQ(m().get(portWwn(0), nullptr, &s), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas(m().nullC));
+    EXPECT_TRUE(refused(m().get(portWwn(0), nullptr, &s), 2, m().nullC));
     EXPECT_EQ(s, kSentinel);  // not reached
-    EXPECT_EQ(m().get(portWwn(0), &c, nullptr), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas(m().nullS));
+    EXPECT_TRUE(refused(m().get(portWwn(0), &c, nullptr), 2, m().nullS));
     EXPECT_EQ(c, m().norm(m().presetC));
     EXPECT_EQ(driverRequests(m().request()), requests);
 }
@@ -302,8 +295,7 @@ TEST_P(ParamFamily, FailingDriverQueryEndsWithTheCallsErrorLine) {
     failRequest(m().request(), 0, EIO);
     appendConf("qmx0" + std::string(m().suffix) + "=" + m().text(m().good) + ":");
     int64_t c = 0, s = 0;
-    EXPECT_EQ(m().get(portWwn(0), &c, &s), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 7);
+    EXPECT_TRUE(refused(m().get(portWwn(0), &c, &s), 7));
     EXPECT_EQ(before(m().getName() + " Error"), m().request());
     EXPECT_EQ(before(m().getName() + " ABEND"), m().getName() + " Error");
     EXPECT_EQ(c, m().norm(m().presetC));

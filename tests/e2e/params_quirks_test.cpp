@@ -14,16 +14,10 @@
 
 class ParamQuirks : public ParamsVHostTest {};
 
-TEST_F(ParamQuirks, MachineCheckRetryChecksItsRangeOnlyWhenDelIsNotZero) {
-    QMX_WWN w = portWwn(0);
-    EXPECT_EQ(QMX_SetMckRetryCnt(w, 99, 0), 0);
-    EXPECT_TRUE(confHasItem("qmx0_mck_retry=99")) << readFile(kConf);
-    EXPECT_EQ(QMX_SetMckRetryCnt(w, 99, 1), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas("mck_cnt is invalid value"));
-    EXPECT_TRUE(confHasItem("qmx0_mck_retry=99"));
-    EXPECT_EQ(QMX_SetMckRetryCnt(w, 99, 2), 1);  // any del but 0 checks; 2 would store
-    EXPECT_EQ(QMX_SetMckRetryCnt(w, 4, 1), 0);
+// Its range check when deleting and the unchecked store are family tests
+// (ParamFamily, checkOnDelete).
+TEST_F(ParamQuirks, MachineCheckRetryChecksItsRangeForAnyDelButZero) {
+    EXPECT_TRUE(refused(QMX_SetMckRetryCnt(portWwn(0), 99, 2), 2, "mck_cnt is invalid value"));
     EXPECT_FALSE(confHasKey("qmx0_mck_retry"));
 }
 
@@ -40,9 +34,7 @@ TEST_F(ParamQuirks, PathHealthCheckTimeoutResolvesThePortTwice) {
 }
 
 TEST_F(ParamQuirks, PathHealthCheckTimeoutWithUnknownPortReleasesBeforeLocking) {
-    EXPECT_EQ(QMX_SetPathHealthCheckTO(wwnOf(0x2100001122339999ull), 30, 0), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 4);
-    std::vector<std::string> lines = traceFrom("QMX_SetPathHealthCheckTO START");
+    EXPECT_TRUE(refused(QMX_SetPathHealthCheckTO(wwnOf(0x2100001122339999ull), 30, 0), 4));
     EXPECT_TRUE(inOrder({"QMX_SetPathHealthCheckTO START", "Invalid WWN", "QMX_ExeclusiveUnlock START",
                          "QMX_SetPathHealthCheckTO ABEND"}));
     EXPECT_FALSE(traceHas("QMX_ExeclusiveLock START"));
@@ -62,8 +54,7 @@ TEST_F(ParamQuirks, IsolationTypeIsMappedAndUnknownTypesFail) {
     EXPECT_EQ(s, 7);  // other stored values are reported as stored
     ASSERT_EQ(QMX_GetIsolateSetting(portWwn(3), &c, &s), 0);
     EXPECT_EQ(s, 1);
-    EXPECT_EQ(QMX_GetIsolateSetting(portWwn(1), &c, &s), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 1);
+    EXPECT_TRUE(refused(QMX_GetIsolateSetting(portWwn(1), &c, &s), 1));
     EXPECT_TRUE(inOrder({"QMX_GetIsolateSetting START", "IOCTL_QMX_HBA_ISOLATION",
                          "Get isolation type illegal value.", "QMX_GetIsolateSetting ABEND"}));
     EXPECT_EQ(c, -1);
@@ -87,8 +78,7 @@ TEST_F(ParamQuirks, ScsiResetErrorIsReducedToOnOff) {
 
 TEST_F(ParamQuirks, TimeoutRetryTakesTheCallersBounds) {
     QMX_WWN w = portWwn(1);
-    EXPECT_EQ(QMX_SetMbTimeoutRetry(w, 5, 0, 6, 9), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
+    EXPECT_TRUE(refused(QMX_SetMbTimeoutRetry(w, 5, 0, 6, 9), 2));
     EXPECT_EQ(traceCount("settingval is invalid value"), 1);
     EXPECT_EQ(QMX_SetMbTimeoutRetry(w, 10, 0, 6, 9), 1);
     EXPECT_EQ(QMX_SetMbTimeoutRetry(w, 7, 0, 9, 6), 1);  // empty bounds refuse everything
@@ -124,22 +114,11 @@ TEST_F(ParamQuirks, InterruptTypeForAnAdapterWithoutItsOwnNumberItems) {
     EXPECT_TRUE(confHasItem("qmx3_msi_enable=2"));
 }
 
-TEST_F(ParamQuirks, PassChangeThresholdsPerErrorNumber) {
-    appendConf("qmx1_retry_cnt5=7:qmx1_retry_cnt999=2048:qmx_retry_cnt6=3:qmx0_retry_cnt0=1:");
-    std::vector<int> c(1000, 42), s(1000, 42);
-    ASSERT_EQ(QMX_GetPassChangeThreshold(portWwn(1), c.data(), s.data()), 0);
-    EXPECT_EQ(s[5], 7);
-    EXPECT_EQ(s[999], 2048);
-    EXPECT_EQ(s[6], -1);  // the driver-wide item is not the port's
-    EXPECT_EQ(s[0], -1);
-    for (int i = 0; i < 1000; ++i) EXPECT_EQ(c[i], 0) << i;  // the simulated driver reports zeros
-    EXPECT_TRUE(traceHas("QMX_GetPassChangeThreshold END"));
-}
-
 // The 1000 lookups are answered from one read of the file, and the trace is
 // the one the engine's lookups of one key each write (time stamps aside).
 TEST_F(ParamQuirks, PassChangeThresholdsReadTheFileOnceAndTraceEveryLookup) {
-    appendConf("qmx1_retry_cnt5=7:qmx1_retry_cnt999=2048:qmx1_retry_cnt12=12" + std::string(130, 'x') + ":");
+    appendConf("qmx1_retry_cnt5=7:qmx1_retry_cnt999=2048:qmx1_retry_cnt12=12" + std::string(130, 'x') +
+               ":qmx_retry_cnt6=3:qmx0_retry_cnt0=1:");
     discover();
     const QMX_WWN w = portWwn(1);
     // Each line's time stamp ("YYYY/MM/DD hh:mm:ss") masked.
@@ -154,7 +133,7 @@ TEST_F(ParamQuirks, PassChangeThresholdsReadTheFileOnceAndTraceEveryLookup) {
     ASSERT_GE(watch, 0);
     // Closes are watched too: identical events in a row would be merged.
     ASSERT_GE(inotify_add_watch(watch, kConf, IN_OPEN | IN_CLOSE_NOWRITE), 0);
-    std::vector<int> c(1000), s(1000);
+    std::vector<int> c(1000, 42), s(1000, 42);
     ASSERT_EQ(QMX_GetPassChangeThreshold(w, c.data(), s.data()), 0);
     int opens = 0;
     alignas(inotify_event) char buf[64 * (sizeof(inotify_event) + 16)];
@@ -166,6 +145,10 @@ TEST_F(ParamQuirks, PassChangeThresholdsReadTheFileOnceAndTraceEveryLookup) {
     EXPECT_EQ(s[5], 7);
     EXPECT_EQ(s[12], 12);  // an over-long value, cut to its field (traced on every lookup)
     EXPECT_EQ(s[999], 2048);
+    EXPECT_EQ(s[6], -1);  // neither the driver-wide item nor port 0's is port 1's
+    EXPECT_EQ(s[0], -1);
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(c[std::size_t(i)], 0) << i;  // the simulated driver reports zeros
+    EXPECT_TRUE(traceHas("QMX_GetPassChangeThreshold END"));
     std::string once = traceFile();
 
     // The same call made of the engine's single-key lookups.
@@ -194,12 +177,9 @@ TEST_F(ParamQuirks, PassChangeThresholdChecksTheThresholdThenTheErrorNumber) {
     ASSERT_EQ(QMX_SetPassChangeThreshold(w, 7, 99999, 1), 0);
     EXPECT_FALSE(confHasKey("qmx1_retry_cnt7")) << readFile(kConf);
     std::string before = readFile(kConf);
-    EXPECT_EQ(QMX_SetPassChangeThreshold(w, 1000, 2049, 0), 1);
-    EXPECT_TRUE(traceHas("threshold is invalid value"));
+    EXPECT_TRUE(refused(QMX_SetPassChangeThreshold(w, 1000, 2049, 0), -1, "threshold is invalid value"));
     EXPECT_FALSE(traceHas("err_id is invalid value"));
-    EXPECT_EQ(QMX_SetPassChangeThreshold(w, 1000, 5, 0), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas("err_id is invalid value"));
+    EXPECT_TRUE(refused(QMX_SetPassChangeThreshold(w, 1000, 5, 0), 2, "err_id is invalid value"));
     EXPECT_EQ(QMX_SetPassChangeThreshold(w, -1, 5, 1), 1);  // checked when deleting too
     EXPECT_EQ(traceCount("err_id is invalid value"), 2);
     EXPECT_EQ(readFile(kConf), before);
@@ -213,28 +193,22 @@ TEST_F(ParamQuirks, PassChangeThresholdChecksTheThresholdThenTheErrorNumber) {
 
 TEST_F(ParamQuirks, PassChangeThresholdNullOutputs) {
     std::vector<int> c(1000, 42);
-    EXPECT_EQ(QMX_GetPassChangeThreshold(portWwn(0), nullptr, c.data()), 1);
-    EXPECT_TRUE(traceHas("C_threshold is null"));
+    EXPECT_TRUE(refused(QMX_GetPassChangeThreshold(portWwn(0), nullptr, c.data()), -1, "C_threshold is null"));
     EXPECT_EQ(c[0], 42);
-    EXPECT_EQ(QMX_GetPassChangeThreshold(portWwn(0), c.data(), nullptr), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas("S_threshold is null"));
+    EXPECT_TRUE(refused(QMX_GetPassChangeThreshold(portWwn(0), c.data(), nullptr), 2, "S_threshold is null"));
     for (int v : c) ASSERT_EQ(v, -1);
 }
 
 TEST_F(ParamQuirks, LoggingModeAndTargetFilterAreDriverWideSwitches) {
     for (int devno = 0; devno < 4; ++devno) removePort(devno);  // no port needed
-    EXPECT_EQ(QMX_SetLoggingMode(5, 0), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas("log_mode is invalid value"));
+    EXPECT_TRUE(refused(QMX_SetLoggingMode(5, 0), 2, "log_mode is invalid value"));
     EXPECT_EQ(QMX_SetLoggingMode(5, 1), 0);  // a delete: not refused, nothing stored
     EXPECT_FALSE(confHasKey("qmx_limit_log"));
     EXPECT_EQ(QMX_SetLoggingMode(5, 2), 0);  // del 2 stores, unchecked
     EXPECT_TRUE(confHasItem("qmx_limit_log=5"));
     EXPECT_EQ(QMX_SetLoggingMode(1, 0), 0);
     EXPECT_TRUE(confHasItem("qmx_limit_log=1"));
-    EXPECT_EQ(QMX_SetTgtFilter(2, 0), 1);
-    EXPECT_TRUE(traceHas("tgt_filter is invalid value"));
+    EXPECT_TRUE(refused(QMX_SetTgtFilter(2, 0), -1, "tgt_filter is invalid value"));
     EXPECT_EQ(QMX_SetTgtFilter(0, 0), 0);
     EXPECT_TRUE(confHasItem("qmx_filter_target=0"));
     EXPECT_TRUE(inOrder({"QMX_SetTgtFilter START", "QMX_ExeclusiveLock START", "QMX_SetTgtFilter END"}));
@@ -260,13 +234,9 @@ TEST_F(ParamQuirks, CurrentOnlyGetters) {
     EXPECT_EQ(v, 1);
     ASSERT_EQ(QMX_GetScsiTimeoutFailCount(portWwn(1), &v), 0);
     EXPECT_EQ(v, 17);
-    EXPECT_EQ(QMX_GetLoggingMode(portWwn(0), nullptr), 1);
-    EXPECT_TRUE(traceHas("C_log_mode is null"));
-    EXPECT_EQ(QMX_GetTgtFilter(portWwn(0), nullptr), 1);
-    EXPECT_TRUE(traceHas("C_tgt_filter is null"));
-    EXPECT_EQ(QMX_GetScsiTimeoutFailCount(portWwn(0), nullptr), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 2);
-    EXPECT_TRUE(traceHas("scsitimeoout == NULL"));
+    EXPECT_TRUE(refused(QMX_GetLoggingMode(portWwn(0), nullptr), -1, "C_log_mode is null"));
+    EXPECT_TRUE(refused(QMX_GetTgtFilter(portWwn(0), nullptr), -1, "C_tgt_filter is null"));
+    EXPECT_TRUE(refused(QMX_GetScsiTimeoutFailCount(portWwn(0), nullptr), 2, "scsitimeoout == NULL"));
 }
 
 TEST_F(ParamQuirks, CurrentOnlyGettersPresetBeforeTheQuery) {
@@ -293,8 +263,7 @@ TEST_F(ParamQuirks, EngineFailureTracesTheErrorLineOnlyForSomeGetters) {
     EXPECT_EQ(QMX_GetTargetResetMode(portWwn(0), &c, &s), 1);
     EXPECT_EQ(c, 1);
     EXPECT_TRUE(traceHas("QMX_GetTargetResetMode Error"));
-    EXPECT_EQ(QMX_GetPathHealthCheckTO(portWwn(0), &c, &s), 1);
-    EXPECT_TRUE(traceHas("QMX_GetPathHealthCheckTO Error"));
+    EXPECT_TRUE(refused(QMX_GetPathHealthCheckTO(portWwn(0), &c, &s), -1, "QMX_GetPathHealthCheckTO Error"));
     EXPECT_EQ(QMX_GetQueueDepthCount(portWwn(0), &uc, &us), 1);
     EXPECT_EQ(uc, 32u);
     EXPECT_TRUE(traceHas("QMX_GetQueueDepthCount ABEND"));
@@ -324,12 +293,12 @@ TEST_F(ParamQuirks, SetterThatCannotTakeTheLockEndsWithCode5) {
     ASSERT_EQ(QMX_ExeclusiveLock(1), 0);  // held by someone else from now on
     std::string before = readFile(kConf);
     clearTrace();
-    EXPECT_EQ(QMX_SetQueueDepthCount(portWwn(0), 8, 0), 1);
-    EXPECT_EQ(QMX_LastErrorCode(), 5);
+    EXPECT_TRUE(refused(QMX_SetQueueDepthCount(portWwn(0), 8, 0), 5));
     EXPECT_TRUE(inOrder({"QMX_SetQueueDepthCount START", "Lock retry count overflow !!",
                          "QMX_SetQueueDepthCount END"}));
     EXPECT_FALSE(traceHas("QMX_SetQueueDepthCount ABEND"));
     EXPECT_FALSE(traceHas("QMX_InitRoutine START"));
     EXPECT_EQ(readFile(kConf), before);
+    EXPECT_EQ(QMX_ExeclusiveLockCheck(1), 0) << "the failed call must not release a lock it never took";
     QMX_ExeclusiveUnlock(1);
 }

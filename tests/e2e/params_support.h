@@ -10,8 +10,6 @@
 
 class ParamsVHostTest : public VHostTest {
 protected:
-    static constexpr const char *kConf = "/etc/qmxldd.conf";
-
     // Discovery (once per process) queries every port itself: tests that
     // count or fail requests run it first.
     static void discover() { ASSERT_GE(QMX_InitRoutine(portWwn(0)), 0); }
@@ -58,14 +56,6 @@ protected:
             if (lines[i] == msg) return lines[i - 1];
         return "";
     }
-    // Messages from the first `first` on.
-    static std::vector<std::string> traceFrom(const std::string &first) {
-        std::vector<std::string> lines = traceLines();
-        int at = traceIndex(first);
-        if (at < 0) return {};
-        return std::vector<std::string>(lines.begin() + at, lines.end());
-    }
-
     // Runs of the BIOS tool: whether one had `args` in its command line, and
     // how many there were.
     static bool toolRan(const std::string &args) {

@@ -1,9 +1,7 @@
 // qmxmgr's bios, firmware, diag and log commands, run as child processes in
 // the virtual host: output forms, tool command lines, failures.
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -11,50 +9,13 @@
 
 namespace {
 
-struct MgrRun {
-    int status = -1;
-    std::string out, err;
-};
-
-class QmxmgrBios : public VHostTest {
-protected:
-    void SetUp() override {
-        VHostTest::SetUp();
-        if (IsSkipped()) return;
-#ifndef QMXMGR_PATH
-        GTEST_SKIP() << "qmxmgr not built";
-#endif
-    }
-    // Runs qmxmgr through the shell (operands hold no special characters);
-    // standard output and error are not terminals.
-    static MgrRun mgr(const std::string &args) {
-        MgrRun r;
-#ifdef QMXMGR_PATH
-        std::string err = stateDir() + "/mgr.err";
-        FILE *p = popen((std::string(QMXMGR_PATH) + " " + args + " 2>" + err).c_str(), "r");
-        if (p == nullptr) return r;
-        char buf[4096];
-        for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
-        int st = pclose(p);
-        r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-        r.err = readFile(err);
-#else
-        (void)args;
-#endif
-        return r;
-    }
-    static qmxsim::json json(const MgrRun &r) {
-        qmxsim::json j = qmxsim::json::parse(r.out, nullptr, false);
-        EXPECT_FALSE(j.is_discarded()) << r.out;
-        return j;
-    }
-};
+using QmxmgrBios = ManagerTest;
 
 TEST_F(QmxmgrBios, BiosShowFromTheAdapterAndFromABackup) {
-    ASSERT_EQ(mgr("bios preconfigure 1 on").status, 0);
-    MgrRun r = mgr("bios show qmxldd1 --json");
+    ASSERT_EQ(run({"bios", "preconfigure", "1", "on"}).status, 0);
+    Result r = run({"bios", "show", "qmxldd1", "--json"});
     ASSERT_EQ(r.status, 0) << r.err;
-    qmxsim::json j = json(r);
+    qmxsim::json j = parse(r.out);
     EXPECT_EQ(j["source"], "adapter");
     EXPECT_EQ(j["settings"]["pre_configure"], "enabled");
     EXPECT_EQ(j["settings"]["hba_bios"], "disabled");
@@ -62,19 +23,19 @@ TEST_F(QmxmgrBios, BiosShowFromTheAdapterAndFromABackup) {
     EXPECT_EQ(j["settings"]["boot_devices"].size(), 8u);
 
     mkdir("/tmp/bk", 0755);
-    ASSERT_EQ(mgr("bios backup --all /tmp/bk").status, 0);
+    ASSERT_EQ(run({"bios", "backup", "--all", "/tmp/bk"}).status, 0);
     EXPECT_EQ(toolLog("qmxbios").back(), "qmxbios -x -a -o backup -f /tmp/bk");
-    r = mgr("bios show 1 --file /tmp/bk/qmxldd0.bios --json");
+    r = run({"bios", "show", "1", "--file", "/tmp/bk/qmxldd0.bios", "--json"});
     ASSERT_EQ(r.status, 0) << r.err;
-    j = json(r);
+    j = parse(r.out);
     EXPECT_EQ(j["source"], "file");
     EXPECT_EQ(j["settings"]["hba_bios"], "disabled");  // 0 in a file
     EXPECT_EQ(j["settings"]["connection_type"], "auto");
-    EXPECT_EQ(mgr("bios show 2 --file /tmp/bk/qmxldd2.bios").status, 0);
+    EXPECT_EQ(run({"bios", "show", "2", "--file", "/tmp/bk/qmxldd2.bios"}).status, 0);
 
     // A backup of another adapter model is refused.
     setPortField(2, "device", "0x2533");
-    r = mgr("bios show 2 --file /tmp/bk/qmxldd2.bios");
+    r = run({"bios", "show", "2", "--file", "/tmp/bk/qmxldd2.bios"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err.rfind("qmxmgr: QMX_GetBiosData failed: a data file is malformed (reason code 9)", 0), 0u)
         << r.err;
@@ -85,23 +46,23 @@ TEST_F(QmxmgrBios, FirmwareCommands) {
     std::string img(4096, '\0');
     img[36] = 0x12, img[37] = 0x34, img[38] = 0x56, img[39] = 0x78;
     ASSERT_TRUE(writeFile("/tmp/fw.img", img));
-    MgrRun r = mgr("firmware version 1 --image /tmp/fw.img --json");
+    Result r = run({"firmware", "version", "1", "--image", "/tmp/fw.img", "--json"});
     ASSERT_EQ(r.status, 0) << r.err;
-    qmxsim::json j = json(r);
+    qmxsim::json j = parse(r.out);
     EXPECT_EQ(j["running"], "01020304");
     EXPECT_EQ(j["image_version"], "12345678");
-    ASSERT_EQ(mgr("firmware update --all /tmp/fw.img --force").status, 0);
-    ASSERT_EQ(mgr("firmware refresh 2 --force").status, 0);
-    ASSERT_EQ(mgr("firmware refresh").status, 0);
+    ASSERT_EQ(run({"firmware", "update", "--all", "/tmp/fw.img", "--force"}).status, 0);
+    ASSERT_EQ(run({"firmware", "refresh", "2", "--force"}).status, 0);
+    ASSERT_EQ(run({"firmware", "refresh"}).status, 0);
     EXPECT_EQ(toolLog("qmxmcup"), std::vector<std::string>{"qmxmcup -s -d all -o download -f /tmp/fw.img -c"});
     std::vector<std::string> want = {"qmxmcref -d qmxldd2 -c", "qmxmcref"};
     EXPECT_EQ(toolLog("qmxmcref"), want);
-    EXPECT_EQ(mgr("firmware backup 1 /tmp/none").status, 1);
-    EXPECT_EQ(mgr("firmware update 1 --all /tmp/fw.img").status, 2);
+    EXPECT_EQ(run({"firmware", "backup", "1", "/tmp/none"}).status, 1);
+    EXPECT_EQ(run({"firmware", "update", "1", "--all", "/tmp/fw.img"}).status, 2);
 }
 
-TEST_F(QmxmgrBios, DiagRunPrintsTheLogAndQuietProgressWhenPiped) {
-    MgrRun r = mgr("diag run 0 --test reg,dma --time 5 --target-port 2");
+TEST_F(QmxmgrBios, DiagRunPrintsTheLogAndNoProgressWithoutATerminal) {
+    Result r = run({"diag", "run", "0", "--test", "reg,dma", "--time", "5", "--target-port", "2"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out.rfind("Log: /opt/kestrel/drivers/hba/qmxdiag_exec.log\n", 0), 0u) << r.out;
     EXPECT_NE(r.out.find("PASS"), std::string::npos);
@@ -109,12 +70,12 @@ TEST_F(QmxmgrBios, DiagRunPrintsTheLogAndQuietProgressWhenPiped) {
     EXPECT_EQ(readFile("/opt/kestrel/drivers/hba/qmx_param.txt"),
               "test_type=1\ntest_time=5\nerror_count=0\ntarget_port=2\nreg_test=1\ndma_test=1\n");
     setPortField(0, "diag_result", "fail");
-    r = mgr("diag run 0");
+    r = run({"diag", "run", "0"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err.rfind("qmxmgr: QMX_DiagExecution failed: diagnostics were aborted (reason code 12)", 0), 0u)
         << r.err;
-    EXPECT_EQ(mgr("diag run 0 --test disk").status, 2);
-    ASSERT_EQ(mgr("log erase 3").status, 0);
+    EXPECT_EQ(run({"diag", "run", "0", "--test", "disk"}).status, 2);
+    ASSERT_EQ(run({"log", "erase", "3"}).status, 0);
     EXPECT_EQ(toolLog("qmxbios").back(), "qmxbios -x -d qmxldd3 -o log_erase");
 }
 

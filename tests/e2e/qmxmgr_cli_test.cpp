@@ -1,10 +1,7 @@
 // qmxmgr, the command-line manager, run as a child process inside the
 // virtual host: PORT forms, JSON output, exit statuses and messages, the
 // numbering commands' refusals, the trace command and the BIOS switch.
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstring>
@@ -16,79 +13,8 @@
 
 namespace {
 
-constexpr const char *kConf = "/etc/qmxldd.conf";
-
-std::string managerPath() {
-#ifdef QMXMGR_PATH
-    return QMXMGR_PATH;
-#else
-    // <build>/tests/e2e/qmx_e2e_tests -> <build>/tools/qmxmgr/qmxmgr
-    char buf[4096];
-    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-    std::string exe(buf, n > 0 ? std::size_t(n) : 0);
-    std::string dir = exe.substr(0, exe.rfind('/'));
-    return dir + "/../../tools/qmxmgr/qmxmgr";
-#endif
-}
-
-struct Result {
-    int status = -1;
-    std::string out, err;
-};
-
-class QmxmgrTest : public VHostTest {
-protected:
-    void SetUp() override {
-        VHostTest::SetUp();
-        if (IsSkipped()) return;
-        if (!fileExists(managerPath())) GTEST_SKIP() << "qmxmgr not built: " << managerPath();
-    }
-
-    // Starts qmxmgr with `args`, its output going to files of the state
-    // directory.  Returns the child's process id.
-    pid_t start(const std::vector<std::string> &args, const std::string &tag) {
-        std::string path = managerPath();
-        std::string out = stateDir() + "/mgr-" + tag + ".out";
-        std::string err = stateDir() + "/mgr-" + tag + ".err";
-        std::vector<std::string> all{path};
-        all.insert(all.end(), args.begin(), args.end());
-        pid_t pid = fork();
-        if (pid == 0) {
-            int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            if (o < 0 || e < 0) _exit(126);
-            dup2(o, 1);
-            dup2(e, 2);
-            std::vector<char *> argv;
-            for (std::string &a : all) argv.push_back(a.data());
-            argv.push_back(nullptr);
-            execv(path.c_str(), argv.data());
-            _exit(127);
-        }
-        return pid;
-    }
-    Result finish(pid_t pid, const std::string &tag) {
-        Result r;
-        int st = 0;
-        if (waitpid(pid, &st, 0) == pid)
-            r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-        r.out = readFile(stateDir() + "/mgr-" + tag + ".out");
-        r.err = readFile(stateDir() + "/mgr-" + tag + ".err");
-        return r;
-    }
-    Result run(const std::vector<std::string> &args) { return finish(start(args, "run"), "run"); }
-
-    static qmxsim::json parse(const std::string &text) {
-        qmxsim::json j = qmxsim::json::parse(text, nullptr, false);
-        EXPECT_FALSE(j.is_discarded()) << text;
-        return j;
-    }
-    static int lineCount(const std::string &text) {
-        int n = 0;
-        for (char c : text) n += c == '\n';
-        return n;
-    }
-};
+using QmxmgrTest = ManagerTest;
+using Result = ManagerTest::Result;
 
 // --------------------------------------------------------------- PORT forms
 TEST_F(QmxmgrTest, EveryPortFormNamesTheSamePort) {

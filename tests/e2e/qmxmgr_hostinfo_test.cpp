@@ -1,78 +1,54 @@
 // qmxmgr's alias, defaults, scan and rescan commands, run as a child process
 // inside the virtual host.
-#include <sys/wait.h>
-
-#include <cstdlib>
 #include <string>
 
 #include "vhost.h"
 
 namespace {
 
-class QmxmgrHostInfo : public VHostTest {
-protected:
-    struct Result {
-        int status = -1;
-        std::string out, err;
-    };
-    void SetUp() override {
-        VHostTest::SetUp();
-        if (!IsSkipped() && !fileExists(QMXMGR_PATH)) GTEST_SKIP() << "qmxmgr not built";
-    }
-    // `args` is shell text: the tests quote what needs it.
-    Result run(const std::string &args) {
-        std::string out = stateDir() + "/mgr.out", err = stateDir() + "/mgr.err";
-        int st = std::system((std::string(QMXMGR_PATH) + " " + args + " >" + out + " 2>" + err).c_str());
-        return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, readFile(out), readFile(err)};
-    }
-    static qmxsim::json parse(const std::string &text) {
-        qmxsim::json j = qmxsim::json::parse(text, nullptr, false);
-        EXPECT_FALSE(j.is_discarded()) << text;
-        return j;
-    }
-};
+using QmxmgrHostInfo = ManagerTest;
 
 TEST_F(QmxmgrHostInfo, AliasSetShowAndRefusal) {
     ASSERT_TRUE(writeFile("/etc/qmxlib.conf", ""));
-    ASSERT_EQ(run("alias qmxldd2 'db 01'").status, 0);
-    ASSERT_EQ(run("alias 2 --port fabA").status, 0);
-    Result r = run("alias 21:00:00:11:22:33:44:60 --json");
+    ASSERT_EQ(run({"alias", "qmxldd2", "db 01"}).status, 0);
+    ASSERT_EQ(run({"alias", "2", "--port", "fabA"}).status, 0);
+    Result r = run({"alias", "21:00:00:11:22:33:44:60", "--json"});
     ASSERT_EQ(r.status, 0) << r.err;
     qmxsim::json j = parse(r.out);
     EXPECT_EQ(j["hba_alias"], "db 01");
     EXPECT_EQ(j["port_alias"], "fabA");
-    r = run("show 2 --json");
+    r = run({"show", "2", "--json"});
     EXPECT_EQ(parse(r.out)["aliases"]["port"], "fabA");
-    r = run("alias 2 'a:b'");
+    r = run({"alias", "2", "a:b"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "qmxmgr: QMX_SetHbaAliasName failed: invalid argument (reason code 2): "
                      "Detection of delimiter(:)\n");
-    EXPECT_EQ(run("alias 2 --hba --port x").status, 2);
+    EXPECT_EQ(run({"alias", "2", "--hba", "--port", "x"}).status, 2);
 }
 
 TEST_F(QmxmgrHostInfo, DefaultsShowOnlyWhatTheFileSetsUnlessAll) {
     ASSERT_TRUE(writeFile("/etc/qmxldd.conf", "qmx_isol_type=0:qmx_retry_cnt12=7:qmx3_queue_depth=9:"));
-    Result r = run("defaults --json");
+    Result r = run({"defaults", "--json"});
     ASSERT_EQ(r.status, 0) << r.err;
     qmxsim::json j = parse(r.out);
     EXPECT_EQ(j["settings"], qmxsim::json({{"isolate_type", 2}}));
     EXPECT_EQ(j["retry_cnt"], qmxsim::json({{"12", 7}}));
-    j = parse(run("defaults --all --json").out);
+    j = parse(run({"defaults", "--all", "--json"}).out);
     EXPECT_TRUE(j["settings"]["queue_depth"].is_null());
     EXPECT_EQ(j["settings"].size(), 32u);
 }
 
 TEST_F(QmxmgrHostInfo, ScanAndRescanReportTheOutcome) {
-    Result r = run("scan qmxldd1");
+    Result r = run({"scan", "qmxldd1"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "Target scan on qmxldd1 completed.\n");
     setPortField(1, "tgtscan_outcome", 2);
-    r = run("scan 21:00:00:11:22:33:44:51");
+    r = run({"scan", "21:00:00:11:22:33:44:51"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "qmxmgr: QMX_TgtScan failed: target scan: driver result 2 (reason code 40)\n");
-    EXPECT_EQ(run("rescan 3").status, 0);
+    EXPECT_EQ(run({"rescan", "3"}).status, 0);
     EXPECT_EQ(driverRequests("IOCTL_QMX_SC_SCSISCAN", 3), 1);
-    r = run("rescan 2100001122334499");
+    r = run({"rescan", "2100001122334499"});
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("QMX_DiskRescan failed"), std::string::npos) << r.err;
 }

@@ -20,8 +20,10 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -40,6 +42,7 @@ class VHostTest : public ::testing::Test {
 public:
     static constexpr const char *kTraceFile = "/opt/kestrel/drivers/hba/qmxlibTrace.txt";
     static constexpr const char *kToolDir = "/opt/kestrel/drivers/hba";
+    static constexpr const char *kConf = "/etc/qmxldd.conf";
 
 protected:
     void SetUp() override {
@@ -125,6 +128,15 @@ protected:
         return -1;
     }
     static void clearTrace() { ::unlink(kTraceFile); }
+    // A refused call: status `st` is 1, the reason code is `code` (-1: not
+    // looked at) and, when `msg` is given, the trace holds that line.
+    static ::testing::AssertionResult refused(long long st, int code, const std::string &msg = "") {
+        int got = QMX_LastErrorCode();
+        if (st != 1) return ::testing::AssertionFailure() << "status " << st << ", not 1";
+        if (code >= 0 && got != code) return ::testing::AssertionFailure() << "reason code " << got << ", not " << code;
+        if (!msg.empty() && !traceHas(msg)) return ::testing::AssertionFailure() << "no trace line \"" << msg << "\"";
+        return ::testing::AssertionSuccess();
+    }
     // Runs `fn` with the API trace file open, as an exported call's frame
     // has it: a routine called outside a frame traces only then.
     template <class F>
@@ -286,4 +298,64 @@ private:
         msg = line.substr(p);
         return true;
     }
+};
+
+// qmxmgr, the command-line manager, run as a child process inside the
+// virtual host; its standard output and error go to files of the state
+// directory (neither is a terminal).
+class ManagerTest : public VHostTest {
+public:
+    struct Result {
+        int status = -1;
+        std::string out, err;
+    };
+
+protected:
+    void SetUp() override {
+        VHostTest::SetUp();
+        if (!IsSkipped() && !fileExists(managerPath())) GTEST_SKIP() << "qmxmgr not built";
+    }
+    static std::string managerPath() {
+#ifdef QMXMGR_PATH
+        return QMXMGR_PATH;
+#else
+        return "";
+#endif
+    }
+    // Starts qmxmgr with `args`; `tag` names its output files.
+    static pid_t start(const std::vector<std::string> &args, const std::string &tag) {
+        std::string path = managerPath(), out = stateDir() + "/mgr-" + tag + ".out",
+                    err = stateDir() + "/mgr-" + tag + ".err";
+        std::vector<std::string> all{path};
+        all.insert(all.end(), args.begin(), args.end());
+        pid_t pid = fork();
+        if (pid == 0) {
+            int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            if (o < 0 || e < 0) _exit(126);
+            dup2(o, 1);
+            dup2(e, 2);
+            std::vector<char *> argv;
+            for (std::string &a : all) argv.push_back(a.data());
+            argv.push_back(nullptr);
+            execv(path.c_str(), argv.data());
+            _exit(127);
+        }
+        return pid;
+    }
+    static Result finish(pid_t pid, const std::string &tag) {
+        Result r;
+        int st = 0;
+        if (waitpid(pid, &st, 0) == pid) r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+        r.out = readFile(stateDir() + "/mgr-" + tag + ".out");
+        r.err = readFile(stateDir() + "/mgr-" + tag + ".err");
+        return r;
+    }
+    static Result run(const std::vector<std::string> &args) { return finish(start(args, "run"), "run"); }
+    static qmxsim::json parse(const std::string &text) {
+        qmxsim::json j = qmxsim::json::parse(text, nullptr, false);
+        EXPECT_FALSE(j.is_discarded()) << text;
+        return j;
+    }
+    static int lineCount(const std::string &text) { return int(std::count(text.begin(), text.end(), '\n')); }
 };

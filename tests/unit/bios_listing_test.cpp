@@ -30,82 +30,56 @@ protected:
     static uint64_t val(int i) { return QMX_G_CfgList[i].param_val; }
 };
 
-TEST_F(BiosListing, TitlesMatchFromTheSecondCharacterOnly) {
-    parse(" HBA BIOS                  : DISABLE\n"
-          "  BOOT PRIORITY            : ENABLE\n"   // two blanks: no title
-          "SPINUP DELAY               : ENABLE\n"   // no blank: no title
-          " PERSISTENT BINDINGS       : ENABLE\n");
-    EXPECT_EQ(val(QMX_CFG_HBA_BIOS), 2u);
-    EXPECT_EQ(val(QMX_CFG_BOOT_PRIORITY), kUnset);
-    EXPECT_EQ(val(QMX_CFG_SPINUP_DELAY), kUnset);
-    EXPECT_EQ(val(QMX_CFG_PERSISTENT_BINDINGS), 1u);
-}
-
-TEST_F(BiosListing, OnOffEntriesDecodeEnableAsOneAndDisableAsTwo) {
-    parse(" HBA BIOS : ENABLE\n BOOT PRIORITY : DISABLE\n SPINUP DELAY : ENABLE\n"
-          " FORCE DEFAULT PARAMETER : DISABLE\n ERROR LOGGING : ENABLE\n"
-          " PRE CONFIGURE : DISABLE\n");
-    EXPECT_EQ(val(QMX_CFG_HBA_BIOS), 1u);
-    EXPECT_EQ(val(QMX_CFG_BOOT_PRIORITY), 2u);
-    EXPECT_EQ(val(QMX_CFG_SPINUP_DELAY), 1u);
-    EXPECT_EQ(val(QMX_CFG_FORCE_DEFAULT), 2u);
-    EXPECT_EQ(val(QMX_CFG_ERROR_LOGGING), 1u);
-    EXPECT_EQ(val(QMX_CFG_PRE_CONFIGURE), 2u);
-}
-
-TEST_F(BiosListing, ValueIsSearchedOnlyAfterTheColon) {
-    // The title text before the colon must not be decoded as the value.
-    parse(" HBA BIOS ENABLE : unknown\n");
-    EXPECT_EQ(val(QMX_CFG_HBA_BIOS), kUnset);
-    parse(" HBA BIOS : something else\n");
-    EXPECT_EQ(val(QMX_CFG_HBA_BIOS), kUnset);
-}
-
-TEST_F(BiosListing, ConnectionTypeAndDataRateTexts) {
-    parse(" CONNECTION TYPE : POINT TO POINT ONLY\n DATA RATE : 10Gbps ONLY\n");
-    EXPECT_EQ(val(QMX_CFG_CONNECTION_TYPE), 2u);
-    EXPECT_EQ(val(QMX_CFG_DATA_RATE), 10u);
-    parse(" CONNECTION TYPE : LOOP ONLY\n DATA RATE : 4Gbps ONLY\n");
-    EXPECT_EQ(val(QMX_CFG_CONNECTION_TYPE), 3u);
-    EXPECT_EQ(val(QMX_CFG_DATA_RATE), 4u);
-    parse(" CONNECTION TYPE : AUTO DETECTION (LOOP PREFERRED)\n DATA RATE : AUTO DETECTION\n");
-    EXPECT_EQ(val(QMX_CFG_CONNECTION_TYPE), 1u);
-    EXPECT_EQ(val(QMX_CFG_DATA_RATE), 0u);
-    parse(" DATA RATE : 3Gbps ONLY\n");  // not a known rate: kept
-    EXPECT_EQ(val(QMX_CFG_DATA_RATE), 0u);
-}
-
-TEST_F(BiosListing, OverwriteModeIsMatchedAgainstDataRateTexts) {
-    parse(" OVERWRITE MODE : NOT OVERWRITE\n");
-    EXPECT_EQ(val(QMX_CFG_OVERWRITE_MODE), kUnset);
-    parse(" OVERWRITE MODE : OVERWRITE ALL ENTRY\n");
-    EXPECT_EQ(val(QMX_CFG_OVERWRITE_MODE), kUnset);
-    parse(" OVERWRITE MODE : 1Gbps ONLY\n");
-    EXPECT_EQ(val(QMX_CFG_OVERWRITE_MODE), 2u);
-    parse(" OVERWRITE MODE : 2Gbps ONLY\n");
-    EXPECT_EQ(val(QMX_CFG_OVERWRITE_MODE), 3u);
-    parse(" OVERWRITE MODE : AUTO DETECTION\n");
-    EXPECT_EQ(val(QMX_CFG_OVERWRITE_MODE), 1u);
-}
-
-TEST_F(BiosListing, LoginDelayDecimalOrDefault) {
-    parse(" LOGIN DELAY TIME : default\n");
-    EXPECT_EQ(val(QMX_CFG_LOGIN_DELAY), 255u);
-    parse(" LOGIN DELAY TIME :   17 seconds\n");
-    EXPECT_EQ(val(QMX_CFG_LOGIN_DELAY), 17u);
-    parse(" LOGIN DELAY TIME : none\n");
-    EXPECT_EQ(val(QMX_CFG_LOGIN_DELAY), 0u);
-    parse(" LOGIN DELAY TIME : 99999999999999999999\n");  // clamped, no overflow
-    EXPECT_EQ(val(QMX_CFG_LOGIN_DELAY), uint64_t(INT_MAX));
-}
-
-TEST_F(BiosListing, AdditionalWwpnStartsTwoCharactersAfterTheColon) {
-    parse(" Additional World Wide Port Name : 50060e8000000001\n");
-    EXPECT_EQ(val(QMX_CFG_ADDITIONAL_WWPN), 0x50060e8000000001ull);
-    parse(" Additional World Wide Port Name :X2100001122334455\n");
-    EXPECT_EQ(val(QMX_CFG_ADDITIONAL_WWPN), 0x2100001122334455ull);
-    parse(" Additional World Wide Port Name :\n");  // nothing after the colon
-    EXPECT_EQ(val(QMX_CFG_ADDITIONAL_WWPN), 0u);
+// One listing each, parsed into the state of a freshly loaded library.
+TEST_F(BiosListing, EntriesDecodeTheirValueTexts) {
+    struct Case {
+        const char *listing;
+        int entry;
+        uint64_t want;
+    } cases[] = {
+        // Titles match from the second character only.
+        {" HBA BIOS                  : DISABLE\n", QMX_CFG_HBA_BIOS, 2},
+        {"  BOOT PRIORITY            : ENABLE\n", QMX_CFG_BOOT_PRIORITY, kUnset},
+        {"SPINUP DELAY               : ENABLE\n", QMX_CFG_SPINUP_DELAY, kUnset},
+        {" PERSISTENT BINDINGS       : ENABLE\n", QMX_CFG_PERSISTENT_BINDINGS, 1},
+        {" HBA BIOS : ENABLE\n", QMX_CFG_HBA_BIOS, 1},
+        {" BOOT PRIORITY : DISABLE\n", QMX_CFG_BOOT_PRIORITY, 2},
+        {" SPINUP DELAY : ENABLE\n", QMX_CFG_SPINUP_DELAY, 1},
+        {" FORCE DEFAULT PARAMETER : DISABLE\n", QMX_CFG_FORCE_DEFAULT, 2},
+        {" ERROR LOGGING : ENABLE\n", QMX_CFG_ERROR_LOGGING, 1},
+        {" PRE CONFIGURE : DISABLE\n", QMX_CFG_PRE_CONFIGURE, 2},
+        {" PRE CONFIGURE : ENABLE", QMX_CFG_PRE_CONFIGURE, 1},  // last line without newline
+        // The value is searched only after the colon.
+        {" HBA BIOS ENABLE : unknown\n", QMX_CFG_HBA_BIOS, kUnset},
+        {" HBA BIOS : something else\n", QMX_CFG_HBA_BIOS, kUnset},
+        {" CONNECTION TYPE : POINT TO POINT ONLY\n", QMX_CFG_CONNECTION_TYPE, 2},
+        {" CONNECTION TYPE : LOOP ONLY\n", QMX_CFG_CONNECTION_TYPE, 3},
+        {" CONNECTION TYPE : AUTO DETECTION (LOOP PREFERRED)\n", QMX_CFG_CONNECTION_TYPE, 1},
+        {" DATA RATE : 10Gbps ONLY\n", QMX_CFG_DATA_RATE, 10},
+        {" DATA RATE : 4Gbps ONLY\n", QMX_CFG_DATA_RATE, 4},
+        {" DATA RATE : AUTO DETECTION\n", QMX_CFG_DATA_RATE, 0},
+        {" DATA RATE : 4Gbps ONLY\n DATA RATE : 3Gbps ONLY\n", QMX_CFG_DATA_RATE, 4},  // unknown: kept
+        // The overwrite mode is matched against the data rate texts.
+        {" OVERWRITE MODE : NOT OVERWRITE\n", QMX_CFG_OVERWRITE_MODE, kUnset},
+        {" OVERWRITE MODE : OVERWRITE ALL ENTRY\n", QMX_CFG_OVERWRITE_MODE, kUnset},
+        {" OVERWRITE MODE : 1Gbps ONLY\n", QMX_CFG_OVERWRITE_MODE, 2},
+        {" OVERWRITE MODE : 2Gbps ONLY\n", QMX_CFG_OVERWRITE_MODE, 3},
+        {" OVERWRITE MODE : AUTO DETECTION\n", QMX_CFG_OVERWRITE_MODE, 1},
+        {" LOGIN DELAY TIME : default\n", QMX_CFG_LOGIN_DELAY, 255},
+        {" LOGIN DELAY TIME :   17 seconds\n", QMX_CFG_LOGIN_DELAY, 17},
+        {" LOGIN DELAY TIME : none\n", QMX_CFG_LOGIN_DELAY, 0},
+        {" LOGIN DELAY TIME : 99999999999999999999\n", QMX_CFG_LOGIN_DELAY, uint64_t(INT_MAX)},  // clamped
+        // The additional WWPN starts two characters after the colon.
+        {" Additional World Wide Port Name : 50060e8000000001\n", QMX_CFG_ADDITIONAL_WWPN, 0x50060e8000000001ull},
+        {" Additional World Wide Port Name :X2100001122334455\n", QMX_CFG_ADDITIONAL_WWPN, 0x2100001122334455ull},
+        {" Additional World Wide Port Name :\n", QMX_CFG_ADDITIONAL_WWPN, 0},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.listing);
+        SetUp();
+        parse(c.listing);
+        EXPECT_EQ(val(c.entry), c.want);
+    }
 }
 
 TEST_F(BiosListing, TitledLineWithoutColonIsUnknownFormat) {
@@ -198,11 +172,6 @@ TEST_F(BiosListing, HostileBytesDoNotCrash) {
     EXPECT_EQ(0, qmx_CfgAnalyze(nullptr));
     char empty[] = "";
     EXPECT_EQ(0, qmx_CfgAnalyze(empty));
-}
-
-TEST_F(BiosListing, LastLineWithoutNewlineIsRead) {
-    parse(" PRE CONFIGURE : ENABLE");
-    EXPECT_EQ(val(QMX_CFG_PRE_CONFIGURE), 1u);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -89,26 +88,15 @@ protected:
     }
 };
 
-TEST_F(BiosRunner, OnOffOptionsBuildEnableAndDisable) {
+// The retries and the boot device rows run through the library's calls:
+// BiosApi in the end-to-end tests.
+TEST_F(BiosRunner, OptionsBuildTheirWords) {
     qmx_bios_param p{};
     p.status = 0;
     EXPECT_EQ(0, qmx_ExecQmxbios(0, QMXBIOS_OPT_BIOS, &p));
     p.status = 1;
     EXPECT_EQ(0, qmx_ExecQmxbios(0, QMXBIOS_OPT_SPINUP_DELAY, &p));
     EXPECT_EQ(0, qmx_ExecQmxbios(0, QMXBIOS_OPT_PRE_CONFIGURE, &p));
-    std::vector<std::string> runs = toolRuns();
-    ASSERT_EQ(runs.size(), 3u);
-    EXPECT_EQ(runs[0], "qmxbios -x -d qmxldd0 -p bios=Disable");
-    EXPECT_EQ(runs[1], "qmxbios -x -d qmxldd0 -p spinup_delay=Enable");
-    EXPECT_EQ(runs[2], "qmxbios -x -d qmxldd0 -p pre_configure=Enable");
-    flushTrace();
-    EXPECT_TRUE(traced("/opt/kestrel/drivers/hba/qmxbios -x -d qmxldd0 -p bios=Disable"));
-    EXPECT_TRUE(traced("qmx_ExecQmxbios END"));
-    EXPECT_EQ(QMX_G_ERROR_CD, 0);
-}
-
-TEST_F(BiosRunner, ValueOptionsBuildTheirWords) {
-    qmx_bios_param p{};
     p.connect_type = 2;
     p.data_rate = 0;
     p.login_delay = -1;
@@ -121,12 +109,14 @@ TEST_F(BiosRunner, ValueOptionsBuildTheirWords) {
     EXPECT_EQ(0, qmx_ExecQmxbios(0, QMXBIOS_OPT_LOGIN_DELAY, &p));
     p.login_delay = 60;
     EXPECT_EQ(0, qmx_ExecQmxbios(0, QMXBIOS_OPT_LOGIN_DELAY, &p));
-    EXPECT_EQ(0, qmx_ExecQmxbios(0, QMXBIOS_OPT_WWN_OF_HBA, &p));
-    EXPECT_EQ(0, qmx_ExecQmxbios(0, QMXBIOS_OPT_OVERWRITE_MODE, &p));
-    EXPECT_EQ(0, qmx_ExecQmxbios(0, QMXBIOS_OPT_LOG_ERASE, &p));
+    for (int option : {QMXBIOS_OPT_WWN_OF_HBA, QMXBIOS_OPT_OVERWRITE_MODE, QMXBIOS_OPT_LOG_ERASE})
+        EXPECT_EQ(0, qmx_ExecQmxbios(0, option, &p)) << option;
     EXPECT_EQ(0, qmx_ExecQmxbios(0, QMXBIOS_OPT_APRESTART, nullptr));
     EXPECT_EQ(0, qmx_ExecQmxbios(0, QMXBIOS_OPT_CFG_ENABLE, nullptr));
     std::vector<std::string> want = {
+        "qmxbios -x -d qmxldd0 -p bios=Disable",
+        "qmxbios -x -d qmxldd0 -p spinup_delay=Enable",
+        "qmxbios -x -d qmxldd0 -p pre_configure=Enable",
         "qmxbios -x -d qmxldd0 -p connection_type=ptop",
         "qmxbios -x -d qmxldd0 -p data_rate=auto",
         "qmxbios -x -d qmxldd0 -p data_rate=10",
@@ -139,6 +129,10 @@ TEST_F(BiosRunner, ValueOptionsBuildTheirWords) {
         "qmxbios -x -d qmxldd0 -o cfgEnable",
     };
     EXPECT_EQ(toolRuns(), want);
+    flushTrace();
+    EXPECT_TRUE(traced("/opt/kestrel/drivers/hba/qmxbios -x -d qmxldd0 -p bios=Disable"));
+    EXPECT_TRUE(traced("qmx_ExecQmxbios END"));
+    EXPECT_EQ(QMX_G_ERROR_CD, 0);
 }
 
 TEST_F(BiosRunner, ListingOptionsRedirectIntoTheToolDirectory) {
@@ -254,46 +248,6 @@ TEST_F(BiosRunner, CommandThatWouldNotFitIsRefused) {
     EXPECT_EQ(-1, qmx_ExecQmxbios(0, QMXBIOS_OPT_RESTORE, &p));
     EXPECT_EQ(QMX_G_ERROR_CD, 11);
     EXPECT_TRUE(toolRuns().empty());
-}
-
-TEST_F(BiosRunner, FailedRunsAreRetriedUpToFourRuns) {
-    script("exit=1 times=2");
-    qmx_bios_param p{};
-    p.status = 1;
-    auto t0 = std::chrono::steady_clock::now();
-    EXPECT_EQ(0, qmx_ExecQmxbios(0, QMXBIOS_OPT_BIOS, &p));
-    auto secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    EXPECT_GE(secs, 1.9);
-    EXPECT_EQ(toolRuns().size(), 3u);
-    EXPECT_EQ(QMX_G_ERROR_CD, 0);
-
-    std::remove(stateFile("tools/qmxbios.log").c_str());
-    script("exit=3 times=-1");
-    EXPECT_EQ(-1, qmx_ExecQmxbios(0, QMXBIOS_OPT_BIOS, &p));
-    EXPECT_EQ(QMX_G_ERROR_CD, 11);
-    EXPECT_EQ(toolRuns().size(), 4u);
-    flushTrace();
-    EXPECT_TRUE(traced("qmx_ExecQmxbios ABEND"));
-}
-
-TEST_F(BiosRunner, BootDeviceRowsRunOncePerRowAndStopAtTheFirstFailure) {
-    qmx_bios_param p{};
-    for (int i = 0; i < kBootPriorityRows; ++i) {
-        for (int k = 0; k < 8; ++k) p.boot_pri[i].wwn[k] = uint8_t(0x10 * i + k);
-        p.boot_pri[i].lun = uint32_t(i * 0x101);
-    }
-    EXPECT_EQ(0, qmx_ExecQmxbios(0, QMXBIOS_OPT_BOOT_DEVICE, &p));
-    std::vector<std::string> runs = toolRuns();
-    ASSERT_EQ(runs.size(), 8u);
-    EXPECT_EQ(runs[0], "qmxbios -x -d qmxldd0 -p boot_device=1,0001020304050607,0000");
-    EXPECT_EQ(runs[2], "qmxbios -x -d qmxldd0 -p boot_device=3,2021222324252627,0202");
-    EXPECT_EQ(runs[7], "qmxbios -x -d qmxldd0 -p boot_device=8,7071727374757677,0707");
-
-    std::remove(stateFile("tools/qmxbios.log").c_str());
-    script("exit=1 times=1");
-    EXPECT_EQ(-1, qmx_ExecQmxbios(0, QMXBIOS_OPT_BOOT_DEVICE, &p));
-    EXPECT_EQ(QMX_G_ERROR_CD, 11);
-    EXPECT_EQ(toolRuns().size(), 1u);  // no retry, no further rows
 }
 
 }  // namespace

@@ -76,16 +76,9 @@ protected:
              "kernel/drivers/scsi/other.ko:\nextra/qmxldd_conf.ko: kernel/drivers/scsi/qmxldd.ko\n");
 
         traceName_ = std::string("cfgtrace-") + std::to_string(getpid()) + ".txt";
-        struct stat st;
-        std::string arg;
-        if (stat("/opt/kestrel/drivers/hba", &st) == 0 && S_ISDIR(st.st_mode)) {
-            tracePath_ = "/opt/kestrel/drivers/hba/" + traceName_;
-            arg = traceName_;
-        } else {
-            tracePath_ = arg = root_ + "/" + traceName_;
-        }
+        tracePath_ = frametest::tracePath(traceName_);
         QMX_CloseApiTraceFile();
-        ASSERT_EQ(QMX_ChangeTraceLogFile(const_cast<char *>(arg.c_str())), 0);
+        ASSERT_EQ(QMX_ChangeTraceLogFile(const_cast<char *>(traceName_.c_str())), 0);
         ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
         QMX_G_ERROR_CD = 0;
     }

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "frame/frame.h"
@@ -56,25 +57,19 @@ TEST(Conversions, ConvertStringForms) {
 }
 
 TEST(Conversions, TwoCharHex) {
-    unsigned char c = 0;
-    QMX_G_ERROR_CD = 0;
-    EXPECT_EQ(qmx_2CharTo1ByteHex(const_cast<char *>("0xFF"), &c), 0);
-    EXPECT_EQ(c, 255);
-    EXPECT_EQ(qmx_2CharTo1ByteHex(const_cast<char *>("a"), &c), 0);
-    EXPECT_EQ(c, 10);
-    c = 7;
-    EXPECT_EQ(qmx_2CharTo1ByteHex(const_cast<char *>(""), &c), 0);
-    EXPECT_EQ(c, 0);
-    EXPECT_EQ(QMX_G_ERROR_CD, 0);
-    // Three digits: the cut byte is stored, then the call fails with code 10.
-    EXPECT_EQ(qmx_2CharTo1ByteHex(const_cast<char *>("100"), &c), -1);
-    EXPECT_EQ(c, 0x00);
-    EXPECT_EQ(QMX_G_ERROR_CD, 10);
-    QMX_G_ERROR_CD = 0;
-    c = 5;
-    EXPECT_EQ(qmx_2CharTo1ByteHex(const_cast<char *>("0xZ1"), &c), -1);
-    EXPECT_EQ(c, 5);
-    EXPECT_EQ(QMX_G_ERROR_CD, 10);
+    // Three digits: the cut byte is stored, then the call fails with code 10;
+    // a bad digit stores nothing.
+    struct Case {
+        const char *text;
+        int rc, stored, code;
+    } cases[] = {{"0xFF", 0, 255, 0}, {"a", 0, 10, 0}, {"", 0, 0, 0}, {"100", -1, 0x00, 10}, {"0xZ1", -1, 5, 10}};
+    for (const Case &c : cases) {
+        unsigned char b = 5;
+        QMX_G_ERROR_CD = 0;
+        EXPECT_EQ(qmx_2CharTo1ByteHex(const_cast<char *>(c.text), &b), c.rc) << c.text;
+        EXPECT_EQ(b, c.stored) << c.text;
+        EXPECT_EQ(QMX_G_ERROR_CD, c.code) << c.text;
+    }
 }
 
 TEST(Conversions, DiskOrderShorterNameFirst) {
@@ -89,12 +84,10 @@ TEST(Conversions, DiskOrderShorterNameFirst) {
 }
 
 TEST(Conversions, ShellQuoteOnlyWhenNeeded) {
-    EXPECT_EQ(qmx::shellQuote("/opt/kestrel/x.txt"), "/opt/kestrel/x.txt");
-    EXPECT_EQ(qmx::shellQuote("a b"), "'a b'");
-    EXPECT_EQ(qmx::shellQuote("x;rm -rf /"), "'x;rm -rf /'");
-    EXPECT_EQ(qmx::shellQuote("it's"), "'it'\\''s'");
-    EXPECT_EQ(qmx::shellQuote(""), "''");
-    EXPECT_EQ(qmx::shellQuote("$(id)"), "'$(id)'");
+    const std::pair<const char *, const char *> cases[] = {
+        {"/opt/kestrel/x.txt", "/opt/kestrel/x.txt"}, {"a b", "'a b'"},  {"x;rm -rf /", "'x;rm -rf /'"},
+        {"it's", "'it'\\''s'"},                       {"", "''"},         {"$(id)", "'$(id)'"}};
+    for (auto [in, out] : cases) EXPECT_EQ(qmx::shellQuote(in), out) << in;
 }
 
 // The SCSI disk list of the host: the virtual host starts with sda..sdd on

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -16,6 +17,14 @@ namespace frametest {
 constexpr const char *kHostTrace = "/opt/kestrel/drivers/hba/qmxlibTrace.txt";
 
 inline bool inVirtualHost() { return std::getenv("QMXSIM_STATE") != nullptr; }
+
+// Where the library puts a trace file named `name`: the tool directory when
+// the host has one, else the working directory.
+inline std::string tracePath(const std::string &name) {
+    struct stat st;
+    if (stat("/opt/kestrel/drivers/hba", &st) == 0 && S_ISDIR(st.st_mode)) return "/opt/kestrel/drivers/hba/" + name;
+    return name;
+}
 
 inline std::string slurp(const std::string &path) {
     std::ifstream in(path, std::ios::binary);

@@ -65,83 +65,76 @@ TEST(NumberingValidation, FirstFaultyEntryInOrderIsReported) {
 }
 
 // ---------------------------------------------------------------------------
-// Operation 1: give a WWPN a number
+// Key list edits: 1 gives a WWPN a number, 2 removes the number bound to a
+// WWPN, 3 rebinds a number to another WWPN, 0 does nothing.
 // ---------------------------------------------------------------------------
-TEST(NumberingAssign, RemovesEveryKeyOfTheNumberAndAddsTheAdapterKey) {
-    auto list = items({"qmx_queue_depth=16", "qmxl2-tid-0-wwpn=0x5000000000000001", "qmx2_queue_depth=32",
-                       "qmxl2-wwpn=0x2100000000000002", "qmx20_queue_depth=8",
-                       "qmxl20-wwpn=0x2100000000000020", "qmxl02-wwpn=0x2100000000000099",
-                       "qmx12_link_down=5"});
-    std::vector<util_para> added;
-    applyEntries(list.data(), int(list.size()), *Request().add(2, 1, 0x21000011223344aaULL).r, added);
-    EXPECT_EQ(kept(list), (std::vector<std::string>{"qmx_queue_depth=16", "qmx20_queue_depth=8",
-              "qmxl20-wwpn=0x2100000000000020", "qmxl02-wwpn=0x2100000000000099", "qmx12_link_down=5"}));
-    ASSERT_EQ(added.size(), 1u);
-    EXPECT_STREQ(added[0].keyword, "qmxl2-wwpn");
-    EXPECT_STREQ(added[0].value, "0x21000011223344aa");
-    EXPECT_EQ(added[0].used, 0);
-}
+struct Entry {
+    int number, opr;
+    uint64_t wwn;
+};
 
-TEST(NumberingAssign, EmptyListOnlyAddsKeys) {
-    std::vector<util_para> added;
-    applyEntries(nullptr, 0, *Request().add(0, 1, 1).add(256, 1, 2).r, added);
-    ASSERT_EQ(added.size(), 2u);
-    EXPECT_STREQ(added[0].keyword, "qmxl0-wwpn");
-    EXPECT_STREQ(added[0].value, "0x0000000000000001");
-    EXPECT_STREQ(added[1].keyword, "qmxl256-wwpn");
-}
-
-// ---------------------------------------------------------------------------
-// Operation 2: remove the number bound to a WWPN
-// ---------------------------------------------------------------------------
-TEST(NumberingRemove, FindsTheAdapterKeyNotATargetKey) {
-    auto list = items({"qmxl5-tid-0-wwpn=0x21000000000000aa", "qmxl5-wwpn=0x2100000000000005",
-                       "qmx5_queue_depth=4", "qmxl1-wwpn=0x21000000000000aa",
-                       "qmxl1-tid-3-wwnn=0x2000000000000001", "qmx1_queue_depth=8", "qmx1_link_down=30"});
-    std::vector<util_para> added;
-    applyEntries(list.data(), int(list.size()), *Request().add(0, 2, 0x21000000000000aaULL).r, added);
-    EXPECT_EQ(kept(list), (std::vector<std::string>{"qmxl5-tid-0-wwpn=0x21000000000000aa",
-              "qmxl5-wwpn=0x2100000000000005", "qmx5_queue_depth=4"}));
-    EXPECT_TRUE(added.empty());
-}
-
-TEST(NumberingRemove, FirstMatchingKeyWinsAndValueIsAPrefixMatch) {
-    // The value only has to begin with the WWPN text.
-    auto list = items({"qmxl7-wwpn=0x21000000000000bb:junk", "qmxl8-wwpn=0x21000000000000bb",
-                       "qmx8_queue_depth=2"});
-    std::vector<util_para> added;
-    applyEntries(list.data(), int(list.size()), *Request().add(0, 2, 0x21000000000000bbULL).r, added);
-    EXPECT_EQ(kept(list), (std::vector<std::string>{"qmxl8-wwpn=0x21000000000000bb", "qmx8_queue_depth=2"}));
-}
-
-TEST(NumberingRemove, UnknownWwpnOrDifferentCaseChangesNothing) {
-    auto list = items({"qmxl1-wwpn=0x21000000000000AA", "qmx1_queue_depth=8"});
-    std::vector<util_para> added;
-    applyEntries(list.data(), int(list.size()),
-                 *Request().add(0, 2, 0x21000000000000aaULL).add(0, 2, 0x1234).r, added);
-    EXPECT_EQ(kept(list).size(), 2u);
-}
-
-TEST(NumberingRemove, NegativeNumberInAHostileKeyIsHandled) {
-    auto list = items({"qmxl-5-wwpn=0x00000000000000cc", "qmx-5_queue_depth=1", "qmx5_queue_depth=1"});
-    std::vector<util_para> added;
-    applyEntries(list.data(), int(list.size()), *Request().add(0, 2, 0xccULL).r, added);
-    EXPECT_EQ(kept(list), (std::vector<std::string>{"qmx5_queue_depth=1"}));
-}
-
-// ---------------------------------------------------------------------------
-// Operation 3: rebind a number to another WWPN
-// ---------------------------------------------------------------------------
-TEST(NumberingRebind, RewritesBothWwpnKeysOfTheNumberOnly) {
-    auto list = items({"qmxl3-wwpn=0x1111111111111111", "qmx3_wwpn=0x1111111111111111",
-                       "qmxl30-wwpn=0x3030303030303030", "qmxl3-tid-0-wwpn=0x5000000000000000",
-                       "qmx3_queue_depth=8"});
-    std::vector<util_para> added;
-    applyEntries(list.data(), int(list.size()), *Request().add(3, 3, 0x2222222222222222ULL).r, added);
-    EXPECT_EQ(kept(list), (std::vector<std::string>{"qmxl3-wwpn=0x2222222222222222",
-              "qmx3_wwpn=0x2222222222222222", "qmxl30-wwpn=0x3030303030303030",
-              "qmxl3-tid-0-wwpn=0x5000000000000000", "qmx3_queue_depth=8"}));
-    EXPECT_TRUE(added.empty());
+TEST(NumberingEdits, KeysKeptAndAddedPerOperation) {
+    struct Case {
+        const char *why;
+        std::vector<std::string> list;
+        std::vector<Entry> entries;
+        std::vector<std::string> kept, added;
+    } cases[] = {
+        {"assign removes every key of the number and adds the adapter key",
+         {"qmx_queue_depth=16", "qmxl2-tid-0-wwpn=0x5000000000000001", "qmx2_queue_depth=32",
+          "qmxl2-wwpn=0x2100000000000002", "qmx20_queue_depth=8", "qmxl20-wwpn=0x2100000000000020",
+          "qmxl02-wwpn=0x2100000000000099", "qmx12_link_down=5"},
+         {{2, 1, 0x21000011223344aaULL}},
+         {"qmx_queue_depth=16", "qmx20_queue_depth=8", "qmxl20-wwpn=0x2100000000000020",
+          "qmxl02-wwpn=0x2100000000000099", "qmx12_link_down=5"},
+         {"qmxl2-wwpn=0x21000011223344aa"}},
+        {"assign on an empty list only adds keys", {}, {{0, 1, 1}, {256, 1, 2}}, {},
+         {"qmxl0-wwpn=0x0000000000000001", "qmxl256-wwpn=0x0000000000000002"}},
+        {"remove finds the adapter key, not a target key",
+         {"qmxl5-tid-0-wwpn=0x21000000000000aa", "qmxl5-wwpn=0x2100000000000005", "qmx5_queue_depth=4",
+          "qmxl1-wwpn=0x21000000000000aa", "qmxl1-tid-3-wwnn=0x2000000000000001", "qmx1_queue_depth=8",
+          "qmx1_link_down=30"},
+         {{0, 2, 0x21000000000000aaULL}},
+         {"qmxl5-tid-0-wwpn=0x21000000000000aa", "qmxl5-wwpn=0x2100000000000005", "qmx5_queue_depth=4"},
+         {}},
+        {"remove: the first matching key wins and the value is a prefix match",
+         {"qmxl7-wwpn=0x21000000000000bb:junk", "qmxl8-wwpn=0x21000000000000bb", "qmx8_queue_depth=2"},
+         {{0, 2, 0x21000000000000bbULL}},
+         {"qmxl8-wwpn=0x21000000000000bb", "qmx8_queue_depth=2"},
+         {}},
+        {"remove: an unknown WWPN or one in another case changes nothing",
+         {"qmxl1-wwpn=0x21000000000000AA", "qmx1_queue_depth=8"},
+         {{0, 2, 0x21000000000000aaULL}, {0, 2, 0x1234}},
+         {"qmxl1-wwpn=0x21000000000000AA", "qmx1_queue_depth=8"},
+         {}},
+        {"remove: a negative number in a hostile key is handled",
+         {"qmxl-5-wwpn=0x00000000000000cc", "qmx-5_queue_depth=1", "qmx5_queue_depth=1"},
+         {{0, 2, 0xccULL}},
+         {"qmx5_queue_depth=1"},
+         {}},
+        {"rebind rewrites both WWPN keys of the number only",
+         {"qmxl3-wwpn=0x1111111111111111", "qmx3_wwpn=0x1111111111111111", "qmxl30-wwpn=0x3030303030303030",
+          "qmxl3-tid-0-wwpn=0x5000000000000000", "qmx3_queue_depth=8"},
+         {{3, 3, 0x2222222222222222ULL}},
+         {"qmxl3-wwpn=0x2222222222222222", "qmx3_wwpn=0x2222222222222222", "qmxl30-wwpn=0x3030303030303030",
+          "qmxl3-tid-0-wwpn=0x5000000000000000", "qmx3_queue_depth=8"},
+         {}},
+        {"operation 0 changes nothing",
+         {"qmxl1-wwpn=0x0000000000000001", "qmx1_queue_depth=8"},
+         {{1, 0, 7}},
+         {"qmxl1-wwpn=0x0000000000000001", "qmx1_queue_depth=8"},
+         {}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.why);
+        auto list = items(c.list);
+        Request req;
+        for (const Entry &e : c.entries) req.add(e.number, e.opr, e.wwn);
+        std::vector<util_para> added;
+        applyEntries(list.empty() ? nullptr : list.data(), int(list.size()), *req.r, added);
+        EXPECT_EQ(kept(list), c.kept);
+        EXPECT_EQ(kept(added), c.added);
+    }
 }
 
 TEST(NumberingRebind, LaterRemovalSeesTheRebindOfTheSameRequest) {
@@ -156,15 +149,6 @@ TEST(NumberingRebind, LaterRemovalSeesTheRebindOfTheSameRequest) {
     applyEntries(list.data(), int(list.size()), *Request().add(0, 2, 0x2222222222222222ULL).r,
                  added);
     EXPECT_TRUE(kept(list).empty());
-}
-
-TEST(NumberingNone, OperationZeroChangesNothing) {
-    auto list = items({"qmxl1-wwpn=0x0000000000000001", "qmx1_queue_depth=8"});
-    std::vector<util_para> added;
-    applyEntries(list.data(), int(list.size()), *Request().add(1, 0, 7).r, added);
-    EXPECT_EQ(kept(list).size(), 2u);
-    EXPECT_EQ(std::string(list[0].value), "0x0000000000000001");
-    EXPECT_TRUE(added.empty());
 }
 
 TEST(NumberingScale, FullRequestOnALargeListMarksExactlyTheNumberedKeys) {

@@ -34,20 +34,13 @@ std::string padded(std::string text) {
     return text;
 }
 
-std::string tracePath(const std::string &name) {
-    struct stat st;
-    if (stat("/opt/kestrel/drivers/hba", &st) == 0 && S_ISDIR(st.st_mode))
-        return "/opt/kestrel/drivers/hba/" + name;
-    return name;
-}
-
 // Each test writes its own trace file so that tests never share one.
 class TraceRing : public ::testing::Test {
 protected:
     void SetUp() override {
         name_ = std::string("trace-") + ::testing::UnitTest::GetInstance()->current_test_info()->name() +
                 ".txt";
-        path_ = tracePath(name_);
+        path_ = frametest::tracePath(name_);
         unlink(path_.c_str());
         ASSERT_EQ(QMX_ChangeTraceLogFile(const_cast<char *>(name_.c_str())), 0);
     }
