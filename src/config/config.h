@@ -159,10 +159,16 @@ struct ConfItem {
     std::string_view key, value;
     int used = 0;
 };
+// The buffer a file is read into: grown when too short, never cleared (a
+// read uses only the bytes it was given).
+struct ReadBuffer {
+    std::unique_ptr<char[]> data;
+    std::size_t size = 0;
+};
 // One read of a configuration file: its text and the items of its first
 // line, one per item slot, viewing that text.
 struct ConfText {
-    std::string text;
+    ReadBuffer text;
     std::vector<ConfItem> items;
 };
 // Reads a file as readKeyFile does (the same trace lines, codes and
@@ -199,12 +205,11 @@ constexpr long kConfSizeLimit = 199999;
 // `out`, marking the items it writes or takes.  No I/O.
 void buildConfText(util_para *key_list, int key_list_max, util_para *add_list, int add_list_max,
                    int remake_bind_data, std::string &out);
-void buildConfText(ConfItem *key_list, int key_list_max, ConfItem *add_list, int add_list_max,
-                   int remake_bind_data, std::string &out);
 int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
                  util_para *add_list, int add_list_max, int remake_bind_data) noexcept;
-int makeConfFile(const ConfStore &store, ConfItem *key_list, int key_list_max, ConfItem *add_list,
-                 int add_list_max, int remake_bind_data) noexcept;
+// makeConfFile of the items of a read (readConfItems).
+int makeConfFileFromItems(const ConfStore &store, ConfItem *key_list, int key_list_max,
+                          ConfItem *add_list, int add_list_max, int remake_bind_data) noexcept;
 
 // ---------------------------------------------------------------------------
 // Parameter engine.

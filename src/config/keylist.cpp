@@ -69,17 +69,20 @@ std::string_view firstLine(const char *text, std::size_t len) noexcept {
 template <class F>
 bool walkItems(std::string_view line, std::size_t slots, F &&f) {
     bool cut = false;
-    std::size_t pos = 0;
+    const char *at = line.data(), *end = line.data() + line.size();
     for (std::size_t slot = 0; slot < slots; ++slot) {
-        std::size_t colon = line.find(':', pos);
-        if (colon == std::string_view::npos) break;
-        std::string_view item = line.substr(pos, colon - pos);
-        std::size_t eq = item.find('=');
-        if (eq == std::string_view::npos) break;
-        std::string_view key = item.substr(0, eq), value = item.substr(eq + 1);
-        cut |= key.size() > kKeyRoom || value.size() > kValueRoom;
-        f(slot, key.substr(0, kKeyRoom), value.substr(0, kValueRoom));
-        pos = colon + 1;
+        auto *colon = static_cast<const char *>(std::memchr(at, ':', std::size_t(end - at)));
+        if (colon == nullptr) break;
+        auto *eq = static_cast<const char *>(std::memchr(at, '=', std::size_t(colon - at)));
+        if (eq == nullptr) break;
+        std::size_t keyLen = std::size_t(eq - at), valueLen = std::size_t(colon - eq - 1);
+        if (keyLen > kKeyRoom || valueLen > kValueRoom) {
+            cut = true;
+            keyLen = std::min(keyLen, kKeyRoom);
+            valueLen = std::min(valueLen, kValueRoom);
+        }
+        f(slot, std::string_view(at, keyLen), std::string_view(eq + 1, valueLen));
+        at = colon + 1;
     }
     return cut;
 }
@@ -166,17 +169,19 @@ int readFailed(int err) noexcept {
 // text is read into `buf` (grown when too short); 1 with the line in *line,
 // or the read's result (0 or below) when it ends here.  *opened tells
 // whether the file was opened.
-int readFirstLine(const char *sizePath, const char *path, std::string &buf, std::string_view *line,
+int readFirstLine(const char *sizePath, const char *path, ReadBuffer &buf, std::string_view *line,
                   bool *opened) noexcept {
     *opened = false;
     std::size_t size = 0;
     int sized = sizeForRead(sizePath, path, &size);
     if (sized <= 0) return sized;
-    try {
-        if (buf.size() < size) buf.resize(size);
-    } catch (const std::bad_alloc &) {
-        sysError("malloc", ENOMEM);
-        return kReadNoMemory;
+    if (buf.size < size) {
+        buf.data.reset(new (std::nothrow) char[size]);
+        buf.size = buf.data ? size : 0;
+        if (!buf.data) {
+            sysError("malloc", ENOMEM);
+            return kReadNoMemory;
+        }
     }
     FILE *fp = QMX_fopen(const_cast<char *>(path), const_cast<char *>("re"));
     if (fp == nullptr) {
@@ -184,13 +189,13 @@ int readFirstLine(const char *sizePath, const char *path, std::string &buf, std:
         return kReadNoOpen;
     }
     *opened = true;
-    std::size_t got = std::fread(buf.data(), 1, size, fp);
+    std::size_t got = std::fread(buf.data.get(), 1, size, fp);
     // Like fgets, a read error fails the read whatever came before it.
     int err = std::ferror(fp) ? (errno != 0 ? errno : EIO) : 0;
     std::fclose(fp);
     if (err != 0) return readFailed(err);
     if (got == 0) return 0;
-    *line = firstLine(buf.data(), got);
+    *line = firstLine(buf.data.get(), got);
     return 1;
 }
 
@@ -198,7 +203,7 @@ int readFirstLine(const char *sizePath, const char *path, std::string &buf, std:
 
 int readKeyFile(const char *sizePath, const char *path, util_para **key_list) noexcept {
     if (key_list != nullptr) *key_list = nullptr;
-    std::string buf;
+    ReadBuffer buf;
     std::string_view line;
     bool opened = false;
     int got = readFirstLine(sizePath, key_list == nullptr ? nullptr : path, buf, &line, &opened);
@@ -220,16 +225,17 @@ int readConfItems(const char *sizePath, const char *path, ConfText &out) noexcep
         return int(slots);
     }
     try {
-        out.items.resize(std::size_t(slots));
+        out.items.reserve(std::size_t(slots));
     } catch (const std::bad_alloc &) {
         sysError("malloc", ENOMEM);
         trace("QMX_Read_qmxlddconf ABEND");
         return kReadNoMemory;
     }
-    bool cut = walkItems(line, std::size_t(slots), [&](std::size_t slot, auto key, auto value) {
-        out.items[slot].key = key;
-        out.items[slot].value = value;
+    // The slots after an item without "=" stay empty.
+    bool cut = walkItems(line, std::size_t(slots), [&](std::size_t, auto key, auto value) {
+        out.items.push_back(ConfItem{key, value});
     });
+    out.items.resize(std::size_t(slots));
     if (cut) trace("qmxldd.conf item truncated");
     return int(slots);
 }
@@ -252,7 +258,7 @@ namespace {
 
 // The module's read buffer and its last snapshot (single-threaded, as the
 // whole library).
-std::string readBuffer;
+ReadBuffer readBuffer;
 std::shared_ptr<const ConfLookup::Snapshot> lastSnapshot;
 
 }  // namespace

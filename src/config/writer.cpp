@@ -540,18 +540,13 @@ void buildConfText(util_para *key_list, int key_list_max, util_para *add_list, i
     buildText(key_list, key_list_max, add_list, add_list_max, remake_bind_data, out);
 }
 
-void buildConfText(ConfItem *key_list, int key_list_max, ConfItem *add_list, int add_list_max,
-                   int remake_bind_data, std::string &out) {
-    buildText(key_list, key_list_max, add_list, add_list_max, remake_bind_data, out);
-}
-
 int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
                  util_para *add_list, int add_list_max, int remake_bind_data) noexcept {
     return makeFile(store, key_list, key_list_max, add_list, add_list_max, remake_bind_data);
 }
 
-int makeConfFile(const ConfStore &store, ConfItem *key_list, int key_list_max, ConfItem *add_list,
-                 int add_list_max, int remake_bind_data) noexcept {
+int makeConfFileFromItems(const ConfStore &store, ConfItem *key_list, int key_list_max,
+                          ConfItem *add_list, int add_list_max, int remake_bind_data) noexcept {
     return makeFile(store, key_list, key_list_max, add_list, add_list_max, remake_bind_data);
 }
 

@@ -36,9 +36,6 @@ constexpr const char *kModprobe = "/etc/modprobe.d/qmxldd_param.conf";
 constexpr int kBindValueChars = 18;  // "0x" and 16 hex digits
 constexpr int kAutomapRecords = 10;  // module options the automap setter carries over
 
-struct FreeDeleter {
-    void operator()(void *p) const noexcept { std::free(p); }
-};
 using FilePtr = std::unique_ptr<FILE, qmx::FileCloser>;
 
 // Characters from..to (inclusive) of s, clipped to s; empty when to < from.
@@ -610,8 +607,8 @@ int QMX_WriteBindInfo(void) {
             sizeSum += long(p.key.size() + 1 + p.value.size());
             if (sizeSum > qmx::kConfSizeLimit) break;
         }
-        if (qmx::makeConfFile(qmx::kSystemStore, items.data(), n, added.data(), int(added.size()),
-                              1) != 0)
+        if (qmx::makeConfFileFromItems(qmx::kSystemStore, items.data(), n, added.data(),
+                                       int(added.size()), 1) != 0)
             return abend();
     } catch (const std::bad_alloc &) {
         qmx::sysError("malloc", ENOMEM);
@@ -638,21 +635,18 @@ QMX_STATUS QMX_AutoSetPersistentBinding(QMX_PERSISTENTBINDING *bind_information)
 QMX_STATUS QMX_DeletePersistentBinding(void) {
     return qmx::run("QMX_DeletePersistentBinding", [&](qmx::Frame &f) {
         if (!f.lock()) return f.status();
-        util_para *raw = nullptr;
-        int n = QMX_Read_qmxlddconf(&raw, 0);
-        std::unique_ptr<util_para, FreeDeleter> list(raw);
+        qmx::ConfText conf;
+        int n = qmx::readConfItems(kConfPath, kConfPath, conf);
         // Any failed read (also a file that cannot be opened) ends here: the
         // file is never rewritten from what was not read.
         if (n < 0) return f.fail();
-        for (int i = 0; raw != nullptr && i < n; ++i) {
-            util_para &p = raw[i];
-            if (qmx::keyOf(p).find("-tid-") == string_view::npos) continue;
-            p.keyword[0] = '\0';
-            p.value[0] = '\0';
-            p.used = 1;
+        for (qmx::ConfItem &p : conf.items) {
+            if (p.key.find("-tid-") == string_view::npos) continue;
+            p = qmx::ConfItem{{}, {}, 1};
         }
-        return QMX_MakeConfFile(raw, raw == nullptr ? 0 : n, nullptr, 0, 0) == 0 ? f.ok()
-                                                                                : f.fail();
+        return qmx::makeConfFileFromItems(qmx::kSystemStore, conf.items.data(), n, nullptr, 0, 0) == 0
+                   ? f.ok()
+                   : f.fail();
     });
 }
 
