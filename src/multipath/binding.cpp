@@ -482,6 +482,7 @@ namespace {
 class TextStore {
 public:
     string_view keep(string_view s) {
+        if (s.empty()) return {};
         if (s.size() > left_) {
             std::size_t size = std::max(kBlock, s.size());
             blocks_.emplace_back(new char[size]);
