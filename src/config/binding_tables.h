@@ -47,3 +47,17 @@ extern int bind_cnt;   // records of TBLKEY in use
 extern int pbind_cnt;  // WWN records (kinds 1 and 2) entered
 extern __WWPN WWPN[HADAPTMAX];
 extern int wwpn_cnt;   // records of WWPN in use
+
+// Text of the binding items, formatted by hand (a full table is 132000
+// items) into a buffer of at least kBindingTextMax characters; each returns
+// the end of what it wrote.
+constexpr std::size_t kBindingTextMax = 96;
+// "0x" and the lower-case hexadecimal digits of v, at least `digits` of them.
+char *hexText(char *out, uint64_t v, int digits);
+// The key of a record's kind ("qmxl<A>-tid-<T>-wwpn", "-wwnn", "-attribute",
+// "-priority0".."-priority3", "-gt"); nullptr, with nothing written, for
+// kinds that have none (10 and above, 3, 0 ...).
+char *bindingKeyText(char *out, const __TBLKEY &r);
+// The whole item of a record ("key=value:") as the writer writes it, or
+// nullptr for kinds without a key.
+char *bindingItemText(char *out, const __TBLKEY &r);

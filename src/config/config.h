@@ -17,6 +17,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "config/binding_tables.h"
 #include "qmxvlib.h"
@@ -62,6 +63,10 @@ extern __HBAKEY retry_cnt[kConfPorts][kRetryEntries];
 
 // The port number of a per-port key ("qmx<N>_..."), or -1.
 int qmx_getpos(char *keyword);
+namespace qmx {
+// qmx_getpos of a key given as text.
+int portOfKey(std::string_view key) noexcept;
+}  // namespace qmx
 // Moves the per-port items of a list into the port tables.
 void qmx_OutputListParamCreate(util_para *param, int param_max);
 
@@ -148,6 +153,28 @@ constexpr long kMaxConfBytes = 16L * 1024 * 1024;
 int parseKeyLine(const char *text, std::size_t len, util_para **key_list) noexcept;
 // Reads one file: its buffer is sized from `sizePath`, the text read from `path`.
 int readKeyFile(const char *sizePath, const char *path, util_para **key_list) noexcept;
+// An item of a configuration line as it lies in the text read (key and
+// value cut to what a key list's fields hold), with the `used` mark of a
+// key list item.  Callers that replace a value point it at text of their own.
+struct ConfItem {
+    std::string_view key, value;
+    int used = 0;
+};
+// The buffer a file is read into: grown when too short, never cleared (a
+// read uses only the bytes it was given).
+struct ReadBuffer {
+    std::unique_ptr<char[]> data;
+    std::size_t size = 0;
+};
+// One read of a configuration file: its text and the items of its first
+// line, one per item slot, viewing that text.
+struct ConfText {
+    ReadBuffer text;
+    std::vector<ConfItem> items;
+};
+// Reads a file as readKeyFile does (the same trace lines, codes and
+// results) without building a key list: the items view the text read.
+int readConfItems(const char *sizePath, const char *path, ConfText &out) noexcept;
 // flg 0: the driver file, 1: the library file.
 int readKeyList(const ConfStore &store, util_para **key_list, int flg) noexcept;
 
@@ -181,6 +208,9 @@ void buildConfText(util_para *key_list, int key_list_max, util_para *add_list, i
                    int remake_bind_data, std::string &out);
 int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
                  util_para *add_list, int add_list_max, int remake_bind_data) noexcept;
+// makeConfFile of the items of a read (readConfItems).
+int makeConfFileFromItems(const ConfStore &store, ConfItem *key_list, int key_list_max,
+                          ConfItem *add_list, int add_list_max, int remake_bind_data) noexcept;
 
 // ---------------------------------------------------------------------------
 // Parameter engine.
@@ -252,5 +282,7 @@ inline std::string_view keyOf(const util_para &p) noexcept {
 inline std::string_view valueOf(const util_para &p) noexcept {
     return {p.value, strnlen(p.value, sizeof p.value)};
 }
+inline std::string_view keyOf(const ConfItem &p) noexcept { return p.key; }
+inline std::string_view valueOf(const ConfItem &p) noexcept { return p.value; }
 
 }  // namespace qmx

@@ -88,11 +88,6 @@ std::string formKey(const QMX_WWN &wwn, int port, string_view suffix, int erId, 
     return buf;
 }
 
-struct ListHolder {
-    util_para *list = nullptr;
-    ~ListHolder() { std::free(list); }
-};
-
 }  // namespace
 
 namespace qmx {
@@ -169,13 +164,13 @@ int setUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key
             setError(QMX_ERR_INVALID_ARG);
             return abend();
         }
-        ListHolder keys;
-        int n = readKeyList(store, &keys.list, 0);
+        ConfText conf;
+        int n = readConfItems(store.conf, store.conf, conf);
         // A file that could not be read is not an empty one: it is never
         // rewritten from the new items alone (a missing file would fail in
         // the writer anyway, which needs the file to exist).
         if (n < 0) return abend();
-        if (keys.list == nullptr) n = 0;
+        std::vector<ConfItem> &items = conf.items;
 
         string_view suffix(key_str, strnlen(key_str, 256));
         int port = portNumberOf(index);
@@ -185,48 +180,41 @@ int setUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key
         char adapterKey[32];
         std::snprintf(adapterKey, sizeof adapterKey, "qmxl%d-wwpn", port);
 
-        util_para *hit = nullptr;
+        ConfItem *hit = nullptr;
         bool adapterPresent = false;
-        for (int i = 0; i < n; ++i) {
-            string_view k = keyOf(keys.list[i]);
-            if (hit == nullptr && k == key) hit = &keys.list[i];
-            if (k == adapterKey) adapterPresent = true;
+        for (ConfItem &item : items) {
+            if (hit == nullptr && item.key == key) hit = &item;
+            if (item.key == adapterKey) adapterPresent = true;
         }
 
-        util_para add[2];
-        std::memset(add, 0, sizeof add);
+        // The texts of the new or changed items, as a key list's fields
+        // would hold them.
+        char values[2][sizeof(util_para::value)];
+        const WwnText wwnValue = wwnText(wwn);
+        string_view newKey = string_view(key).substr(0, sizeof(util_para::keyword) - 1);
+        ConfItem add[2];
         int addCount = 0;
         if (hit != nullptr) {
             if (del == 1) {
-                hit->keyword[0] = '\0';
-                hit->value[0] = '\0';
+                hit->key = hit->value = string_view();
             } else {
-                formatValue(enc, setval, hit->value, sizeof hit->value);
+                formatValue(enc, setval, values[0], sizeof values[0]);
+                hit->value = values[0];
             }
         } else if (del == 1) {
             return 0;  // nothing to remove; the file is left as it is
-        } else if (isAllZero(wwn) && suffix != "_bs") {
-            copyText(add[0].keyword, key);
-            formatValue(enc, setval, add[0].value, sizeof add[0].value);
-            addCount = 1;
-        } else if (suffix == "_bs") {
-            copyText(add[0].keyword, key);
-            formatValue(Encoding::Int, setval, add[0].value, sizeof add[0].value);
-            addCount = 1;
+        } else if (suffix == "_bs" || isAllZero(wwn)) {
+            formatValue(suffix == "_bs" ? Encoding::Int : enc, setval, values[0], sizeof values[0]);
+            add[addCount++] = ConfItem{newKey, values[0]};
         } else {
             // A port's first item: tie its number to its WWN first.
-            if (!adapterPresent) {
-                copyText(add[addCount].keyword, adapterKey);
-                copyText(add[addCount].value, wwnText(wwn).text);
-                ++addCount;
-            }
+            if (!adapterPresent) add[addCount++] = ConfItem{adapterKey, wwnValue.text};
             // The key formed above: "qmx<N><suffix>", with the sub-index
             // appended when there is one.
-            copyText(add[addCount].keyword, key);
-            formatValue(enc, setval, add[addCount].value, sizeof add[addCount].value);
-            ++addCount;
+            formatValue(enc, setval, values[1], sizeof values[1]);
+            add[addCount++] = ConfItem{newKey, values[1]};
         }
-        if (makeConfFile(store, keys.list, n, add, addCount, 0) != 0) return abend();
+        if (makeConfFileFromItems(store, items.data(), n, add, addCount, 0) != 0) return abend();
         return 0;
     } catch (...) {
         sysError("malloc", ENOMEM);

@@ -69,17 +69,20 @@ std::string_view firstLine(const char *text, std::size_t len) noexcept {
 template <class F>
 bool walkItems(std::string_view line, std::size_t slots, F &&f) {
     bool cut = false;
-    std::size_t pos = 0;
+    const char *at = line.data(), *end = line.data() + line.size();
     for (std::size_t slot = 0; slot < slots; ++slot) {
-        std::size_t colon = line.find(':', pos);
-        if (colon == std::string_view::npos) break;
-        std::string_view item = line.substr(pos, colon - pos);
-        std::size_t eq = item.find('=');
-        if (eq == std::string_view::npos) break;
-        std::string_view key = item.substr(0, eq), value = item.substr(eq + 1);
-        cut |= key.size() > kKeyRoom || value.size() > kValueRoom;
-        f(slot, key.substr(0, kKeyRoom), value.substr(0, kValueRoom));
-        pos = colon + 1;
+        auto *colon = static_cast<const char *>(std::memchr(at, ':', std::size_t(end - at)));
+        if (colon == nullptr) break;
+        auto *eq = static_cast<const char *>(std::memchr(at, '=', std::size_t(colon - at)));
+        if (eq == nullptr) break;
+        std::size_t keyLen = std::size_t(eq - at), valueLen = std::size_t(colon - eq - 1);
+        if (keyLen > kKeyRoom || valueLen > kValueRoom) {
+            cut = true;
+            keyLen = std::min(keyLen, kKeyRoom);
+            valueLen = std::min(valueLen, kValueRoom);
+        }
+        f(slot, std::string_view(at, keyLen), std::string_view(eq + 1, valueLen));
+        at = colon + 1;
     }
     return cut;
 }
@@ -87,7 +90,12 @@ bool walkItems(std::string_view line, std::size_t slots, F &&f) {
 // The item slots of a line; kReadRefused (with its trace line and code 9)
 // when there are more than a list may hold.
 long countSlots(std::string_view line) noexcept {
-    long slots = long(std::count(line.begin(), line.end(), ':'));
+    long slots = 0;
+    const char *at = line.data(), *end = line.data() + line.size();
+    while ((at = static_cast<const char *>(std::memchr(at, ':', std::size_t(end - at)))) != nullptr) {
+        ++slots;
+        ++at;
+    }
     if (slots > kMaxKeySlots) {
         trace("qmxldd.conf has too many items");
         setError(QMX_ERR_DATA_FILE);
@@ -156,35 +164,80 @@ int readFailed(int err) noexcept {
     return kReadIoError;
 }
 
+// The first line of a file as one fgets into a buffer of its size plus one
+// would read it: at most the size's bytes, up to a newline or a NUL.  The
+// text is read into `buf` (grown when too short); 1 with the line in *line,
+// or the read's result (0 or below) when it ends here.  *opened tells
+// whether the file was opened.
+int readFirstLine(const char *sizePath, const char *path, ReadBuffer &buf, std::string_view *line,
+                  bool *opened) noexcept {
+    *opened = false;
+    std::size_t size = 0;
+    int sized = sizeForRead(sizePath, path, &size);
+    if (sized <= 0) return sized;
+    if (buf.size < size) {
+        buf.data.reset(new (std::nothrow) char[size]);
+        buf.size = buf.data ? size : 0;
+        if (!buf.data) {
+            sysError("malloc", ENOMEM);
+            return kReadNoMemory;
+        }
+    }
+    FILE *fp = QMX_fopen(const_cast<char *>(path), const_cast<char *>("re"));
+    if (fp == nullptr) {
+        trace("QMX_Read_qmxlddconf ABEND");
+        return kReadNoOpen;
+    }
+    *opened = true;
+    std::size_t got = std::fread(buf.data.get(), 1, size, fp);
+    // Like fgets, a read error fails the read whatever came before it.
+    int err = std::ferror(fp) ? (errno != 0 ? errno : EIO) : 0;
+    std::fclose(fp);
+    if (err != 0) return readFailed(err);
+    if (got == 0) return 0;
+    *line = firstLine(buf.data.get(), got);
+    return 1;
+}
+
 }  // namespace
 
 int readKeyFile(const char *sizePath, const char *path, util_para **key_list) noexcept {
     if (key_list != nullptr) *key_list = nullptr;
-    std::size_t size = 0;
-    int sized = sizeForRead(sizePath, key_list == nullptr ? nullptr : path, &size);
-    if (sized <= 0) return sized;
-    std::size_t cap = size + 1;
-    auto *buf = static_cast<char *>(std::calloc(cap, 1));
-    if (buf == nullptr) {
-        sysError("malloc", errno);
+    ReadBuffer buf;
+    std::string_view line;
+    bool opened = false;
+    int got = readFirstLine(sizePath, key_list == nullptr ? nullptr : path, buf, &line, &opened);
+    if (got <= 0) return got;
+    int result = parseKeyLine(line.data(), line.size(), key_list);
+    if (result < 0) trace("QMX_Read_qmxlddconf ABEND");
+    return result;
+}
+
+int readConfItems(const char *sizePath, const char *path, ConfText &out) noexcept {
+    out.items.clear();
+    std::string_view line;
+    bool opened = false;
+    int got = readFirstLine(sizePath, path, out.text, &line, &opened);
+    if (got <= 0) return got;
+    long slots = countSlots(line);
+    if (slots < 0) {
+        trace("QMX_Read_qmxlddconf ABEND");
+        return int(slots);
+    }
+    try {
+        out.items.reserve(std::size_t(slots));
+    } catch (const std::bad_alloc &) {
+        sysError("malloc", ENOMEM);
+        trace("QMX_Read_qmxlddconf ABEND");
         return kReadNoMemory;
     }
-    FILE *fp = QMX_fopen(const_cast<char *>(path), const_cast<char *>("re"));
-    if (fp == nullptr) {
-        std::free(buf);
-        trace("QMX_Read_qmxlddconf ABEND");
-        return kReadNoOpen;
-    }
-    int result = 0;
-    if (std::fgets(buf, int(cap < std::size_t(INT_MAX) ? cap : INT_MAX), fp) != nullptr) {
-        result = parseKeyLine(buf, cap - 1, key_list);
-        if (result < 0) trace("QMX_Read_qmxlddconf ABEND");
-    } else if (std::ferror(fp)) {
-        result = readFailed(errno);
-    }
-    std::fclose(fp);
-    std::free(buf);
-    return result;
+    // The slots after an item without "=" stay empty.
+    bool cut = walkItems(line, std::size_t(slots), [&](std::size_t, auto key, auto value) {
+        out.items.push_back(ConfItem{key, value});
+    });
+    out.items.resize(std::size_t(slots));
+    if (cut) trace("qmxldd.conf item truncated");
+    return int(slots);
 }
 
 // ---------------------------------------------------------------------------
@@ -205,7 +258,7 @@ namespace {
 
 // The module's read buffer and its last snapshot (single-threaded, as the
 // whole library).
-std::string readBuffer;
+ReadBuffer readBuffer;
 std::shared_ptr<const ConfLookup::Snapshot> lastSnapshot;
 
 }  // namespace
@@ -213,29 +266,9 @@ std::shared_ptr<const ConfLookup::Snapshot> lastSnapshot;
 int ConfLookup::read(const char *sizePath, const char *path) noexcept {
     snap_.reset();
     opened_ = cut_ = false;
-    std::size_t size = 0;
-    int sized = sizeForRead(sizePath, path, &size);
-    if (sized <= 0) return sized;
-    try {
-        if (readBuffer.size() < size) readBuffer.resize(size);
-    } catch (const std::bad_alloc &) {
-        sysError("malloc", ENOMEM);
-        return kReadNoMemory;
-    }
-    FILE *fp = QMX_fopen(const_cast<char *>(path), const_cast<char *>("r"));
-    if (fp == nullptr) {
-        trace("QMX_Read_qmxlddconf ABEND");
-        return kReadNoOpen;
-    }
-    opened_ = true;
-    // Like one fgets into a buffer of the size plus one: at most `size`
-    // bytes, the line ending at its newline or a NUL.
-    std::size_t got = std::fread(readBuffer.data(), 1, size, fp);
-    int err = got == 0 && std::ferror(fp) ? errno : 0;
-    std::fclose(fp);
-    if (err != 0) return readFailed(err);
-    std::string_view line = firstLine(readBuffer.data(), got);
-    if (got == 0) return 0;
+    std::string_view line;
+    int got = readFirstLine(sizePath, path, readBuffer, &line, &opened_);
+    if (got <= 0) return got;
     try {
         if (!lastSnapshot || lastSnapshot->line != line) {
             lastSnapshot.reset();
@@ -299,7 +332,10 @@ int QMX_Read_qmxlddconf(util_para **key_list, int flg) {
 
 int qmx_getpos(char *keyword) {
     if (keyword == nullptr) return -1;
-    std::string_view key(keyword, strnlen(keyword, sizeof(util_para::keyword)));
+    return qmx::portOfKey(std::string_view(keyword, strnlen(keyword, sizeof(util_para::keyword))));
+}
+
+int qmx::portOfKey(std::string_view key) noexcept {
     if (!key.starts_with("qmx") || key.starts_with("qmxl")) return -1;
     std::size_t us = key.find('_', 3);
     if (us == std::string_view::npos) return -1;

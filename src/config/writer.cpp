@@ -209,7 +209,8 @@ private:
 
 // Takes one item into its table.  Returns false when the item is to stay
 // in the list (no row, or it does not fit).
-bool takeItem(util_para &p, int port, RowCache &rows) {
+template <class Item>
+bool takeItem(Item &p, int port, RowCache &rows) {
     string_view key = qmx::keyOf(p);
     string_view val = qmx::valueOf(p);
     const Row *row = rows.rowOf(key);
@@ -312,41 +313,10 @@ void writePort(std::string &out, int port) {
 }
 
 void writeBindingTables(std::string &out) {
-    char buf[192];
     int n = bind_cnt < 0 ? 0 : std::min(bind_cnt, BINDMAX);
-    for (int r = 0; r < n; ++r) {
-        const __TBLKEY &t = TBLKEY[r];
-        string_view bind = fieldText(t.bind, sizeof t.bind);
-        int len = -1;
-        switch (t.npd) {
-            case kBindWwpn:
-            case kBindWwnn:
-                len = std::snprintf(buf, sizeof buf, "qmxl%d-tid-%d-%s=%.*s:", t.adapt, t.target,
-                                    t.npd == kBindWwpn ? "wwpn" : "wwnn", int(bind.size()),
-                                    bind.data());
-                break;
-            case kBindAttribute:
-                len = std::snprintf(buf, sizeof buf, "qmxl%d-tid-%d-attribute=0x%02x:", t.adapt,
-                                    t.target, unsigned(t.attribute));
-                break;
-            case kBindPriority0:
-            case kBindPriority0 + 1:
-            case kBindPriority0 + 2:
-            case kBindPriority0 + 3: {
-                int k = t.npd - kBindPriority0;
-                len = std::snprintf(buf, sizeof buf, "qmxl%d-tid-%d-priority%d=0x%016llx:", t.adapt,
-                                    t.target, k, static_cast<unsigned long long>(t.priority[k]));
-                break;
-            }
-            case kBindGroup:
-                len = std::snprintf(buf, sizeof buf, "qmxl%d-tid-%d-gt=%d:", t.adapt, t.target,
-                                    t.group);
-                break;
-            default:
-                break;  // no key of its own
-        }
-        if (len > 0) out.append(buf, std::size_t(std::min(len, int(sizeof buf) - 1)));
-    }
+    char buf[kBindingTextMax];
+    for (int r = 0; r < n; ++r)
+        if (const char *end = bindingItemText(buf, TBLKEY[r])) out.append(buf, std::size_t(end - buf));
     int w = wwpn_cnt < 0 ? 0 : std::min(wwpn_cnt, HADAPTMAX);
     for (int i = 0; i < w; ++i) {
         const __WWPN &a = WWPN[i];
@@ -358,46 +328,55 @@ void writeBindingTables(std::string &out) {
     }
 }
 
-int clampCount(const util_para *list, int n) { return list == nullptr || n < 0 ? 0 : n; }
+template <class Item>
+int clampCount(const Item *list, int n) { return list == nullptr || n < 0 ? 0 : n; }
 
-
-}  // namespace
-
-void qmx_OutputListParamCreate(util_para *param, int param_max) {
+template <class Item>
+void outputListParamCreate(Item *param, int param_max) {
     qmx::trace("qmx_OutputListParamCreate START");
     int n = clampCount(param, param_max);
     RowCache rows;
     for (int i = 0; i < n; ++i) {
-        util_para &p = param[i];
+        Item &p = param[i];
         if (p.used != 0) continue;
-        int port = qmx_getpos(p.keyword);
+        int port = qmx::portOfKey(qmx::keyOf(p));
         if (port == -1) continue;
         p.used = 1;
         if (!takeItem(p, port, rows)) p.used = 0;
     }
 }
 
+}  // namespace
+
+void qmx_OutputListParamCreate(util_para *param, int param_max) {
+    outputListParamCreate(param, param_max);
+}
+
 namespace qmx {
 
-void buildConfText(util_para *key_list, int key_list_max, util_para *add_list, int add_list_max,
-                   int remake_bind_data, std::string &out) {
+namespace {
+
+// The body of buildConfText for key list items and for read items.
+template <class Item>
+void buildText(Item *key_list, int key_list_max, Item *add_list, int add_list_max,
+               int remake_bind_data, std::string &out) {
     int kn = clampCount(key_list, key_list_max);
     int an = clampCount(add_list, add_list_max);
 
     // Pass 1: driver-wide items of the key list, also those already marked.
     for (int i = 0; i < kn; ++i) {
-        util_para &p = key_list[i];
+        Item &p = key_list[i];
         string_view key = keyOf(p);
         if (key.empty()) continue;
-        if (isDriverWideKey(key) || key.starts_with("qmx_") || key.starts_with("qmxmp") ||
-            key.starts_with("scsi-")) {
+        // Every driver-wide key begins with "qmx_" or "qmxmp".
+        if (key.starts_with("qmx_") || key.starts_with("qmxmp") || key.starts_with("scsi-")) {
             putItem(out, key, valueOf(p));
             p.used = 1;
         }
     }
     // Pass 2: driver-wide items among the new ones.
     for (int i = 0; i < an; ++i) {
-        util_para &p = add_list[i];
+        Item &p = add_list[i];
         string_view key = keyOf(p);
         if (!isDriverWideKey(key)) continue;
         putItem(out, key, valueOf(p));
@@ -405,8 +384,8 @@ void buildConfText(util_para *key_list, int key_list_max, util_para *add_list, i
     }
 
     clearTables();
-    qmx_OutputListParamCreate(key_list, kn);
-    qmx_OutputListParamCreate(add_list, an);
+    outputListParamCreate(key_list, kn);
+    outputListParamCreate(add_list, an);
 
     // Items no table took are written after the tables of the first port
     // whose number their key starts with: "qmx" and a digit d always match
@@ -414,7 +393,7 @@ void buildConfText(util_para *key_list, int key_list_max, util_para *add_list, i
     // they are grouped by that digit in list order.
     std::array<std::vector<int>, 10> rest;
     for (int i = 0; i < kn; ++i) {
-        const util_para &p = key_list[i];
+        const Item &p = key_list[i];
         if (p.used != 0) continue;
         string_view key = keyOf(p);
         if (key.size() > 3 && key.starts_with("qmx") && key[3] >= '0' && key[3] <= '9')
@@ -424,7 +403,7 @@ void buildConfText(util_para *key_list, int key_list_max, util_para *add_list, i
         writePort(out, port);
         if (port >= 10) continue;
         for (int i : rest[std::size_t(port)]) {
-            util_para &p = key_list[i];
+            Item &p = key_list[i];
             if (p.used != 0) continue;
             putItem(out, keyOf(p), valueOf(p));
             p.used = 1;
@@ -433,12 +412,12 @@ void buildConfText(util_para *key_list, int key_list_max, util_para *add_list, i
 
     if (remake_bind_data != 1) {
         for (int i = 0; i < kn; ++i) {
-            util_para &p = key_list[i];
+            Item &p = key_list[i];
             if (p.used != 0 || keyOf(p).empty()) continue;
             putItem(out, keyOf(p), valueOf(p));
         }
         for (int i = 0; i < an; ++i) {
-            util_para &p = add_list[i];
+            Item &p = add_list[i];
             if (p.used != 0 || keyOf(p).empty()) continue;
             putItem(out, keyOf(p), valueOf(p));
         }
@@ -449,7 +428,7 @@ void buildConfText(util_para *key_list, int key_list_max, util_para *add_list, i
     // item that is left is kept, an emptied one included, so callers mark
     // removed items as used before a binding write.
     for (int i = 0; i < kn; ++i) {
-        util_para &p = key_list[i];
+        Item &p = key_list[i];
         if (p.used != 0) continue;
         string_view key = keyOf(p);
         bool binding = key.starts_with("qmxl") &&
@@ -458,8 +437,9 @@ void buildConfText(util_para *key_list, int key_list_max, util_para *add_list, i
     }
 }
 
-int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
-                 util_para *add_list, int add_list_max, int remake_bind_data) noexcept {
+template <class Item>
+int makeFile(const ConfStore &store, Item *key_list, int key_list_max, Item *add_list,
+             int add_list_max, int remake_bind_data) noexcept {
     setError(QMX_ERR_NONE);
     trace("QMX_MakeConfFile START");
     auto abend = [] {
@@ -497,7 +477,7 @@ int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
 
         std::string out;
         out.reserve(std::size_t(sum) + 4096);
-        buildConfText(key_list, key_list_max, add_list, add_list_max, remake_bind_data, out);
+        buildText(key_list, key_list_max, add_list, add_list_max, remake_bind_data, out);
 
         // Rewritten in place, keeping the inode, and only once the new text
         // is known to fit: its space is reserved first, so a full file
@@ -543,6 +523,23 @@ int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
         setError(QMX_ERR_INTERNAL);
         return abend();
     }
+}
+
+}  // namespace
+
+void buildConfText(util_para *key_list, int key_list_max, util_para *add_list, int add_list_max,
+                   int remake_bind_data, std::string &out) {
+    buildText(key_list, key_list_max, add_list, add_list_max, remake_bind_data, out);
+}
+
+int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
+                 util_para *add_list, int add_list_max, int remake_bind_data) noexcept {
+    return makeFile(store, key_list, key_list_max, add_list, add_list_max, remake_bind_data);
+}
+
+int makeConfFileFromItems(const ConfStore &store, ConfItem *key_list, int key_list_max,
+                          ConfItem *add_list, int add_list_max, int remake_bind_data) noexcept {
+    return makeFile(store, key_list, key_list_max, add_list, add_list_max, remake_bind_data);
 }
 
 }  // namespace qmx

@@ -36,9 +36,6 @@ constexpr const char *kModprobe = "/etc/modprobe.d/qmxldd_param.conf";
 constexpr int kBindValueChars = 18;  // "0x" and 16 hex digits
 constexpr int kAutomapRecords = 10;  // module options the automap setter carries over
 
-struct FreeDeleter {
-    void operator()(void *p) const noexcept { std::free(p); }
-};
 using FilePtr = std::unique_ptr<FILE, qmx::FileCloser>;
 
 // Characters from..to (inclusive) of s, clipped to s; empty when to < from.
@@ -307,27 +304,6 @@ int parseText(const char *data, std::size_t len) noexcept {
     return parseLines(in.get(), nullptr);
 }
 
-bool formatKey(const __TBLKEY &r, char *out, std::size_t cap) noexcept {
-    const char *word = nullptr;
-    char prio[] = "priority0";
-    switch (r.npd) {
-        case kBindWwpn: word = "wwpn"; break;
-        case kBindWwnn: word = "wwnn"; break;
-        case kBindAttribute: word = "attribute"; break;
-        case kBindPriority0:
-        case kBindPriority0 + 1:
-        case kBindPriority0 + 2:
-        case kBindPriority0 + 3:
-            prio[8] = char('0' + (r.npd - kBindPriority0));
-            word = prio;
-            break;
-        case kBindGroup: word = "gt"; break;
-        default: return false;
-    }
-    std::snprintf(out, cap, "qmxl%d-tid-%d-%s", r.adapt, r.target, word);
-    return true;
-}
-
 void collectAll(int type, QMX_PERSISTENTBINDING *b_inf) noexcept {
     char path[32];
     struct stat st;
@@ -499,17 +475,94 @@ int QMX_adap_current_conf(char *device, int type, QMX_PERSISTENTBINDING *b_inf) 
 // ---------------------------------------------------------------------------
 // Merge of the tables into the configuration file.
 // ---------------------------------------------------------------------------
+namespace {
+
+// Keeps the texts the merge gives its items: blocks that never move, so the
+// items' views stay valid while more texts are kept.
+class TextStore {
+public:
+    string_view keep(string_view s) {
+        if (s.empty()) return {};
+        if (s.size() > left_) {
+            std::size_t size = std::max(kBlock, s.size());
+            blocks_.emplace_back(new char[size]);
+            at_ = blocks_.back().get();
+            left_ = size;
+        }
+        std::memcpy(at_, s.data(), s.size());
+        string_view kept(at_, s.size());
+        at_ += s.size();
+        left_ -= s.size();
+        return kept;
+    }
+
+private:
+    static constexpr std::size_t kBlock = std::size_t(1) << 16;
+    std::vector<std::unique_ptr<char[]>> blocks_;
+    char *at_ = nullptr;
+    std::size_t left_ = 0;
+};
+
+// The items of a list by key: every item of a key is found without a scan
+// (open addressing over the item indexes, each slot with its key's hash; an
+// item's later namesakes are chained behind it in list order).
+class KeyIndex {
+public:
+    explicit KeyIndex(const std::vector<qmx::ConfItem> &items) : items_(items) {
+        std::size_t cap = 16;
+        while (cap < items.size() * 2) cap <<= 1;
+        slots_.assign(cap, Slot{});
+        next_.assign(items.size(), -1);
+        for (int i = 0; i < int(items.size()); ++i) {
+            string_view key = items[std::size_t(i)].key;
+            std::size_t hash = std::hash<string_view>{}(key);
+            Slot &s = slots_[slotOf(key, hash)];
+            if (s.first < 0) {
+                s = Slot{hash, i, i};
+            } else {
+                next_[std::size_t(s.last)] = i;
+                s.last = i;
+            }
+        }
+    }
+    // The first item with the key, or -1; next() gives the one after it.
+    int first(string_view key) const {
+        return slots_[slotOf(key, std::hash<string_view>{}(key))].first;
+    }
+    int next(int i) const { return next_[std::size_t(i)]; }
+
+private:
+    struct Slot {
+        std::size_t hash = 0;
+        int first = -1, last = -1;
+    };
+    std::size_t slotOf(string_view key, std::size_t hash) const {
+        std::size_t mask = slots_.size() - 1;
+        std::size_t at = hash & mask;
+        while (slots_[at].first >= 0 &&
+               (slots_[at].hash != hash || items_[std::size_t(slots_[at].first)].key != key))
+            at = (at + 1) & mask;
+        return at;
+    }
+    const std::vector<qmx::ConfItem> &items_;
+    std::vector<Slot> slots_;
+    std::vector<int> next_;
+};
+
+}  // namespace
+
 int QMX_WriteBindInfo(void) {
     qmx::trace("QMX_WriteBindInfo START");
     auto abend = [] {
         qmx::trace("QMX_WriteBindInfo ABEND");
         return -1;
     };
-    util_para *raw = nullptr;
-    int n = QMX_Read_qmxlddconf(&raw, 0);
-    std::unique_ptr<util_para, FreeDeleter> list(raw);
+    // The items are read as views of the file's text (the key list reader's
+    // trace lines, codes and items), not copied into a key list.
+    qmx::ConfText conf;
+    int n = qmx::readConfItems(kConfPath, kConfPath, conf);
     if (n < 0) return abend();
-    if (raw == nullptr) n = 0;
+    std::vector<qmx::ConfItem> &items = conf.items;
     // The writer refuses new items once the file's size plus theirs passes
     // its bound, before it reads anything else, so gathering stops at the
     // first new item past the bound: the writer's outcome (code 14) is the
@@ -517,50 +570,47 @@ int QMX_WriteBindInfo(void) {
     struct stat st;
     long sizeSum = stat(kConfPath, &st) == 0 ? long(st.st_size) + 1 : 0;
     try {
-        // The existing items by key; an item's later namesakes are chained
-        // behind it, so every item of a key is found without a scan.
-        std::unordered_map<string_view, int> first;
-        std::vector<int> next(std::size_t(n), -1);
-        first.reserve(std::size_t(n));
-        for (int i = n - 1; i >= 0; --i) {
-            auto [it, fresh] = first.try_emplace(qmx::keyOf(raw[i]), i);
-            if (!fresh) {
-                next[std::size_t(i)] = it->second;
-                it->second = i;
-            }
-        }
+        KeyIndex index(items);
         int records = std::clamp(bind_cnt, 0, BINDMAX);
-        // Room for every record at once: one allocation, never moved.
-        std::vector<util_para> added;
+        std::vector<qmx::ConfItem> added;
         added.reserve(std::size_t(records));
-        char key[sizeof(util_para::keyword)] = "";
+        TextStore texts;
+        // A key list field holds 262 key and 127 value characters.
+        constexpr std::size_t kKeyRoom = sizeof(util_para::keyword) - 1;
+        constexpr std::size_t kValueRoom = sizeof(util_para::value) - 1;
+        char keyText[kBindingTextMax], valueText[kBindingTextMax];
+        string_view k;
         uint64_t word = 0;
-        char value[sizeof(util_para::value)];
         for (int r = 0; r < records; ++r) {
             const __TBLKEY &t = TBLKEY[r];
             // A record of kind 10 or above (or of a kind without a key)
             // reuses the key text and the word of the record before it.
             bool prio = t.npd >= kBindPriority0 && t.npd < kBindPriority0 + 4;
-            if (qmx::binding::formatKey(t, key, sizeof key) && prio)
-                word = t.priority[t.npd - kBindPriority0];
+            if (const char *end = bindingKeyText(keyText, t)) {
+                k = string_view(keyText, std::size_t(end - keyText)).substr(0, kKeyRoom);
+                if (prio) word = t.priority[t.npd - kBindPriority0];
+            }
+            string_view v;
             if (prio || (t.npd >= 10 && t.npd <= 13))
-                std::snprintf(value, sizeof value, "0x%016llx",
-                              static_cast<unsigned long long>(word));
+                v = string_view(valueText, std::size_t(hexText(valueText, word, 16) - valueText));
             else
-                qmx::copyText(value, string_view(t.bind, strnlen(t.bind, sizeof t.bind)));
-            auto hit = first.find(string_view(key));
-            if (hit != first.end()) {
-                for (int i = hit->second; i >= 0; i = next[std::size_t(i)])
-                    qmx::copyText(raw[i].value, value);
+                v = string_view(t.bind, strnlen(t.bind, sizeof t.bind));
+            v = v.substr(0, kValueRoom);
+            int hit = index.first(k);
+            if (hit >= 0) {
+                string_view kept = texts.keep(v);
+                for (int i = hit; i >= 0; i = index.next(i)) items[std::size_t(i)].value = kept;
                 continue;
             }
-            util_para &p = added.emplace_back();
-            qmx::copyText(p.keyword, key);
-            qmx::copyText(p.value, value);
-            sizeSum += long(std::strlen(p.keyword) + 1 + std::strlen(p.value));
+            qmx::ConfItem &p = added.emplace_back();
+            p.key = texts.keep(k);
+            p.value = texts.keep(v);
+            sizeSum += long(p.key.size() + 1 + p.value.size());
             if (sizeSum > qmx::kConfSizeLimit) break;
         }
-        if (QMX_MakeConfFile(raw, n, added.data(), int(added.size()), 1) != 0) return abend();
+        if (qmx::makeConfFileFromItems(qmx::kSystemStore, items.data(), n, added.data(),
+                                       int(added.size()), 1) != 0)
+            return abend();
     } catch (const std::bad_alloc &) {
         qmx::sysError("malloc", ENOMEM);
         return abend();
@@ -586,21 +636,18 @@ QMX_STATUS QMX_AutoSetPersistentBinding(QMX_PERSISTENTBINDING *bind_information)
 QMX_STATUS QMX_DeletePersistentBinding(void) {
     return qmx::run("QMX_DeletePersistentBinding", [&](qmx::Frame &f) {
         if (!f.lock()) return f.status();
-        util_para *raw = nullptr;
-        int n = QMX_Read_qmxlddconf(&raw, 0);
-        std::unique_ptr<util_para, FreeDeleter> list(raw);
+        qmx::ConfText conf;
+        int n = qmx::readConfItems(kConfPath, kConfPath, conf);
         // Any failed read (also a file that cannot be opened) ends here: the
         // file is never rewritten from what was not read.
         if (n < 0) return f.fail();
-        for (int i = 0; raw != nullptr && i < n; ++i) {
-            util_para &p = raw[i];
-            if (qmx::keyOf(p).find("-tid-") == string_view::npos) continue;
-            p.keyword[0] = '\0';
-            p.value[0] = '\0';
-            p.used = 1;
+        for (qmx::ConfItem &p : conf.items) {
+            if (p.key.find("-tid-") == string_view::npos) continue;
+            p = qmx::ConfItem{{}, {}, 1};
         }
-        return QMX_MakeConfFile(raw, raw == nullptr ? 0 : n, nullptr, 0, 0) == 0 ? f.ok()
-                                                                                : f.fail();
+        return qmx::makeConfFileFromItems(qmx::kSystemStore, conf.items.data(), n, nullptr, 0, 0) == 0
+                   ? f.ok()
+                   : f.fail();
     });
 }
 

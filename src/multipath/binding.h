@@ -74,8 +74,4 @@ int readConf(const char *conf, const char *rest) noexcept;
 // read_qmxldd_conf parses a file (without its trace lines and rest file).
 int parseText(const char *data, std::size_t len) noexcept;
 
-// The key text of a binding record's kind ("qmxl%d-tid-%d-wwpn" ...), or
-// false for kinds that have none (10 and above, 3, 0 ...).
-bool formatKey(const __TBLKEY &r, char *out, std::size_t cap) noexcept;
-
 }  // namespace qmx::binding

@@ -105,7 +105,7 @@ void presetDefaults(QMX_ALL_DEF_PARAM *p) noexcept {
     for (int &r : p->retryCnt) r = -1;
 }
 
-void applyDefaults(const util_para *list, int count, QMX_ALL_DEF_PARAM *p) noexcept {
+void applyDefaults(const ConfItem *list, int count, QMX_ALL_DEF_PARAM *p) noexcept {
     for (int i = 0; list != nullptr && i < count; ++i) {
         std::string_view key = keyOf(list[i]);
         // Only driver-wide keys can match; per-port keys carry a number
@@ -158,11 +158,12 @@ QMX_STATUS QMX_GetAllTargetParam(QMX_ALL_DEF_PARAM *altg_param) {
     return qmx::run("QMX_GetAllTargetParam", [&](qmx::Frame &f) {
         if (!f.notNull(altg_param, "altg_param", " is null")) return f.fail();
         qmx::hostinfo::presetDefaults(altg_param);
-        util_para *raw = nullptr;
-        int n = QMX_Read_qmxlddconf(&raw, 0);
-        std::unique_ptr<util_para, decltype(&std::free)> list(raw, &std::free);
-        if (n == -1) return f.fail();
-        qmx::hostinfo::applyDefaults(list.get(), n, altg_param);
+        // The key list reader's read without the list: a file that cannot
+        // be opened leaves the defaults as preset, any other failure fails.
+        qmx::ConfText conf;
+        int n = qmx::readConfItems(qmx::kSystemStore.conf, qmx::kSystemStore.conf, conf);
+        if (n < 0 && n != qmx::kReadNoOpen) return f.fail();
+        qmx::hostinfo::applyDefaults(conf.items.data(), int(conf.items.size()), altg_param);
         return f.ok();
     });
 }

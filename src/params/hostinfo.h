@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "config/config.h"
 #include "qmxvlib.h"
 
 // Rewrites "/etc/qmxlib.conf" from a key list and up to two new entries.
@@ -65,8 +66,8 @@ long parseDeviceListing(FILE *fp, QMX_DEVICE_SHOW *out) noexcept;
 // One listing line; true when it was a device line and filled an entry.
 bool parseDeviceLine(const char *line, long lineNo, QMX_DEVICE_SHOW *out) noexcept;
 
-// Presets the defaults record and applies one key list to it.
+// Presets the defaults record and applies the items of one read to it.
 void presetDefaults(QMX_ALL_DEF_PARAM *p) noexcept;
-void applyDefaults(const util_para *list, int count, QMX_ALL_DEF_PARAM *p) noexcept;
+void applyDefaults(const ConfItem *list, int count, QMX_ALL_DEF_PARAM *p) noexcept;
 
 }  // namespace qmx::hostinfo
