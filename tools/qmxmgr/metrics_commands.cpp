@@ -20,6 +20,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unordered_set>
 #include <vector>
 
@@ -91,25 +92,17 @@ public:
         return l;
     }
 
-    void sample(Family &f, const Labels &l, long long value) {
-        if (json_) {
-            f.samples.push_back(json{{"labels", l.object}, {"value", value}});
-            return;
-        }
-        char num[24];
-        int n = std::snprintf(num, sizeof num, " %lld\n", value);
-        f.body += f.name;
-        f.body += l.text;
-        f.body.append(num, std::size_t(n));
-    }
-
-    void sample(Family &f, const Labels &l, double value) {
+    // Counts print as integers, the rest with 9 significant digits.
+    template <class V>
+    void sample(Family &f, const Labels &l, V value) {
+        static_assert(std::is_same_v<V, long long> || std::is_same_v<V, double>);
         if (json_) {
             f.samples.push_back(json{{"labels", l.object}, {"value", value}});
             return;
         }
         char num[40];
-        int n = std::snprintf(num, sizeof num, " %.9g\n", value);
+        int n = std::is_same_v<V, long long> ? std::snprintf(num, sizeof num, " %lld\n", (long long)value)
+                                             : std::snprintf(num, sizeof num, " %.9g\n", double(value));
         f.body += f.name;
         f.body += l.text;
         f.body.append(num, std::size_t(n));
