@@ -26,7 +26,7 @@ def build(ports, targets, luns, disks):
                 "gen_targets": targets, "gen_luns": luns,
             })
         adapters.append({"bus": bus, "dev": dev, "vendor": "0x1E5A",
-                         "device": "0x0101", "model": "QX2402",
+                         "device": "0x2532", "model": "QX2402",
                          "ports": port_list})
     conf = "".join("qmxl%d-wwpn=0x%016x:" % (n, 0x2100000000000000 | (n << 8))
                    for n in range(ports))
