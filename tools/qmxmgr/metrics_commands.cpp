@@ -136,7 +136,7 @@ private:
 // ------------------------------------------------------------ call families
 // Each family of calls has one scrape-error sample; a family is marked when
 // any call of it fails.
-enum Family { Ports, PortInfo_, Trouble, IsolationFunction, LuPaths, TargetPaths, kFamilies };
+enum CallFamily { kPortsCalls, kPortInfoCalls, kTroubleCalls, kIsolationCalls, kLuPathCalls, kTargetPathCalls, kFamilies };
 constexpr const char *kFamilyNames[kFamilies] = {"ports",              "port_info",  "trouble_counters",
                                                  "isolation_function", "lu_paths",   "target_paths"};
 
@@ -145,7 +145,7 @@ struct Scrape {
 
     // Runs one library call; on failure marks its family and warns on
     // standard error with the call's name and the reason code's meaning.
-    bool attempt(Family family, const char *call, const std::string &what, QMX_STATUS st) {
+    bool attempt(CallFamily family, const char *call, const std::string &what, QMX_STATUS st) {
         if (st == 0) return true;
         failed[family] = true;
         int code = QMX_LastErrorCode();
@@ -180,7 +180,7 @@ void addPortSamples(Exposition &x, const PortMetrics &m, Scrape &s, const PortIn
     std::string wwn = wwnText(p.wwn), pci = pciText(p);
     Labels labels = x.labels({{"device", p.device}, {"wwn", wwn}, {"pci", pci}});
     QMX_PROC_INFO info{};
-    if (s.attempt(PortInfo_, "QMX_GetProcInfo", p.device, QMX_GetProcInfo(p.wwn, &info))) {
+    if (s.attempt(kPortInfoCalls, "QMX_GetProcInfo", p.device, QMX_GetProcInfo(p.wwn, &info))) {
         std::string model = fieldText(info.model_name, sizeof info.model_name);
         std::string driver = fieldText(info.driver_ver, sizeof info.driver_ver);
         x.sample(m.info,
@@ -192,7 +192,7 @@ void addPortSamples(Exposition &x, const PortMetrics &m, Scrape &s, const PortIn
         x.sample(m.speed, labels, linkBytesPerSecond(info.max_data_rate));
     }
     QMX_TRBL_CNT c{};
-    if (!s.attempt(Trouble, "QMX_GetAdapTroubleCnt", p.device, QMX_GetAdapTroubleCnt(p.wwn, &c))) return;
+    if (!s.attempt(kTroubleCalls, "QMX_GetAdapTroubleCnt", p.device, QMX_GetAdapTroubleCnt(p.wwn, &c))) return;
     // The library leaves -1 (255 for the flags) in what it could not read.
     auto counter = [&](Exposition::Family &f, const Labels &l, int v) {
         if (v >= 0) x.sample(f, l, (long long)v);
@@ -224,7 +224,7 @@ void addLuPathSamples(Exposition &x, Scrape &s) {
         QMX_LUPATH_STATUS *p;
         ~Release() { QMX_ReleaseLuPath(p); }
     } release{paths.get()};
-    if (!s.attempt(LuPaths, "QMX_GetLuPathStatus", "", st)) return;
+    if (!s.attempt(kLuPathCalls, "QMX_GetLuPathStatus", "", st)) return;
     int n = std::clamp(paths->lupath_cnt, 0, QMX_LUPATH_MAX);
     // A series may appear only once in a scrape; should the driver report
     // the same path twice, its first record is the one shown.
@@ -258,7 +258,7 @@ void addTargetSamples(Exposition &x, Scrape &s) {
             if (p->tgtpath_cnt > 0) QMX_ReleaseTargetPathStatus(p);
         }
     } release{t.get()};
-    if (!s.attempt(TargetPaths, "QMX_GetTargetPathStatus", "", st)) return;
+    if (!s.attempt(kTargetPathCalls, "QMX_GetTargetPathStatus", "", st)) return;
     uint32_t n = std::min<uint32_t>(t->tgtpath_cnt, QMX_TGTPATH_MAX);
     // (group, target id) -> (paths, paths not online).  A logical target
     // without a physical path (path id 255) shows with 0 paths.
@@ -311,14 +311,14 @@ int cmdMetrics(const MetricsOptions &o) {
     try {
         ports = listPorts(false);
     } catch (const CallError &e) {
-        s.failed[Ports] = true;
+        s.failed[kPortsCalls] = true;
         std::fprintf(stderr, "qmxmgr metrics: %s\n", e.what());
     }
     auto &count = x.family("qmxldd_ports", "Adapter ports the driver numbers", "gauge");
-    if (!s.failed[Ports]) x.sample(count, x.labels({}), (long long)ports.size());
+    if (!s.failed[kPortsCalls]) x.sample(count, x.labels({}), (long long)ports.size());
     for (const PortInfo &p : ports) addPortSamples(x, m, s, p);
     int onoff = 0;
-    if (s.attempt(IsolationFunction, "QMX_GetIsolFunc", "", QMX_GetIsolFunc(&onoff)))
+    if (s.attempt(kIsolationCalls, "QMX_GetIsolFunc", "", QMX_GetIsolFunc(&onoff)))
         x.sample(isolation, x.labels({}), onoff == 1 ? 1LL : 0LL);
     if (!o.noPaths) {
         addLuPathSamples(x, s);
@@ -327,7 +327,7 @@ int cmdMetrics(const MetricsOptions &o) {
     auto &errors = x.family("qmxldd_scrape_error", "1 when a call of the family failed during this scrape",
                             "gauge");
     for (int f = 0; f < kFamilies; ++f) {
-        if (o.noPaths && (f == LuPaths || f == TargetPaths)) continue;
+        if (o.noPaths && (f == kLuPathCalls || f == kTargetPathCalls)) continue;
         x.sample(errors, x.labels({{"family", kFamilyNames[f]}}), s.failed[f] ? 1LL : 0LL);
     }
     auto &duration = x.family("qmxldd_scrape_duration_seconds", "Time taken to gather these metrics", "gauge");
