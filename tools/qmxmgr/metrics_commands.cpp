@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "path_listings.h"
 #include "ports.h"
 
 namespace qmxmgr {
@@ -217,15 +218,10 @@ void addLuPathSamples(Exposition &x, Scrape &s) {
     auto &online = x.family("qmxldd_lu_path_online", "1 when the LU path is online", "gauge");
     auto &ios = x.family("qmxldd_lu_path_io_total", "I/O requests sent over the LU path", "counter");
     auto &errs = x.family("qmxldd_lu_path_io_errors_total", "I/O requests over the LU path that failed", "counter");
-    auto paths = std::make_unique<QMX_LUPATH_STATUS>();
-    paths->lupath_cnt = 0;
-    QMX_STATUS st = QMX_GetLuPathStatus(paths.get());
-    struct Release {
-        QMX_LUPATH_STATUS *p;
-        ~Release() { QMX_ReleaseLuPath(p); }
-    } release{paths.get()};
+    QMX_STATUS st = 0;
+    LuPathListing paths = readLuPaths(&st);
     if (!s.attempt(kLuPathCalls, "QMX_GetLuPathStatus", "", st)) return;
-    int n = std::clamp(paths->lupath_cnt, 0, QMX_LUPATH_MAX);
+    int n = luPathCount(*paths);
     // A series may appear only once in a scrape; should the driver report
     // the same path twice, its first record is the one shown.
     std::unordered_set<std::string> seen;
@@ -249,17 +245,10 @@ void addTargetSamples(Exposition &x, Scrape &s) {
                            "Physical paths to the logical target (path group, target id)", "gauge");
     auto &down = x.family("qmxldd_logical_target_paths_not_online",
                           "Physical paths to the logical target whose link is not up", "gauge");
-    auto t = std::make_unique<QMX_TGTPATH_STATUS>();
-    t->tgtpath_cnt = 0;
-    QMX_STATUS st = QMX_GetTargetPathStatus(t.get());
-    struct Release {
-        QMX_TGTPATH_STATUS *p;
-        ~Release() {
-            if (p->tgtpath_cnt > 0) QMX_ReleaseTargetPathStatus(p);
-        }
-    } release{t.get()};
+    QMX_STATUS st = 0;
+    TargetPathListing t = readTargetPaths(&st);
     if (!s.attempt(kTargetPathCalls, "QMX_GetTargetPathStatus", "", st)) return;
-    uint32_t n = std::min<uint32_t>(t->tgtpath_cnt, QMX_TGTPATH_MAX);
+    uint32_t n = targetPathCount(*t);
     // (group, target id) -> (paths, paths not online).  A logical target
     // without a physical path (path id 255) shows with 0 paths.
     std::map<std::pair<int, int>, std::pair<long long, long long>> targets;

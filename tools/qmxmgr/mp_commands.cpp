@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "commands.h"
+#include "path_listings.h"
 #include "ports.h"
 
 namespace qmxmgr {
@@ -33,16 +34,6 @@ QMX_WWN wwnOfNumber(uint64_t v) {
     QMX_WWN w;
     for (int i = 7; i >= 0; --i, v >>= 8) w.wwn[i] = uint8_t(v);
     return w;
-}
-
-// Fills a fresh listing record with `get` and checks the result.  `release`
-// frees what the library added and the record itself once the command is
-// done, also when the call failed.
-template <class Record, class Release>
-std::unique_ptr<Record, Release> listing(QMX_STATUS (*get)(Record *), const char *call, Release release) {
-    std::unique_ptr<Record, Release> rec(new Record{}, release);
-    check(get(rec.get()), call);
-    return rec;
 }
 
 // ------------------------------------------------------------ environment
@@ -139,11 +130,10 @@ int cmdEnvUnset(const Options &o) {
 
 // ---------------------------------------------------------------- LU paths
 int cmdPaths(const Options &o) {
-    auto paths = listing(QMX_GetLuPathStatus, "QMX_GetLuPathStatus", [](QMX_LUPATH_STATUS *p) {
-        QMX_ReleaseLuPath(p);
-        delete p;
-    });
-    int n = paths->lupath_cnt < 0 ? 0 : paths->lupath_cnt > QMX_LUPATH_MAX ? QMX_LUPATH_MAX : paths->lupath_cnt;
+    QMX_STATUS st = 0;
+    LuPathListing paths = readLuPaths(&st);
+    check(st, "QMX_GetLuPathStatus");
+    int n = luPathCount(*paths);
     if (o.json) {
         json arr = json::array();
         for (int i = 0; i < n; ++i) {
@@ -203,11 +193,10 @@ int cmdHealthCheck(const Options &) {
 
 // ------------------------------------------------------------ target paths
 int cmdTargets(const Options &o) {
-    auto t = listing(QMX_GetTargetPathStatus, "QMX_GetTargetPathStatus", [](QMX_TGTPATH_STATUS *p) {
-        if (p->tgtpath_cnt > 0) QMX_ReleaseTargetPathStatus(p);
-        delete p;
-    });
-    uint32_t n = t->tgtpath_cnt > QMX_TGTPATH_MAX ? QMX_TGTPATH_MAX : t->tgtpath_cnt;
+    QMX_STATUS st = 0;
+    TargetPathListing t = readTargetPaths(&st);
+    check(st, "QMX_GetTargetPathStatus");
+    uint32_t n = targetPathCount(*t);
     json arr = json::array();
     if (!o.json)
         std::printf("%-5s %-4s %-4s %-9s %-23s %-23s %-4s %-7s %s\n", "GROUP", "TID", "PATH", "DEVICE",
