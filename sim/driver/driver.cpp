@@ -25,9 +25,11 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "drvrecords.h"
+#include "filefault.h"
 #include "qmxldd_ioctl.h"
 #include "simstate.h"
 
@@ -980,11 +982,40 @@ R openPath(const char *path, R failed, Call call) noexcept {
     try {
         std::string buf;
         const char *p = redirect(path, buf);
-        return call(p ? p : path);
+        p = p ? p : path;
+        if constexpr (std::is_same_v<R, int>) {
+            // An armed file fault counts the opens of the host's files.
+            if (qmxsim::fault::armed() && qmxsim::fault::hit(qmxsim::fault::Op::Open, p)) return failed;
+            R fd = call(p);
+            qmxsim::fault::track(fd, p);
+            return fd;
+        } else {
+            return call(p);
+        }
     } catch (...) {
         errno = ENOMEM;
         return failed;
     }
+}
+
+// fopen of a host file while a file fault is armed: the open is counted and
+// the stream's reads and writes go through the counted calls.
+FILE *countedFopen(const char *path, const char *mode, FopenFn real) noexcept {
+    if (!qmxsim::fault::counted(path) || mode == nullptr) return real(path, mode);
+    int flags = std::strchr(mode, '+') ? O_RDWR : mode[0] == 'r' ? O_RDONLY : O_WRONLY;
+    if (mode[0] == 'w') flags |= O_CREAT | O_TRUNC;
+    if (mode[0] == 'a') flags |= O_CREAT | O_APPEND;
+    if (std::strchr(mode, 'e')) flags |= O_CLOEXEC;
+    if (std::strchr(mode, 'x')) flags |= O_EXCL;
+    int fd = open(path, flags, 0666);  // counted and tracked there
+    if (fd < 0) return nullptr;
+    FILE *fp = qmxsim::fault::wrapStream(fd, mode);
+    if (fp == nullptr) {
+        int e = errno;
+        close(fd);
+        errno = e;
+    }
+    return fp;
 }
 
 extern "C" {
@@ -1061,12 +1092,12 @@ __attribute__((visibility("default"))) int __openat_2(int dirfd, const char *pat
 
 __attribute__((visibility("default"))) FILE *fopen(const char *path, const char *mode) {
     static FopenFn real = realFn<FopenFn>("fopen");
-    return openPath(path, static_cast<FILE *>(nullptr), [&](const char *p) { return real(p, mode); });
+    return openPath(path, static_cast<FILE *>(nullptr), [&](const char *p) { return countedFopen(p, mode, real); });
 }
 
 __attribute__((visibility("default"))) FILE *fopen64(const char *path, const char *mode) {
     static FopenFn real = realFn<FopenFn>("fopen64");
-    return openPath(path, static_cast<FILE *>(nullptr), [&](const char *p) { return real(p, mode); });
+    return openPath(path, static_cast<FILE *>(nullptr), [&](const char *p) { return countedFopen(p, mode, real); });
 }
 
 }  // extern "C"
