@@ -437,6 +437,37 @@ void buildText(Item *key_list, int key_list_max, Item *add_list, int add_list_ma
     }
 }
 
+// Writes all of `text` at the start of `fd`.
+bool writeAllAt(int fd, const std::string &text) noexcept {
+    std::size_t done = 0;
+    while (done < text.size()) {
+        ssize_t w = pwrite(fd, text.data() + done, text.size() - done, off_t(done));
+        if (w < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        done += std::size_t(w);
+    }
+    return true;
+}
+
+// Reads the first `size` bytes of `fd` (fewer when the file is shorter).
+bool readAllAt(int fd, std::size_t size, std::string &text) {
+    text.resize(size);
+    std::size_t got = 0;
+    while (got < size) {
+        ssize_t r = pread(fd, text.data() + got, size - got, off_t(got));
+        if (r < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        if (r == 0) break;
+        got += std::size_t(r);
+    }
+    text.resize(got);
+    return true;
+}
+
 template <class Item>
 int makeFile(const ConfStore &store, Item *key_list, int key_list_max, Item *add_list,
              int add_list_max, int remake_bind_data) noexcept {
@@ -485,31 +516,32 @@ int makeFile(const ConfStore &store, Item *key_list, int key_list_max, Item *add
         // the old text as it was.  Then the text, the cut to its size and
         // the flush to the disk.
         int fd = fileno(fp.get());
+        // The old text, to put back when the rewrite fails half-way (a
+        // failed write or cut would otherwise leave new text over old, or
+        // the reserved space as a tail of zero bytes).
+        std::string old;
+        if (!readAllAt(fd, std::size_t(st.st_size), old)) {
+            sysError("read", errno);
+            return abend();
+        }
+        auto undo = [&](const char *call, int err) {
+            sysError(call, err);
+            if (!writeAllAt(fd, old) || ftruncate(fd, off_t(old.size())) != 0 || fsync(fd) != 0)
+                trace("qmxldd.conf could not be restored");
+            return abend();
+        };
         if (!out.empty()) {
             int err = posix_fallocate(fd, 0, off_t(out.size()));
             if (err != 0) {
+                // The reservation may have grown the file before it failed.
+                if (ftruncate(fd, off_t(old.size())) != 0) trace("qmxldd.conf could not be restored");
                 sysError("posix_fallocate", err);
                 return abend();
             }
         }
-        std::size_t done = 0;
-        while (done < out.size()) {
-            ssize_t w = pwrite(fd, out.data() + done, out.size() - done, off_t(done));
-            if (w < 0) {
-                if (errno == EINTR) continue;
-                sysError("write", errno);
-                return abend();
-            }
-            done += std::size_t(w);
-        }
-        if (ftruncate(fd, off_t(out.size())) != 0) {
-            sysError("ftruncate", errno);
-            return abend();
-        }
-        if (fsync(fd) != 0) {
-            sysError("fsync", errno);
-            return abend();
-        }
+        if (!writeAllAt(fd, out)) return undo("write", errno);
+        if (ftruncate(fd, off_t(out.size())) != 0) return undo("ftruncate", errno);
+        if (fsync(fd) != 0) return undo("fsync", errno);
         if (std::fclose(fp.release()) != 0) {
             sysError("fclose", errno);
             return abend();
