@@ -471,6 +471,9 @@ bool readAllAt(int fd, std::size_t size, std::string &text) {
 template <class Item>
 int makeFile(const ConfStore &store, Item *key_list, int key_list_max, Item *add_list,
              int add_list_max, int remake_bind_data) noexcept {
+    // An inner failure that the calling operation survived (reported only
+    // by its reason code) is kept across a successful rewrite.
+    const int earlier = QMX_LastErrorCode();
     setError(QMX_ERR_NONE);
     trace("QMX_MakeConfFile START");
     auto abend = [] {
@@ -547,6 +550,7 @@ int makeFile(const ConfStore &store, Item *key_list, int key_list_max, Item *add
             return abend();
         }
         if (mpcfg(store) != 0) return abend();
+        if (earlier != 0) setError(earlier);
         return 0;
     } catch (const std::bad_alloc &) {
         sysError("malloc", ENOMEM);

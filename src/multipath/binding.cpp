@@ -292,6 +292,13 @@ int readConf(const char *conf, const char *restPath) noexcept {
         trace("read_qmxldd_conf ABEND");
         return -1;
     }
+    // A read error is not the end of the file: tables built from part of
+    // it would be written back as the whole.
+    if (std::ferror(in.get())) {
+        sysError("read", errno != 0 ? errno : EIO);
+        trace("read_qmxldd_conf ABEND");
+        return -1;
+    }
     trace("read_qmxldd_conf END");
     return 0;
 }
@@ -691,7 +698,10 @@ QMX_STATUS QMX_SetBindingAutoMapping(QMX_AUTOMAP automap) {
         {
             qmx::FileError fe;
             FilePtr out(qmx::openScratch(kAutoTmp1, qmx::ScratchMode::Append, &fe));
-            if (!out) return failKeepingLock();
+            if (!out) {
+                qmx::sysError("fopen", fe.err);
+                return failKeepingLock();
+            }
             std::fputs(automap == 1 ? "options qmxldd qmx_automap=1"
                                     : "options qmxldd qmx_automap=0",
                        out.get());
@@ -704,14 +714,26 @@ QMX_STATUS QMX_SetBindingAutoMapping(QMX_AUTOMAP automap) {
                              v.data());
             }
             std::fputc('\n', out.get());
-            FilePtr in(std::fopen(kAutoTmp2, "re"));
-            if (!in) return failKeepingLock();
+            FilePtr in(qmx::openScratch(kAutoTmp2, qmx::ScratchMode::Read, &fe));
+            if (!in) {
+                qmx::sysError("fopen", fe.err);
+                return failKeepingLock();
+            }
             char piece[256];
             while (std::fgets(piece, sizeof piece, in.get()) != nullptr)
                 std::fputs(piece, out.get());
-            if (std::fflush(out.get()) != 0) return failKeepingLock();
+            if (std::ferror(in.get())) {
+                qmx::sysError("read", errno != 0 ? errno : EIO);
+                return failKeepingLock();
+            }
+            if (std::fflush(out.get()) != 0 || std::ferror(out.get())) {
+                qmx::sysError("write", errno != 0 ? errno : EIO);
+                return failKeepingLock();
+            }
         }
-        copy_modules_conf();
+        // A module options file that could not be installed is a failure
+        // of the call (the old file stays as it was).
+        if (!qmx::copyModulesConf(qmx::kSystemStore)) return f.fail();
         return f.ok();
     });
 }
