@@ -46,6 +46,9 @@ QMX_STATUS setLimit(const PortParam &p, QMX_WWN wwn, int count, int del) noexcep
         qmx_mp_parameters mp;
         if (!firstPortParams(&mp)) {
             qmx::trace("IOCTL_QMX_MP_RDPARM");
+            // The unsupported status alone does not say why: the driver's
+            // refusal is kept as the reason.
+            if (QMX_LastErrorCode() == 0) qmx::setError(QMX_ERR_DRIVER);
             QMX_ExeclusiveUnlock(1);  // released although not yet taken
             return f.unsupported();
         }

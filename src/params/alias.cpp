@@ -146,6 +146,9 @@ int write(const char *path, util_para *list, int count, util_para *add, int addC
         // intact.
         FileError err;
         if (!replaceFile(path, text, &err)) {
+            // The setters go on as if it had been written; the reason code
+            // is what tells the caller.
+            sysError(err.call, err.err);
             trace("qmx_WriteAlias ABEND");
             return -1;
         }
