@@ -141,6 +141,92 @@ void tmpfs(const std::string &dir) {
     mountOrDie("tmpfs", dir, "tmpfs", MS_NOSUID, "mode=755");
 }
 
+// ---------------------------------------------------------------- writable
+// An overlay made inside a user namespace cannot copy up a directory of the
+// host whose owner is not mapped into it (root's /etc/modprobe.d, say, for
+// an ordinary user): creating a file there fails with EACCES.  Such a
+// directory gets a private tmpfs holding the host's entries instead: files
+// and symbolic links are copied, subdirectories are bound from the host (a
+// modules tree is large), so everything stays visible and the sandbox may
+// write there.
+
+bool canCreateIn(const std::string &dir) {
+    std::string probe = dir + "/.qmxsim-probe." + std::to_string(getpid());
+    int fd = open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    close(fd);
+    unlink(probe.c_str());
+    return true;
+}
+
+// Copies regular files up to this size; larger ones are bound.
+constexpr off_t kCopyLimit = 64 << 20;
+
+void privateDir(const std::string &dir) {
+    int dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dfd < 0) die("open " + dir + ": " + std::strerror(errno));
+    struct stat dst;
+    if (fstat(dfd, &dst) != 0) die("stat " + dir + ": " + std::strerror(errno));
+    char mode[32];
+    std::snprintf(mode, sizeof mode, "mode=%o", unsigned(dst.st_mode & 07777));
+    mountOrDie("tmpfs", dir, "tmpfs", MS_NOSUID, mode);
+    DIR *d = fdopendir(dup(dfd));
+    if (d == nullptr) die("read " + dir + ": " + std::strerror(errno));
+    auto bindFrom = [&](const char *name, const std::string &to) {
+        int sub = openat(dfd, name, O_PATH | O_CLOEXEC | O_NOFOLLOW);
+        if (sub < 0) return;
+        std::string src = "/proc/self/fd/" + std::to_string(sub);
+        mount(src.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr);
+        close(sub);
+    };
+    while (struct dirent *e = readdir(d)) {
+        std::string name = e->d_name;
+        if (name == "." || name == "..") continue;
+        std::string to = dir + "/" + name;
+        struct stat st;
+        if (fstatat(dfd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (S_ISDIR(st.st_mode)) {
+            if (mkdir(to.c_str(), st.st_mode & 07777) == 0) bindFrom(name.c_str(), to);
+        } else if (S_ISLNK(st.st_mode)) {
+            char target[PATH_MAX];
+            ssize_t n = readlinkat(dfd, name.c_str(), target, sizeof target - 1);
+            if (n < 0) continue;
+            target[n] = '\0';
+            if (symlink(target, to.c_str()) != 0) continue;
+        } else if (S_ISREG(st.st_mode)) {
+            int in = openat(dfd, name.c_str(), O_RDONLY | O_CLOEXEC);
+            std::string text;
+            if (in >= 0 && st.st_size <= kCopyLimit) {
+                char buf[65536];
+                ssize_t n;
+                while ((n = read(in, buf, sizeof buf)) > 0) text.append(buf, std::size_t(n));
+                qmxsim::writeWholeFile(to, text, st.st_mode & 07777);
+            } else {
+                qmxsim::writeWholeFile(to, "", st.st_mode & 07777);
+                bindFrom(name.c_str(), to);  // too large to copy, or unreadable
+            }
+            if (in >= 0) close(in);
+        }
+    }
+    closedir(d);
+    close(dfd);
+}
+
+// Makes the folder of `file` (and the folders that lead to it) writable in
+// the sandbox.
+void makeWritable(const std::string &file) {
+    for (int round = 0; round < 16; ++round) {
+        std::string dir = file.substr(0, file.rfind('/'));
+        struct stat st;
+        while (!dir.empty() && (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)))
+            dir = dir.substr(0, dir.rfind('/'));
+        if (dir.empty()) dir = "/";
+        if (canCreateIn(dir)) return;
+        privateDir(dir);
+    }
+    die("cannot make the folder of " + file + " writable");
+}
+
 // Files that a persistent state directory carries from one run to the next.
 const char *const kKeptFiles[] = {"/etc/qmxldd.conf", "/etc/qmxlib.conf", "/etc/modprobe.d/qmxldd_param.conf"};
 constexpr char kToolDir[] = "/opt/kestrel/drivers/hba";
@@ -420,6 +506,19 @@ int sandbox(const Options &o, const Paths &paths, const std::string &state, bool
     layout.stateDir = state;
     layout.toolSourceDir = paths.tools;
     layout.release = uname(&un) == 0 ? un.release : "";
+    // Every folder the host files go to, and those the library writes in.
+    std::vector<std::string> written = {"/etc/modprobe.d/qmxldd_param.conf"};
+    if (st.contains("files") && st["files"].is_object())
+        for (auto it = st["files"].begin(); it != st["files"].end(); ++it) written.push_back(it.key());
+    if (!layout.release.empty()) {
+        std::string rel = "extra/qmxldd/qmxldd_conf.ko";
+        if (st.contains("module") && st["module"].is_object())
+            rel = st["module"].value("path", rel);
+        written.push_back("/lib/modules/" + layout.release + "/modules.dep");
+        written.push_back("/lib/modules/" + layout.release + "/" + rel);
+    }
+    for (const std::string &f : written)
+        if (!f.empty() && f[0] == '/') makeWritable(f);
     std::string err = qmxsim::materializeHost(st, layout);
     if (!err.empty()) die(err);
     if (!fresh) restoreFiles(state);
