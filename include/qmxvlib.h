@@ -148,12 +148,11 @@ QMX_API int QMX_GetUtilValue(QMX_WWN wwn, int index, char *key_str, int erId, vo
 QMX_API int QMX_SetUtilValue(QMX_WWN wwn, int index, char *key_str, int erId, void *setval,
                              int del);
 /* Splits "/etc/modprobe.d/qmxldd_param.conf" around its "options qmxldd"
-   line into list, which holds list_max records (QMX_MODULES_CONF_ITEMS
-   holds every driver-wide parameter of the driver's options line).  An
-   options line with more "name=value" pieces than list_max is refused (-1,
-   code 9); nothing is ever written past list[list_max - 1].  0 or -1. */
-#define QMX_MODULES_CONF_ITEMS 64
-QMX_API int QMX_read_modules_conf(util_para *list, int list_max);
+   line into list, which holds QMX_MODULES_CONF_ITEMS zeroed records, one
+   "name=value" option each.  A line with more options than that is refused
+   (-1, code 9); nothing is ever written past the last record.  0 or -1. */
+#define QMX_MODULES_CONF_ITEMS 10
+QMX_API int QMX_read_modules_conf(util_para *list);
 
 /* @@PARAMS@@ port parameters and link settings */
 /* Port parameters.  Getters report the value the driver runs with now (C_)

@@ -17,8 +17,9 @@
 //
 // Backup file: one file per adapter, "<dir>/<dev>.bios" named after the
 // adapter's first port, laid out as the library's backup reader expects:
-//   0 ver(4) 4 bus 5 dev 6 func 7 pkgcd 8 device_id(4, PCI id word as stored
-//   in configuration space) 12 pre_conf 13 reserved(3) 16 reserved(8)
+//   0 ver(4) 4 bus 5 dev 6 func 7 pkgcd 8 device_id(4, the adapter's PCI
+//   id word in the byte order the driver returns it: device high, device
+//   low, vendor high, vendor low) 12 pre_conf 13 reserved(3) 16 reserved(8)
 //   256 BIOS area: 4 port blocks of 256 bytes; 1280 additional WWN area:
 //   16 bytes a port, the WWPN at 0x18 + 16 * port.
 //
@@ -389,6 +390,14 @@ std::vector<const Port *> adapterPorts(const std::vector<Port> &ports, int adapt
     return out;
 }
 
+// The identifier bytes of a backup header: the driver's fixed PCI data.
+void idBytes(const Port &p, uint8_t out[4]) {
+    out[0] = uint8_t(p.pciWord >> 24);
+    out[1] = uint8_t(p.pciWord >> 16);
+    out[2] = uint8_t(p.pciWord >> 8);
+    out[3] = uint8_t(p.pciWord);
+}
+
 std::vector<uint8_t> backupImage(const std::vector<Port> &ports, const Port &first) {
     std::vector<uint8_t> b(kBackupSize, 0);
     uint32_t ver = kBackupVersion;
@@ -397,7 +406,7 @@ std::vector<uint8_t> backupImage(const std::vector<Port> &ports, const Port &fir
     b[5] = first.dev;
     b[6] = first.func;
     b[7] = first.pkgcd;
-    put(b, 8, &first.pciWord, 4);  // host order, as read from configuration space
+    idBytes(first, b.data() + 8);
     bool pre = false;
     for (const Port *p : adapterPorts(ports, first.adapter)) {
         Settings s = loadSettings(p->name, p);
@@ -447,9 +456,9 @@ int restore(const std::vector<Port> &ports, const Port &port, const std::string 
     if (!tool::readFile(file, text)) return fail(1, "cannot read " + file);
     if (text.size() < kBackupSize) return fail(1, "backup file too short: " + file);
     const uint8_t *b = reinterpret_cast<const uint8_t *>(text.data());
-    uint32_t pci;
-    std::memcpy(&pci, b + 8, 4);
-    if (pci != port.pciWord) return fail(1, "backup file is of another adapter model");
+    uint8_t id[4];
+    idBytes(port, id);
+    if (std::memcmp(id, b + 8, 4) != 0) return fail(1, "backup file is of another adapter model");
     for (const Port *p : adapterPorts(ports, port.adapter)) {
         Settings s = loadSettings(p->name, p);
         const uint8_t *blk = b + kBiosOffset + std::size_t(p->portNo) * 256;

@@ -43,8 +43,8 @@ struct qmx_bios_file_header {
 // fill.
 int qmx_ReadBiosFileHeader(const uint8_t *data, std::size_t len, qmx_bios_file_header *hdr);
 
-// Compares the file's device identifier with the adapter's (as the driver
-// returns it, in network order).  Both are written with "%8x"; the file's
+// Compares the file's device identifier with the adapter's (the word as the
+// driver returns it, put into network order here).  Both are written with "%8x"; the file's
 // text has its four byte pairs swapped end for end first.  false: code 9 and
 // "Headder read error(device_id unmatch)" with the two texts traced.
 bool qmx_BiosFileDeviceMatch(uint32_t file_id, uint32_t adapter_id);

@@ -1,6 +1,8 @@
 // Decoder of the BIOS tool's backup file: the header checks and the
 // per-port settings of the BIOS and additional-WWN areas.  Every read is
 // bounded by the bytes the file really holds.
+#include <arpa/inet.h>
+
 #include <cstdio>
 #include <cstring>
 
@@ -116,10 +118,13 @@ int qmx_ReadBiosFileHeader(const uint8_t *data, std::size_t len, qmx_bios_file_h
 bool qmx_BiosFileDeviceMatch(uint32_t file_id, uint32_t adapter_id) {
     // "%8x" pads with blanks, not zeros: an identifier whose top digit is 0
     // never matches, as it never has for this check.
+    // The driver's word is put into network order first, so a file holding
+    // the identifier's bytes in the order the driver returns them matches
+    // on any host.
     char raw[16], swapped[16], adapter[16];
     std::snprintf(raw, sizeof raw, "%8x", file_id);
     std::snprintf(swapped, sizeof swapped, "%.2s%.2s%.2s%.2s", raw + 6, raw + 4, raw + 2, raw);
-    std::snprintf(adapter, sizeof adapter, "%8x", adapter_id);
+    std::snprintf(adapter, sizeof adapter, "%8x", unsigned(htonl(adapter_id)));
     if (std::strcmp(swapped, adapter) == 0) return true;
     QMX_G_ERROR_CD = 9;
     qmx::tracef("Headder read error(device_id unmatch) %s %s", swapped, adapter);

@@ -246,7 +246,12 @@ const char *checkTableArea(const unsigned char *area, std::size_t size,
                            std::size_t *configValueAt) noexcept;
 int writeConfigFrom(const char *confPath, Type_tbl *tbl, int fd) noexcept;
 int mpcfg(const ConfStore &store) noexcept;
-int readModulesConf(const ConfStore &store, util_para *list, int cap) noexcept;
+// Splits the module options file around its options block and returns
+// every option of the block in `out`.  A block with more than `cap` options
+// is refused (-1, code 9); kMaxModuleOptions lies far above any real line.
+constexpr std::size_t kMaxModuleOptions = 4096;
+int readModulesConf(const ConfStore &store, std::vector<util_para> &out,
+                    std::size_t cap = kMaxModuleOptions) noexcept;
 // false when the module options file could not be replaced (reported, code
 // 1); the old file is then left as it was.
 bool copyModulesConf(const ConfStore &store) noexcept;

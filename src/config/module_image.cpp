@@ -349,12 +349,13 @@ int mpcfg(const ConfStore &store) noexcept {
     }
 }
 
-int readModulesConf(const ConfStore &store, util_para *list, int cap) noexcept {
+int readModulesConf(const ConfStore &store, std::vector<util_para> &out, std::size_t cap) noexcept {
     trace("QMX_read_modules_conf START");
     auto end = [](int rc) {
         trace("QMX_read_modules_conf END");
         return rc;
     };
+    out.clear();
     FilePtr in(std::fopen(store.modprobe, "re"));
     if (!in) {
         sysError("fopen", errno);
@@ -373,42 +374,62 @@ int readModulesConf(const ConfStore &store, util_para *list, int cap) noexcept {
         sysError("fopen", fe.err);
         return end(-1);
     }
-    int items = 0;
     bool continued = false;   // the previous options line ended in a backslash
     bool blockDone = false;   // an options block has been completed
     char line[8192];
-    while (std::fgets(line, sizeof line, in.get()) != nullptr) {
-        string_view l(line);
-        bool options = continued || l.find("options qmxldd") != string_view::npos;
-        if (!options) {
-            std::fputs(line, blockDone ? out2.get() : out1.get());
-            continue;
-        }
-        // From the fifteenth character on, also on continuation lines.
-        string_view rest = l.size() > 14 ? l.substr(14) : string_view();
-        size_t pos = 0;
-        while (pos < rest.size()) {
-            size_t b = rest.find_first_not_of(' ', pos);
-            if (b == string_view::npos) break;
-            size_t e = rest.find(' ', b);
-            string_view piece = rest.substr(b, e == string_view::npos ? string_view::npos : e - b);
-            pos = e == string_view::npos ? rest.size() : e;
-            size_t eq = piece.find('=');
-            if (eq == string_view::npos) continue;
-            if (list == nullptr || items >= cap) {
-                // The options would not all fit the caller's records:
-                // refuse rather than rewrite the file without some of them.
-                trace("too many module options");
-                setError(QMX_ERR_DATA_FILE);
-                return end(-1);
+    try {
+        while (std::fgets(line, sizeof line, in.get()) != nullptr) {
+            string_view l(line);
+            bool options = continued || l.find("options qmxldd") != string_view::npos;
+            if (!options) {
+                std::fputs(line, blockDone ? out2.get() : out1.get());
+                continue;
             }
-            util_para &p = list[items++];
-            copyText(p.keyword, piece.substr(0, eq));
-            copyText(p.value, piece.substr(eq + 1));
+            // From the fifteenth character on, also on continuation lines.
+            string_view rest = l.size() > 14 ? l.substr(14) : string_view();
+            size_t pos = 0;
+            while (pos < rest.size()) {
+                size_t b = rest.find_first_not_of(' ', pos);
+                if (b == string_view::npos) break;
+                size_t e = rest.find(' ', b);
+                string_view piece = rest.substr(b, e == string_view::npos ? string_view::npos : e - b);
+                pos = e == string_view::npos ? rest.size() : e;
+                size_t eq = piece.find('=');
+                if (eq == string_view::npos) continue;
+                if (out.size() >= cap) {
+                    // The options would not all fit: refuse rather than
+                    // rewrite the file without some of them.
+                    trace("too many module options");
+                    setError(QMX_ERR_DATA_FILE);
+                    out.clear();
+                    return end(-1);
+                }
+                util_para &p = out.emplace_back();
+                std::memset(&p, 0, sizeof p);
+                copyText(p.keyword, piece.substr(0, eq));
+                copyText(p.value, piece.substr(eq + 1));
+            }
+            continued = l.find('\\') != string_view::npos;
+            if (!continued) blockDone = true;
         }
-        continued = l.find('\\') != string_view::npos;
-        if (!continued) blockDone = true;
+    } catch (...) {
+        sysError("malloc", ENOMEM);
+        out.clear();
+        return end(-1);
     }
+    // A read error is not the end of the file, and a scratch file that
+    // could not be written whole would install a file missing its lines.
+    if (std::ferror(in.get())) {
+        sysError("fgets", errno != 0 ? errno : EIO);
+        out.clear();
+        return end(-1);
+    }
+    for (FILE *fp : {out1.get(), out2.get()})
+        if (std::fflush(fp) != 0 || std::ferror(fp)) {
+            sysError("fputs", errno != 0 ? errno : EIO);
+            out.clear();
+            return end(-1);
+        }
     return end(0);
 }
 
@@ -459,8 +480,14 @@ int write_config(Type_tbl *tbl, int fd) {
 
 int qmx_mpcfg(void) { return qmx::mpcfg(qmx::kSystemStore); }
 
-int QMX_read_modules_conf(util_para *list, int list_max) {
-    return qmx::readModulesConf(qmx::kSystemStore, list, list_max < 0 ? 0 : list_max);
+// The caller's list holds QMX_MODULES_CONF_ITEMS records; a block with
+// more options is refused, so nothing is written past the last record.
+int QMX_read_modules_conf(util_para *list) {
+    std::vector<util_para> items;
+    int rc = qmx::readModulesConf(qmx::kSystemStore, items,
+                                  list != nullptr ? QMX_MODULES_CONF_ITEMS : 0);
+    if (rc == 0 && !items.empty()) std::memcpy(list, items.data(), items.size() * sizeof(util_para));
+    return rc;
 }
 
 void copy_modules_conf(void) { qmx::copyModulesConf(qmx::kSystemStore); }

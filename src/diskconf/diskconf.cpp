@@ -232,6 +232,12 @@ int readLuMap(const char *path, int *flag, QMX_DISK_CONFIG *tbl) noexcept {
             break;
         }
     }
+    // A read error is not the end of the record: what was read so far must
+    // not be taken (nor written back) as the whole record.
+    if (rc == 0 && std::ferror(fp.get()) != 0) {
+        sysError("fread", errno != 0 ? errno : EIO);
+        rc = -1;
+    }
     fp.reset();
     if (rc != 0) {
         trace("qmx_ReadLuMapConf ABEND");
@@ -374,6 +380,9 @@ bool captureLus(int fd, const mp_target_entry &e, QMX_DISK_CONFIG *tbl, int a, i
     hdr->groupid = e.groupid;
     if (::ioctl(fd, static_cast<unsigned long>(IOCTL_QMX_MP_LUMAP), lumap) != 0) {
         qmx::tracef("IOCTL_QMX_MP_LUMAP(%d)\n", errno);
+        // The capture goes on without this target's LUs; the reason code
+        // tells the caller that the record is not the whole map.
+        qmx::setError(QMX_ERR_DRIVER);
         return true;
     }
     return qmx::diskconf::storeLuReply(lumap, tbl, a, t);
@@ -432,6 +441,7 @@ int qmx_GetCurrentLuMap(QMX_DISK_CONFIG *tbl) {
         map->header.target_count = QMX_MP_TGTMAP_PORT;
         if (::ioctl(port.fd, static_cast<unsigned long>(IOCTL_QMX_MP_TGTMAP), map) != 0) {
             qmx::tracef("IOCTL_QMX_MP_TGTMAP(%d)\n", errno);
+            qmx::setError(QMX_ERR_DRIVER);
             ad->tgt_cnt = 0;
             continue;
         }

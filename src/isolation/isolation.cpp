@@ -171,17 +171,18 @@ QMX_STATUS QMX_GetForceIsolateList(QMX_FORCE_ISOLATE_LIST *isolate_list) {
             if (key.size() < 4 || key.substr(0, 4) != "qmx_" || key.size() < 3 ||
                 key.substr(key.size() - 3) != kBsSuffix)
                 continue;
-            // Checked when a 257th entry comes: exactly 256 entries fit.
-            if (count == QMX_FORCE_ISOLATE_MAX) {
-                qmx::trace("isolate_list is defined over MAX");
-                break;
-            }
             QMX_ISOLATE &e = isolate_list->list[count++];
             e.bus = keyPair(key, 4);
             e.dev = keyPair(key, 7);
             e.func = keyPair(key, 10);
             e.mode = qmx::atoiText(qmx::valueOf(keys.list[i]));
             e.set_opr = 0;
+            // The list is full once the 256th entry is in, whether or not
+            // more keys follow.
+            if (count == QMX_FORCE_ISOLATE_MAX) {
+                qmx::trace("isolate_list is defined over MAX");
+                break;
+            }
         }
         isolate_list->listCnt = count;
         return f.ok();

@@ -34,7 +34,6 @@ constexpr const char *kAutoTmp1 = "/tmp/conf_modules1.hba";
 constexpr const char *kAutoTmp2 = "/tmp/conf_modules2.hba";
 constexpr const char *kModprobe = "/etc/modprobe.d/qmxldd_param.conf";
 constexpr int kBindValueChars = 18;  // "0x" and 16 hex digits
-constexpr int kAutomapRecords = 10;  // module options the automap setter carries over
 
 using FilePtr = std::unique_ptr<FILE, qmx::FileCloser>;
 
@@ -692,9 +691,9 @@ QMX_STATUS QMX_SetBindingAutoMapping(QMX_AUTOMAP automap) {
             f.keepLock();
             return f.fail();
         };
-        util_para opts[kAutomapRecords];
-        std::memset(opts, 0, sizeof opts);
-        if (QMX_read_modules_conf(opts, kAutomapRecords) != 0) return failKeepingLock();
+        // Every option of the line is carried over, however many it holds.
+        std::vector<util_para> opts;
+        if (qmx::readModulesConf(qmx::kSystemStore, opts) != 0) return failKeepingLock();
         {
             qmx::FileError fe;
             FilePtr out(qmx::openScratch(kAutoTmp1, qmx::ScratchMode::Append, &fe));

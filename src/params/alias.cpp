@@ -178,26 +178,18 @@ using KeyList = std::unique_ptr<util_para, FreeList>;
 
 // Reads the alias file.  A file that does not exist holds no entries (the
 // reader would report it through the system log as an open failure).  -1
-// when the file cannot be read.
-int readAliases(KeyList *list) noexcept {
+// when the file cannot be read.  The getters read it into a buffer sized
+// from the driver configuration file, as they always have; a setter, which
+// rewrites the file from what it read, reads it whole (its buffer sized from
+// the alias file itself), so no alias past that size is lost.
+int readAliases(KeyList *list, bool whole) noexcept {
     struct stat st;
     if (stat(qmx::kSystemStore.lib, &st) != 0 && errno == ENOENT) return 0;
     util_para *raw = nullptr;
-    int n = QMX_Read_qmxlddconf(&raw, 1);
+    int n = whole ? qmx::readKeyFile(qmx::kSystemStore.lib, qmx::kSystemStore.lib, &raw)
+                  : QMX_Read_qmxlddconf(&raw, 1);
     list->reset(raw);
     return n < 0 ? -1 : n;
-}
-
-// The reader takes the alias file's line into a buffer sized from the
-// driver configuration file.  A longer alias file would be read cut short,
-// and rewriting it would lose the entries past the cut: refuse instead.
-bool readWhole() noexcept {
-    struct stat lib, conf;
-    if (stat(qmx::kSystemStore.lib, &lib) != 0) return true;
-    if (stat(qmx::kSystemStore.conf, &conf) == 0 && lib.st_size <= conf.st_size) return true;
-    qmx::trace("qmxlib.conf is longer than the read buffer");
-    qmx::setError(9);
-    return false;
 }
 
 QMX_STATUS getAlias(const char *name, Kind kind, QMX_WWN wwn, char *aliasname, size_t size) {
@@ -208,7 +200,7 @@ QMX_STATUS getAlias(const char *name, Kind kind, QMX_WWN wwn, char *aliasname, s
         std::memset(aliasname, 0, size);
         const qmx::alias::WwnKey key = qmx::alias::wwnKey(wwn);
         KeyList list;
-        int n = readAliases(&list);
+        int n = readAliases(&list, false);
         if (n < 0) return f.fail();
         std::string_view value = qmx::alias::find(list.get(), n, key.text, kind);
         // strncpy: no terminator when the name fills `size`.
@@ -234,9 +226,8 @@ QMX_STATUS setAlias(const char *name, Kind kind, QMX_WWN wwn, char *aliasname, s
         }
         const qmx::alias::WwnKey key = qmx::alias::wwnKey(wwn);
         KeyList list;
-        int n = readAliases(&list);
+        int n = readAliases(&list, true);
         if (n < 0) return f.fail();
-        if (!readWhole()) return f.fail();
         util_para add[2];
         qmx::alias::plan(list.get(), n, key.text, kind, aliasname, size, add);
         // A failed rewrite is not reported to the caller.

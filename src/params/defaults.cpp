@@ -142,7 +142,9 @@ bool devicePath(const char *device, char (&path)[300]) {
 int deviceDiag(const char *device, diag_ioctl *diag) {
     char path[300];
     if (!devicePath(device, path)) {
+        // The caller's name cannot name a device: a bad argument.
         qmx::trace("device name too long");
+        qmx::setError(QMX_ERR_INVALID_ARG);
         return -1;
     }
     int fd = -1;

@@ -143,6 +143,14 @@ TEST_F(Binding, AutomaticMappingSwitch) {
     ASSERT_EQ(QMX_SetBindingAutoMapping(1), 0);
     ASSERT_EQ(QMX_GetBindingAutoMapping(&on), 0);
     EXPECT_EQ(on, 1u);
+    // Every option of a long line is carried over, and the lock is free
+    // again afterwards.
+    std::string opts;
+    for (int i = 0; i < 11; ++i) opts += " o" + std::to_string(i) + "=" + std::to_string(i);
+    writeFile(kModprobe, "options qmxldd qmx_automap=1" + opts + "\n");
+    ASSERT_EQ(QMX_SetBindingAutoMapping(0), 0);
+    EXPECT_EQ(readFile(kModprobe), "options qmxldd qmx_automap=0" + opts + "\n");
+    EXPECT_EQ(QMX_ExeclusiveLockCheck(1), 1);
     // Without an options line the switch reads on.
     writeFile(kModprobe, "# none\nqmx_automap=0\n");
     ASSERT_EQ(QMX_GetBindingAutoMapping(&on), 0);

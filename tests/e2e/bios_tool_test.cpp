@@ -87,11 +87,8 @@ TEST_F(BiosTool, BackupFileLayout) {
     ASSERT_EQ(b.size(), 1360u);
     EXPECT_EQ(b[4], 3);   // bus
     EXPECT_EQ(b[6], 0);   // func of the first port
-    // The PCI id word as configuration space holds it: vendor, then device.
-    EXPECT_EQ(b[8], 0x5A);
-    EXPECT_EQ(b[9], 0x1E);
-    EXPECT_EQ(b[10], 0x32);
-    EXPECT_EQ(b[11], 0x25);
+    // The PCI id word as the driver returns it: device, then vendor.
+    EXPECT_EQ(std::vector<uint8_t>(b.begin() + 8, b.begin() + 12), (std::vector<uint8_t>{0x25, 0x32, 0x1E, 0x5A}));
     EXPECT_EQ(b[12], 1);  // pre-configuration of the first port
     // Port 1's block.
     EXPECT_EQ(b[256 + 256 + 0x01] & 0x80, 0x80);   // BIOS enabled

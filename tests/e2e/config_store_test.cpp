@@ -141,7 +141,7 @@ TEST_F(ConfigStore, FullFileSystemFailsTheSetAndKeepsTheOldFile) {
 TEST_F(ConfigStore, ModuleOptionsAreSplitAroundTheOptionsLine) {
     std::vector<util_para> list(QMX_MODULES_CONF_ITEMS);
     std::memset(list.data(), 0, list.size() * sizeof(util_para));
-    ASSERT_EQ(QMX_read_modules_conf(list.data(), int(list.size())), 0);
+    ASSERT_EQ(QMX_read_modules_conf(list.data()), 0);
     EXPECT_STREQ(list[0].keyword, "qmx_automap");
     EXPECT_STREQ(list[0].value, "1");
     EXPECT_STREQ(list[1].keyword, "qmx_debug");
@@ -158,7 +158,7 @@ TEST_F(ConfigStore, ModuleOptionsAreSplitAroundTheOptionsLine) {
     writeFile("/etc/modprobe.d/qmxldd_param.conf", line + "\n");
     std::vector<util_para> ten(11);
     std::memset(ten.data(), 0x5A, ten.size() * sizeof(util_para));
-    EXPECT_EQ(QMX_read_modules_conf(ten.data(), 10), -1);
+    EXPECT_EQ(QMX_read_modules_conf(ten.data()), -1);
     EXPECT_EQ(QMX_LastErrorCode(), QMX_ERR_DATA_FILE);
     EXPECT_EQ(ten[10].keyword[0], 0x5A);
     EXPECT_EQ(ten[10].used, 0x5A5A5A5A);
@@ -192,7 +192,7 @@ TEST_F(ConfigStore, PlantedScratchFilesAreRefused) {
         std::vector<util_para> list(QMX_MODULES_CONF_ITEMS);
         std::memset(list.data(), 0, list.size() * sizeof(util_para));
         QMX_G_ERROR_CD = 0;
-        EXPECT_EQ(QMX_read_modules_conf(list.data(), int(list.size())), -1);
+        EXPECT_EQ(QMX_read_modules_conf(list.data()), -1);
         EXPECT_EQ(QMX_LastErrorCode(), 1);
         EXPECT_EQ(readFile(victim), kept);
         EXPECT_EQ(readFile(c.path), kept);

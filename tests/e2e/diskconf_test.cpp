@@ -1,6 +1,7 @@
 // Disk configuration record in the virtual host: reading and rewriting the
 // record file, malformed lines, and the capture of the present LU map from
 // the simulated multipath driver.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -94,6 +95,15 @@ TEST_F(DiskConfTest, NoRecordOrFlagOnlyIsAnEmptyTree) {
     EXPECT_EQ(readFile(kRecord), "qmx_unmatched_dev=1\n");
     ASSERT_EQ(QMX_SetDiskConfig(7), 0);
     EXPECT_EQ(readFile(kRecord), "qmx_unmatched_dev=0\n");
+    // A record that opens but cannot be read (a directory in its place) is
+    // a failure, never an empty tree, and nothing is written.
+    ::unlink(kRecord);
+    ASSERT_EQ(::mkdir(kRecord, 0755), 0);
+    clearTrace();
+    EXPECT_TRUE(refused(QMX_GetDiskConfig(&flag, tree.get()), 1, "qmx_ReadLuMapConf ABEND"));
+    EXPECT_TRUE(refused(QMX_SetDiskConfig(1), 1, "qmx_ReadLuMapConf error"));
+    EXPECT_EQ(traceCount("qmx_WriteLuMapConf START"), 0);
+    ::rmdir(kRecord);
 }
 
 TEST_F(DiskConfTest, OddDigitsAreDroppedAndRepeatedLinesReplace) {

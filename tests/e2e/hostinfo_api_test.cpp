@@ -70,6 +70,13 @@ TEST_F(HostInfo, AliasPlacementInAFileWithEntries) {
     EXPECT_EQ(readFile(kLib), other + "qmx3-wwn=" + hex(0) + ":qmx3-alias=b2:qmx4-wwn=5000000000000004:" +
                                   "qmx5-wwn=" + hex(2) + ":qmx5-alias=new:");
     EXPECT_EQ(getAlias(0), "b2");
+    // A driver file shorter than the alias file: the setters still keep
+    // every entry.
+    ASSERT_TRUE(writeFile(kConf, "qmx_queue_depth=32:"));
+    const std::string all = readFile(kLib);
+    ASSERT_EQ(0, setHba(1, "x", 1));
+    ASSERT_EQ(0, QMX_SetPortAliasName(portWwn(1), const_cast<char *>("y"), 1));
+    EXPECT_EQ(readFile(kLib), all + "qmx6-wwn=" + hex(1) + ":qmx6-portalias=y:qmx6-alias=x:");
 }
 
 TEST_F(HostInfo, AliasSettersRefuseHiddenCharactersAndTheDelimiter) {
@@ -126,13 +133,13 @@ TEST_F(HostInfo, AliasRewriteFollowsALinkKeepsTheModeAndNeverCutsTheFile) {
     ASSERT_EQ(0, stat("/etc/qmxlib.real", &st));
     EXPECT_EQ(st.st_mode & 07777, 0600u);
     EXPECT_EQ(readFile("/etc/qmxlib.real"), "qmx0-wwn=" + hex(0) + ":qmx0-alias=n:");
-    // The reader takes no more of the alias file than the driver file's size:
-    // a longer alias file is refused rather than rewritten without its tail.
+    // An alias file longer than the driver configuration file is read whole
+    // by a setter: rewritten with every entry.
     ASSERT_TRUE(writeFile(kConf, "qmx_queue_depth=8:"));
-    const std::string longer = "qmx0-wwn=" + hex(0) + ":qmx0-alias=n:qmx9-wwn=0000000000000009:";
-    ASSERT_TRUE(writeFile("/etc/qmxlib.real", longer));
-    EXPECT_TRUE(refused(setHba(0, "m", 1), 9));
-    EXPECT_EQ(readFile("/etc/qmxlib.real"), longer);
+    const std::string tail = "qmx9-wwn=0000000000000009:";
+    ASSERT_TRUE(writeFile("/etc/qmxlib.real", "qmx0-wwn=" + hex(0) + ":qmx0-alias=n:" + tail));
+    ASSERT_EQ(0, setHba(0, "m", 1));
+    EXPECT_EQ(readFile("/etc/qmxlib.real"), "qmx0-wwn=" + hex(0) + ":qmx0-alias=m:" + tail);
 }
 
 // --------------------------------------------------------- host information
@@ -303,6 +310,8 @@ TEST_F(HostInfo, TargetScanOutcomeIsTheReasonCode) {
     EXPECT_EQ(portCounter(1, "tgtscan"), 5);
     EXPECT_EQ(driverRequests("IOCTL_QMX_DIAG0", 1, 12), 5);
     EXPECT_TRUE(refused(QMX_TgtScan(const_cast<char *>("qmxldd9")), -1, "QMX_TgtScan ABEND"));
+    std::string tooLong(400, 'q');  // longer than any device path
+    EXPECT_TRUE(refused(QMX_TgtScan(tooLong.data()), 2, "device name too long"));
 }
 
 TEST_F(HostInfo, ReflectKeepsTheDriverReplyInTheCallersRecord) {
@@ -314,6 +323,8 @@ TEST_F(HostInfo, ReflectKeepsTheDriverReplyInTheCallersRecord) {
     EXPECT_EQ(d.uni.raw[1], 1);
     EXPECT_EQ(portCounter(2, "reflect"), 1);
     EXPECT_TRUE(refused(QMX_Reflect_ChgParam(const_cast<char *>("qmxldd9"), &d), -1, "QMX_Reflect_ChgParam ABEND"));
+    std::string tooLong(400, 'q');
+    EXPECT_TRUE(refused(QMX_Reflect_ChgParam(tooLong.data(), &d), 2, "device name too long"));
 }
 
 TEST_F(HostInfo, DiskRescanReturnsZeroOnEveryPath) {

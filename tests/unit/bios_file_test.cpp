@@ -135,21 +135,23 @@ TEST(BiosFile, ShortFilesAndBadPortsFailWithTheirCode) {
 }
 
 TEST(BiosFile, DeviceCheckComparesSwappedBlankPaddedTexts) {
-    // Bytes 5a 1e 32 25 in the file against the driver's big-endian word
-    // for vendor 0x1E5A, device 0x2532.
-    uint32_t file;
-    const uint8_t bytes[4] = {0x5a, 0x1e, 0x32, 0x25};
-    std::memcpy(&file, bytes, 4);
-    uint32_t adapter;
-    const uint8_t drv[4] = {0x25, 0x32, 0x1e, 0x5a};
-    std::memcpy(&adapter, drv, 4);
+    // The file holds the identifier's bytes as the driver returns them
+    // (device 0x2532, vendor 0x1E5A); the driver's word is put into network
+    // order before it is formatted, so the two match on any host.
+    auto word = [](std::initializer_list<uint8_t> b) {
+        uint32_t w;
+        std::memcpy(&w, std::data(b), 4);
+        return w;
+    };
+    const uint32_t id = word({0x25, 0x32, 0x1e, 0x5a});
     QMX_G_ERROR_CD = 0;
-    EXPECT_TRUE(qmx_BiosFileDeviceMatch(file, adapter));
+    EXPECT_TRUE(qmx_BiosFileDeviceMatch(id, id));
     EXPECT_EQ(QMX_G_ERROR_CD, 0);
-    // A leading zero digit is a blank in "%8x": such identifiers never match.
-    EXPECT_FALSE(qmx_BiosFileDeviceMatch(0x01011e5a, 0x5a1e0101));
+    EXPECT_FALSE(qmx_BiosFileDeviceMatch(id, word({0x25, 0x32, 0x1e, 0x5b})));
     EXPECT_EQ(QMX_G_ERROR_CD, 9);
-    EXPECT_FALSE(qmx_BiosFileDeviceMatch(file, adapter ^ 1));
+    // A leading zero digit is a blank in "%8x": such identifiers never match.
+    const uint32_t low = word({0x01, 0x01, 0x1e, 0x5a});
+    EXPECT_FALSE(qmx_BiosFileDeviceMatch(low, low));
 }
 
 }  // namespace

@@ -215,11 +215,8 @@ TEST(ImageArea, CheckReportsTheConfigurationValue) {
 // ---------------------------------------------------------------------------
 class ModOptions : public ConfTree {
 protected:
-    std::vector<util_para> list_ = std::vector<util_para>(QMX_MODULES_CONF_ITEMS);
-    int read() {
-        std::memset(list_.data(), 0, list_.size() * sizeof(util_para));
-        return qmx::readModulesConf(store_, list_.data(), int(list_.size()));
-    }
+    std::vector<util_para> list_;
+    int read() { return qmx::readModulesConf(store_, list_); }
 };
 
 TEST_F(ModOptions, ContinuedOptionsLineIsSplitAroundTheBlock) {
@@ -232,7 +229,7 @@ TEST_F(ModOptions, ContinuedOptionsLineIsSplitAroundTheBlock) {
     ASSERT_EQ(read(), 0);
     // A later options line is read too; the last piece keeps the line's end.
     std::vector<std::string> got;
-    for (int i = 0; i < 4; ++i) got.push_back(std::string(list_[i].keyword) + "=" + list_[i].value);
+    for (std::size_t i = 0; i < list_.size(); ++i) got.push_back(std::string(list_[i].keyword) + "=" + list_[i].value);
     EXPECT_EQ(got, (std::vector<std::string>{"qmx_automap=0", "qmx_a=1", "qmx_b=2", "qmx_c=3\n"}));
     EXPECT_EQ(slurp(tmp1_), "# head\n");
     EXPECT_EQ(slurp(tmp2_), "alias x y\n");
@@ -245,19 +242,24 @@ TEST_F(ModOptions, MissingFileEndsWithEnd) {
     EXPECT_TRUE(traced("QMX_read_modules_conf END"));
 }
 
-TEST_F(ModOptions, MoreOptionsThanRecordsAreRefused) {
-    // Every driver-wide parameter of the driver fits on one options line.
-    std::string all = "options qmxldd";
-    for (int i = 0; i < 45; ++i) all += " qmx_p" + std::to_string(i) + "=" + std::to_string(i);
-    spit(modprobe_, all + "\n");
-    ASSERT_EQ(read(), 0);
-    EXPECT_STREQ(list_[44].keyword, "qmx_p44");
-    EXPECT_STREQ(list_[44].value, "44\n");
-    std::string line = "options qmxldd";
-    for (int i = 0; i < QMX_MODULES_CONF_ITEMS + 1; ++i) line += " o" + std::to_string(i) + "=1";
-    spit(modprobe_, line + "\n");
+TEST_F(ModOptions, EveryOptionOfTheLineIsRead) {
+    for (std::size_t n : {11, 45}) {
+        std::string all = "options qmxldd";
+        for (std::size_t i = 0; i < n; ++i) all += " p" + std::to_string(i) + "=" + std::to_string(i);
+        spit(modprobe_, all + "\n");
+        ASSERT_EQ(read(), 0) << n;
+        ASSERT_EQ(list_.size(), n);
+        EXPECT_EQ(std::string(list_[n - 1].keyword), "p" + std::to_string(n - 1));
+        EXPECT_EQ(std::string(list_[n - 1].value), std::to_string(n - 1) + "\n");
+    }
+    // Continued past the bound: refused, nothing returned.
+    std::string over = "options qmxldd";
+    for (std::size_t i = 0; i <= qmx::kMaxModuleOptions; ++i)
+        over += i % 500 == 499 ? " o=1 \\\n" + std::string(14, ' ') : " o=1";
+    spit(modprobe_, over + "\n");
     EXPECT_EQ(read(), -1);
     EXPECT_EQ(QMX_G_ERROR_CD, 9);
+    EXPECT_TRUE(list_.empty());
     // Long pieces are cut to the fields.
     spit(modprobe_, "options qmxldd " + std::string(400, 'k') + "=" + std::string(400, 'v') + "\n");
     ASSERT_EQ(read(), 0);
