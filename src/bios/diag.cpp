@@ -8,6 +8,7 @@
 
 #include "bios/bios.h"
 #include "bios/tool_run.h"
+#include "frame/fileio.h"
 #include "frame/frame.h"
 
 char QMX_G_DiagLog[256];
@@ -60,10 +61,17 @@ const FileLine kLines[] = {
     {"no_monitor", &QMX_DIAG_PARAM::no_monitor, nullptr, When::NonZero},
 };
 
-// Writes the parameter file.  false when it cannot be opened.
+// Writes the parameter file.  Its name is fixed, in a folder others may
+// write to: a link or another user's file planted there is refused, never
+// written through.  false (reported, code 1) when it cannot be opened or
+// written whole.
 bool writeParamFile(const char *path, const QMX_DIAG_PARAM &p) {
-    FILE *fp = std::fopen(path, "we");
-    if (fp == nullptr) return false;
+    qmx::FileError fe;
+    FILE *fp = qmx::openScratch(path, qmx::ScratchMode::Write, &fe);
+    if (fp == nullptr) {
+        qmx::sysError(fe.call, fe.err);
+        return false;
+    }
     std::fputs("test_type=1\n", fp);  // whatever the record holds
     for (const FileLine &l : kLines) {
         // Unsigned fields are written with "%d", as the tool reads them.
@@ -72,9 +80,14 @@ bool writeParamFile(const char *path, const QMX_DIAG_PARAM &p) {
                      (l.when == When::NotOne && v != 1);
         if (write) std::fprintf(fp, "%s=%d\n", l.key, v);
     }
-    std::fflush(fp);
-    std::fclose(fp);
-    return true;
+    bool ok = std::fflush(fp) == 0 && std::ferror(fp) == 0;
+    int err = errno;
+    if (std::fclose(fp) != 0 && ok) {
+        ok = false;
+        err = errno;
+    }
+    if (!ok) qmx::sysError("write", err != 0 ? err : EIO);
+    return ok;
 }
 
 }  // namespace

@@ -234,7 +234,9 @@ int display_lu_priority(QMX_LU_PRIORITY *list) {
         }
         ++index;
     }
-    lu_list_max = index;
+    // Only the count call sets the bound: the caller sized its array from
+    // that count, whatever a later fill finds in a file that has grown.
+    if (list == nullptr) lu_list_max = index;
     qmx::trace("display_lu_priority END");
     return index;
 }

@@ -198,6 +198,16 @@ TEST_F(FirmwareDiag, FailingDiagnosticsGiveNull) {
     int code = QMX_LastErrorCode();
     EXPECT_TRUE(code == 12 || code == 1) << code;
     EXPECT_EQ(traceCount("QMX_DiagExecution ABEND"), 2);
+    // A link planted at the parameter file's name is refused, not followed:
+    // the file it names keeps its text, and no tool runs.
+    ASSERT_TRUE(writeFile("/etc/precious", "keep\n"));
+    removeFile(kParams);
+    ASSERT_EQ(0, symlink("/etc/precious", kParams));
+    int runs = int(toolLog("qmxdiag").size());
+    EXPECT_EQ(QMX_DiagExecution(portWwn(0), &p), nullptr);
+    EXPECT_EQ(QMX_LastErrorCode(), 1);
+    EXPECT_EQ(readFile("/etc/precious"), "keep\n");
+    EXPECT_EQ(int(toolLog("qmxdiag").size()), runs);
 }
 
 TEST_F(FirmwareDiag, EraseLogRunsTheBiosTool) {

@@ -45,10 +45,13 @@ TEST_F(Priority, ListingByGroupAdapterAndFileOrder) {
         EXPECT_STREQ(e.priority3, want[i].p3);
         EXPECT_STREQ(e.priority4, want[i].p4);
     }
-    // A file that has grown since the count is not written past the array.
+    // A file that has grown since the count is not written past the array,
+    // however often it is filled again.
     writeFile(kConf, readFile(kConf) + "qmxl3-tid-3-gt=9:qmxl3-tid-3-attribute=0x00:");
-    ASSERT_EQ(QMX_GetLUPriority(list.data()), 0);
-    EXPECT_EQ(list[std::size_t(n)].group, 0x5A5A5A5A);
+    for (int fill = 0; fill < 2; ++fill) {
+        ASSERT_EQ(QMX_GetLUPriority(list.data()), 0);
+        EXPECT_EQ(list[std::size_t(n)].group, 0x5A5A5A5A) << fill;
+    }
 
     EXPECT_TRUE(refused(QMX_GetLUPriority(nullptr), QMX_ERR_INVALID_ARG, "lu_priority == NULL"));
     removeFile(kConf);
