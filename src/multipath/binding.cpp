@@ -351,7 +351,13 @@ int QMX_adap_current_conf(char *device, int type, QMX_PERSISTENTBINDING *b_inf) 
     qmx::trace("QMX_adap_current_conf START");
     auto abend = [] { qmx::trace("QMX_adap_current_conf ABEND"); };
     qmx_ioctl_proc_info info{};
-    (void)QMX_read_proc_info(device, &info);
+    // Without its information record the adapter's number and WWPN are not
+    // known: its targets would be written under adapter 0.  The adapter is
+    // skipped, its failure logged (code 1) like any other of one adapter.
+    if (QMX_read_proc_info(device, &info) != 0) {
+        abend();
+        return -1;
+    }
     std::unique_ptr<unsigned char[]> tbuf(new (std::nothrow)
                                               unsigned char[QMX_MP_TARGET_SIZE(kTargetCap)]());
     std::unique_ptr<unsigned char[]> lbuf(new (std::nothrow)

@@ -116,6 +116,20 @@ TEST_F(Binding, AutoSetEdgeCases) {
     ASSERT_EQ(QMX_AutoSetPersistentBinding(info.get()), 0);
     EXPECT_EQ(readFile(kConf), "qmx_queue_depth=32:qmxl9-foo=1:");
     EXPECT_TRUE(allFF(info.get(), sizeof *info));
+
+    // An adapter whose information record cannot be read is skipped (its
+    // failure kept in the reason code), not written as adapter 0 beside the
+    // others' targets.
+    editState([](qmxsim::json &) {});  // the device files back
+    int before = driverRequests("IOCTL_QMX_SC_PRINFO", 2);
+    failRequest("IOCTL_QMX_SC_PRINFO", 2, EIO, 1);
+    ASSERT_EQ(QMX_AutoSetPersistentBinding(info.get()), 0);
+    EXPECT_EQ(driverRequests("IOCTL_QMX_SC_PRINFO", 2), before + 1);
+    EXPECT_NE(QMX_LastErrorCode(), 0);
+    conf = readFile(kConf);
+    EXPECT_EQ(conf.find("qmxl0-wwpn=0x0:"), std::string::npos) << conf;
+    EXPECT_EQ(conf.find("wwpn=0x500000000000a03"), std::string::npos) << conf;
+    EXPECT_NE(conf.find("qmxl3-wwpn=0x2100001122334461:"), std::string::npos) << conf;
 }
 
 TEST_F(Binding, DeleteRemovesTargetItemsOnly) {
