@@ -322,6 +322,12 @@ TEST_F(QmxmgrTest, BindingAndPriorityCommands) {
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "qmxmgr: QMX_SetLUPriority failed: invalid argument (reason code 2): "
                      "lun is invalid value\n");
+    // A group no target has: the call succeeds, its inner failure is not
+    // hidden behind a "released".
+    r = run({"priority", "release", "40"});
+    EXPECT_EQ(r.status, 4);
+    EXPECT_EQ(r.out, "");
+    EXPECT_NE(r.err.find("QMX_ReleasePathControl succeeded only in part"), std::string::npos) << r.err;
     EXPECT_EQ(run({"binding", "automap", "maybe"}).status, 2);
     EXPECT_EQ(run({"binding", "force", "qmxldd9"}).status, 2);
 }

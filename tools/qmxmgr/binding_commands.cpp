@@ -222,9 +222,19 @@ int cmdPriorityList(const BindOptions &o) {
     return kExitOk;
 }
 
+// The priority edits succeed whatever their inner steps did; the reason
+// code is what tells an inner failure.  Reported on one line, exit 4.
+int partial(const char *call) {
+    int code = QMX_LastErrorCode();
+    if (code == 0) return kExitOk;
+    std::fprintf(stderr, "qmxmgr: %s succeeded only in part: %s (reason code %d)\n", call, reasonText(code), code);
+    return kExitPartial;
+}
+
 int cmdPrioritySet(const BindOptions &o) {
     const auto &v = o.numbers;
     check(QMX_SetLUPriority(v[0], v[1], v[2], v[3]), "QMX_SetLUPriority");
+    if (int rc = partial("QMX_SetLUPriority")) return rc;
     std::printf("LUN %d of adapter %d target %d: priority %s.\n", v[2], v[0], v[1],
                 v[3] == 1 ? "set" : "cleared");
     return kExitOk;
@@ -232,12 +242,14 @@ int cmdPrioritySet(const BindOptions &o) {
 
 int cmdPriorityRelease(const BindOptions &o) {
     check(QMX_ReleasePathControl(o.numbers[0]), "QMX_ReleasePathControl");
+    if (int rc = partial("QMX_ReleasePathControl")) return rc;
     std::printf("Path group %d released.\n", o.numbers[0]);
     return kExitOk;
 }
 
 int cmdPriorityToggle(const BindOptions &o) {
     check(QMX_ChangePathAttribute(o.numbers[0], o.numbers[1]), "QMX_ChangePathAttribute");
+    if (int rc = partial("QMX_ChangePathAttribute")) return rc;
     std::printf("Path attribute of adapter %d target %d changed.\n", o.numbers[0], o.numbers[1]);
     return kExitOk;
 }
@@ -285,7 +297,8 @@ void addPriorityCommands(CommandLine &cl) {
     set->add_option("ADAPTER TARGET LUN PRIORITY", o->numbers)->required()->expected(4);
     cl.on(set, [o] { return cmdPrioritySet(*o); });
     auto *release = priority->add_subcommand(
-        "release", "Dissolve a path group (each path becomes a group of its own): release GROUP");
+        "release", "Dissolve a path group (each path becomes a group of its own): release GROUP; "
+                   "exit status 4 when the call succeeded only in part (a group no target has)");
     release->add_option("GROUP", o->numbers)->required()->expected(1);
     cl.on(release, [o] { return cmdPriorityRelease(*o); });
     auto *toggle = priority->add_subcommand(

@@ -19,6 +19,9 @@ using json = nlohmann::ordered_json;
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;  // a library call failed
 constexpr int kExitUsage = 2;   // bad command line or operand
+// The call returned success but left a reason code: part of its work failed
+// (a path group no target has, a rewrite of the file that failed).
+constexpr int kExitPartial = 4;
 
 // A library call that returned a failure.  what() is the one-line message:
 // the call's name, the meaning of the reason code, and the code.
