@@ -77,12 +77,36 @@ void check(bool ok) {
     if (!ok) __builtin_trap();
 }
 
+// The buffers of one input, allocated once for the whole run: the maps and
+// the LU path container are hundreds of kilobytes each, and allocating them
+// per input (fresh, zeroed pages) made the target crawl.  The maps are
+// zeroed again for every input so that a run never reads what an earlier
+// input left (each input replays alike); the container needs no zeroing,
+// its count says what it holds.
+struct Buffers {
+    MapBuffers map;
+    std::unique_ptr<QMX_LUPATH_STATUS> lupaths{new QMX_LUPATH_STATUS};
+    std::vector<unsigned char> lgpath = std::vector<unsigned char>(QMX_MP_LGPATH1_SIZE(QMX_MP_LGPATH1_MAX));
+    std::unique_ptr<qmx_spfile[]> slots{new qmx_spfile[kMaxPorts]};
+    bool ok = map.allocTarget() && map.allocLu();
+
+    void reset() {
+        std::memset(map.tgt.get(), 0, QMX_MP_TARGET_SIZE(QMX_MP_TGTMAP_PORT));
+        std::memset(map.lu.get(), 0, QMX_MP_LU_SIZE(QMX_MP_LUMAP_MAX));
+        std::memset(lgpath.data(), 0, lgpath.size());
+        lupaths->lupath_cnt = 0;
+    }
+};
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     if (size < 1) return 0;
-    auto slots = std::make_unique<qmx_spfile[]>(kMaxPorts);
-    std::memset(slots.get(), 0, sizeof(qmx_spfile) * kMaxPorts);
+    static Buffers buf;
+    if (!buf.ok) return 0;
+    buf.reset();
+    qmx_spfile *slots = buf.slots.get();
+    std::memset(slots, 0, sizeof(qmx_spfile) * kMaxPorts);
     int open = 1 + data[0] % 3;
     for (int s = 0; s < open; ++s) {
         slots[s * 7].valid = kSpfileValid;
@@ -92,17 +116,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
 
     {  // LU path listing and health check
         FakeChannel ch(data + 1, size - 1);
-        MapBuffers b;
-        if (!b.allocTarget() || !b.allocLu()) return 0;
+        const MapBuffers &b = buf.map;
         std::vector<LuWork> work;
         std::vector<uint32_t> order;
-        healthCheck(ch, slots.get(), true);
-        gatherLuPaths(ch, slots.get(), b, work);
+        healthCheck(ch, slots, true);
+        gatherLuPaths(ch, slots, b, work);
         check(work.size() <= kMaxLuPaths);
         listingOrder(work, order);
-        auto out = std::make_unique<QMX_LUPATH_STATUS>();
-        out->lupath_cnt = 0;
-        check(emitLuPaths(work, order, b.tgtmap(), out.get()));
+        QMX_LUPATH_STATUS *out = buf.lupaths.get();
+        check(emitLuPaths(work, order, b.tgtmap(), out));
         for (int i = 0; i < out->lupath_cnt; ++i) {
             const lupath_status &r = *out->lupath[i];
             check((r.lun & 0x3FFF) < 2048);
@@ -111,27 +133,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
                 check(q.groupid < r.groupid || (q.groupid == r.groupid && (q.lun & 0x3FFF) <= (r.lun & 0x3FFF)));
             }
         }
-        QMX_ReleaseLuPath(out.get());
+        QMX_ReleaseLuPath(out);
     }
     {  // target paths merged with logical targets
         FakeChannel ch(data + 1, size - 1);
         std::vector<qmx_tgt> recs;
         bool ok = false, failed = false;
-        gatherTargetPaths(ch, slots.get(), recs, &ok, &failed);
-        std::vector<unsigned char> list(QMX_MP_LGPATH1_SIZE(QMX_MP_LGPATH1_MAX));
+        gatherTargetPaths(ch, slots, recs, &ok, &failed);
+        std::vector<unsigned char> &list = buf.lgpath;
         auto *l = reinterpret_cast<qmx_mp_lgpath_info1 *>(list.data());
         l->header.entry_count = QMX_MP_LGPATH1_MAX;
         if (ch.request(slots[0].fd, IOCTL_QMX_MP_LGPATH1, l) == 0) {
             uint32_t n = bounded(l->header.lgpath_info1_count, QMX_MP_LGPATH1_MAX);
             mergeLogicalTargets(reinterpret_cast<const mp_lgpath_info1_entry *>(list.data() + 8), n,
-                                slots.get(), recs);
+                                slots, recs);
         }
         check(recs.size() <= QMX_TGTPATH_MAX);
     }
     {  // LU identifiers
         FakeChannel ch(data + 1, size - 1);
-        MapBuffers b;
-        if (!b.allocTarget() || !b.allocLu()) return 0;
+        buf.reset();  // the maps as the first listing found them
+        const MapBuffers &b = buf.map;
         QMX_NMPATH_STATUS nm{0, static_cast<QMX_NMPATH_LU *>(std::malloc(16384 * sizeof(QMX_NMPATH_LU)))};
         if (nm.info == nullptr) return 0;
         LuIdIndex index;

@@ -8,6 +8,8 @@ pkgs=(cmake make g++ pkg-config python3 util-linux dpkg-dev groff-base
 # The test command also checks the Debian packages with lintian and reads
 # the metrics back with the Prometheus client library's parser.
 [ "${1:-}" = test ] && pkgs+=(lintian python3-prometheus-client)
+# scripts/coverage.sh prints its figures with gcovr.
+[ "${1:-}" = coverage ] && pkgs+=(gcovr)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

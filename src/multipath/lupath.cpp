@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -101,14 +102,24 @@ void gatherLuPaths(DriverChannel &ch, const qmx_spfile *slots, const MapBuffers 
 }
 
 void listingOrder(const std::vector<LuWork> &w, std::vector<uint32_t> &order) {
-    // Counting sort on key = group * 2048 + (LUN & 0x3FFF); a stable
-    // placement keeps the gathering order within a key.
+    // Ordered by key = group * 2048 + (LUN & 0x3FFF), gathering order kept
+    // within a key; paths whose LUN bits are 2048 or more are left out.
     constexpr uint32_t kKeys = kGroups * kLuns;
-    std::vector<uint32_t> start(kKeys + 1, 0);
     auto keyOf = [](const LuWork &x) -> uint32_t {
         uint32_t l = x.lun & 0x3FFF;
         return l < kLuns ? uint32_t(x.group) * kLuns + l : kKeys;
     };
+    if (w.size() < kKeys / 64) {
+        // A short list: a stable sort costs less than walking every key.
+        order.clear();
+        for (uint32_t i = 0; i < w.size(); ++i)
+            if (keyOf(w[i]) < kKeys) order.push_back(i);
+        std::stable_sort(order.begin(), order.end(),
+                         [&](uint32_t a, uint32_t b) { return keyOf(w[a]) < keyOf(w[b]); });
+        return;
+    }
+    // A long one: a counting sort, linear in the paths and the keys.
+    std::vector<uint32_t> start(kKeys + 1, 0);
     for (const LuWork &x : w) {
         uint32_t k = keyOf(x);
         if (k < kKeys) ++start[k + 1];
