@@ -745,6 +745,7 @@ QMX_STATUS QMX_SetBindingAutoMapping(QMX_AUTOMAP automap) {
 
 QMX_STATUS QMX_GetForceBinding(QMX_WWN wwn, QMX_UINT8 *bind_flg) {
     return qmx::run("QMX_GetForceBinding", [&](qmx::Frame &f) {
+        if (bind_flg != nullptr) *bind_flg = 0;  // preset before anything can fail
         int ind = f.port(wwn);
         if (ind < 0) return f.fail();
         if (!f.notNull(bind_flg, "bind_flg", " == NULL")) return f.fail();

@@ -132,7 +132,10 @@ int QMX_GetMaxLuPath(void) {
     constexpr int kDefault = 8;  // every failure reports the driver's default
     int result = kDefault;
     qmx::run("QMX_GetMaxLuPath", [&](qmx::Frame &f) {
-        if (QMX_DevFind() == 5 || c_max_port <= 0) return f.fail();
+        if (QMX_DevFind() == 5 || c_max_port <= 0) {
+            qmx::setError(QMX_ERR_DRIVER);  // no port to ask
+            return f.fail();
+        }
         for (int i = 0; i < c_max_port && i < kMaxPorts; ++i) {
             int fd = qmx::mp::openPort(i);
             if (fd < 0) return f.fail();  // an open failure ends the search

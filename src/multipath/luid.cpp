@@ -163,7 +163,10 @@ void QMX_ReleaseLuIDPath(QMX_NMPATH_STATUS *nm) {
 QMX_STATUS QMX_GetLuIDInformation(QMX_NMPATH_LU nm, QMX_LUID_INFO *info) {
     return qmx::run("QMX_GetLuIDInformation", [&](qmx::Frame &f) {
         if (!f.out(info, "info", " == NULL")) return f.fail();
-        if (QMX_DevFind() == 5 || c_max_port <= 0) return f.fail();
+        if (QMX_DevFind() == 5 || c_max_port <= 0) {
+            qmx::setError(QMX_ERR_DRIVER);  // no port to ask
+            return f.fail();
+        }
         qmx_mp_lg_dev_param rec;
         for (int i = 0; i < c_max_port && i < kMaxPorts; ++i) {
             std::memset(&rec, 0, sizeof rec);

@@ -186,6 +186,9 @@ TEST_F(Binding, ForceBindingThroughTheBiosTool) {
     ASSERT_EQ(QMX_GetForceBinding(w, &flag), 0);
     EXPECT_EQ(flag, 2);  // the listing's "disabled"
     EXPECT_TRUE(refused(QMX_GetForceBinding(w, nullptr), -1, "bind_flg == NULL"));
+    // An unknown port: refused, and the output preset to 0 all the same.
+    EXPECT_TRUE(refused(QMX_GetForceBinding(wwnOf(0x1234), &flag), QMX_ERR_UNKNOWN_WWN));
+    EXPECT_EQ(flag, 0);
 }
 
 }  // namespace

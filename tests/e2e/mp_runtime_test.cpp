@@ -382,6 +382,14 @@ TEST_F(MpRuntimeTest, PortLimitsFollowTheDriversLuPathMaximum) {
     EXPECT_EQ(QMX_LastErrorCode(), 7);
 }
 
+TEST_F(MpRuntimeTest, NoPortMeansTheDriverCannotBeAsked) {
+    for (int d = 0; d < 4; ++d) removePort(d);
+    QMX_LUID_INFO info;
+    EXPECT_TRUE(refused(QMX_GetLuIDInformation(QMX_NMPATH_LU{}, &info), QMX_ERR_DRIVER));
+    EXPECT_EQ(QMX_GetMaxLuPath(), 8);
+    EXPECT_EQ(QMX_LastErrorCode(), QMX_ERR_DRIVER);
+}
+
 // ------------------------------------------------------------- components
 TEST_F(MpRuntimeTest, ComponentsComeFromTheDriverOrFromTheFile) {
     // Multipath active: wwpn, wwnn, gt, attribute and four priority words
