@@ -417,6 +417,12 @@ TEST_F(QmxmgrTest, MultipathCommandsReadBackWhatTheySet) {
     ASSERT_EQ(run({"mp", "env", "unset", "interval"}).status, 0);
     EXPECT_EQ(readFile(kConf).find("qmxmp_interval="), std::string::npos);
     EXPECT_EQ(parse(run({"mp", "env", "--json"}).out)["interval"], 30);
+    // Values the field cannot take are refused, not sent as "off" or cut.
+    for (const char *bad : {"round_robin=2", "alter_path=256", "offline_path=2", "interval=0", "interval=1441"}) {
+        r = run({"mp", "env", "set", bad});
+        EXPECT_EQ(r.status, 2) << bad;
+        EXPECT_EQ(lineCount(r.err), 1) << r.err;
+    }
 
     ASSERT_EQ(run({"mp", "path", "set", "qmxldd2", "50:00:00:00:00:00:0b:02", "1", "1", "4"}).status, 0);
     qmxsim::json paths = parse(run({"mp", "paths", "--json"}).out)["paths"];

@@ -42,17 +42,18 @@ struct EnvField {
     uint32_t flag;
     bool word;  // 32-bit field
     std::size_t offset;
+    uint32_t lo, hi;  // the values the field can take (the switches are 0 or 1)
 };
 const EnvField kEnvFields[] = {
-    {"failover", QMX_MP_FLAG_FAILOVER, false, offsetof(QMX_MP_PARAM, mp_failover)},
-    {"failback", QMX_MP_FLAG_FAILBACK, false, offsetof(QMX_MP_PARAM, mp_failback)},
-    {"path_health", QMX_MP_FLAG_PATH_HEALTH, false, offsetof(QMX_MP_PARAM, mp_path_health)},
-    {"interval", QMX_MP_FLAG_INTERVAL, true, offsetof(QMX_MP_PARAM, mp_interval)},
-    {"round_robin", QMX_MP_FLAG_ROUND_ROBIN, false, offsetof(QMX_MP_PARAM, mp_round_robin)},
-    {"rr_seqcnt", QMX_MP_FLAG_RR_SEQCNT, true, offsetof(QMX_MP_PARAM, mp_rr_seqcnt)},
-    {"rr_rndcnt", QMX_MP_FLAG_RR_RNDCNT, true, offsetof(QMX_MP_PARAM, mp_rr_rndcnt)},
-    {"alter_path", QMX_MP_FLAG_ALTER_PATH, false, offsetof(QMX_MP_PARAM, nm_alter_path)},
-    {"offline_path", QMX_MP_FLAG_OFFLINE_PATH, false, offsetof(QMX_MP_PARAM, nm_offline_path)},
+    {"failover", QMX_MP_FLAG_FAILOVER, false, offsetof(QMX_MP_PARAM, mp_failover), 0, 1},
+    {"failback", QMX_MP_FLAG_FAILBACK, false, offsetof(QMX_MP_PARAM, mp_failback), 0, 1},
+    {"path_health", QMX_MP_FLAG_PATH_HEALTH, false, offsetof(QMX_MP_PARAM, mp_path_health), 0, 1},
+    {"interval", QMX_MP_FLAG_INTERVAL, true, offsetof(QMX_MP_PARAM, mp_interval), 1, 1440},
+    {"round_robin", QMX_MP_FLAG_ROUND_ROBIN, false, offsetof(QMX_MP_PARAM, mp_round_robin), 0, 1},
+    {"rr_seqcnt", QMX_MP_FLAG_RR_SEQCNT, true, offsetof(QMX_MP_PARAM, mp_rr_seqcnt), 0, UINT32_MAX},
+    {"rr_rndcnt", QMX_MP_FLAG_RR_RNDCNT, true, offsetof(QMX_MP_PARAM, mp_rr_rndcnt), 0, UINT32_MAX},
+    {"alter_path", QMX_MP_FLAG_ALTER_PATH, false, offsetof(QMX_MP_PARAM, nm_alter_path), 0, 1},
+    {"offline_path", QMX_MP_FLAG_OFFLINE_PATH, false, offsetof(QMX_MP_PARAM, nm_offline_path), 0, 1},
 };
 
 uint32_t envValue(const QMX_MP_PARAM &p, const EnvField &f) {
@@ -99,12 +100,14 @@ int cmdEnvSet(const Options &o, bool keep) {
         std::size_t eq = a.find('=');
         const EnvField *hit = eq == std::string::npos ? nullptr : findEnvField(a.substr(0, eq));
         if (hit == nullptr) throw UsageError("'" + a + "' is not FIELD=VALUE with a known field");
-        auto v = uint32_t(parseInt(a.substr(eq + 1), std::string(hit->name) + " value", 0, UINT32_MAX));
+        // A value out of the field's range would be sent as "off" or cut:
+        // refused as a usage error.
+        auto v = uint32_t(parseInt(a.substr(eq + 1), std::string(hit->name) + " value", hit->lo, hit->hi));
         auto *at = reinterpret_cast<unsigned char *>(&p) + hit->offset;
         if (hit->word)
             std::memcpy(at, &v, 4);
         else
-            *at = uint8_t(v > 255 ? 255 : v);
+            *at = uint8_t(v);
         if (keep) p.param_flag |= hit->flag;
     }
     check(QMX_SetOperationEnv(&p, 0), "QMX_SetOperationEnv");
