@@ -27,11 +27,12 @@ TEST_F(QmxmgrHostInfo, AliasSetShowAndRefusal) {
 }
 
 TEST_F(QmxmgrHostInfo, DefaultsShowOnlyWhatTheFileSetsUnlessAll) {
-    ASSERT_TRUE(writeFile("/etc/qmxldd.conf", "qmx_isol_type=0:qmx_retry_cnt12=7:qmx3_queue_depth=9:"));
+    ASSERT_TRUE(writeFile("/etc/qmxldd.conf",
+                          "qmx_isol_type=0:qmx_retry_cnt12=7:qmx3_queue_depth=9:qmx_preferred_alpa=0x05:"));
     Result r = run({"defaults", "--json"});
     ASSERT_EQ(r.status, 0) << r.err;
     qmxsim::json j = parse(r.out);
-    EXPECT_EQ(j["settings"], qmxsim::json({{"isolate_type", 2}}));
+    EXPECT_EQ(j["settings"], qmxsim::json({{"isolate_type", 2}, {"preferred_alpa", 5}}));
     EXPECT_EQ(j["retry_cnt"], qmxsim::json({{"12", 7}}));
     j = parse(run({"defaults", "--all", "--json"}).out);
     EXPECT_TRUE(j["settings"]["queue_depth"].is_null());

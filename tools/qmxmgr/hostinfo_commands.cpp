@@ -161,6 +161,18 @@ int cmdDevices(const Options &o) {
 int cmdDefaults(const Options &o) {
     auto d = std::make_unique<QMX_ALL_DEF_PARAM>();
     check(QMX_GetAllTargetParam(d.get()), "QMX_GetAllTargetParam");
+    // The library reads driver-wide values as decimal text; the preferred
+    // AL_PA is stored in hexadecimal ("qmx_preferred_alpa=0x05"), so it is
+    // taken from the key list itself.
+    long long alpa = 0;
+    {
+        util_para *raw = nullptr;
+        int n = QMX_Read_qmxlddconf(&raw, 0);
+        std::unique_ptr<util_para, decltype(&std::free)> list(raw, &std::free);
+        for (int i = 0; raw != nullptr && i < n; ++i)
+            if (fieldText(raw[i].keyword, sizeof raw[i].keyword) == "qmx_preferred_alpa")
+                alpa = std::strtoll(fieldText(raw[i].value, sizeof raw[i].value).c_str(), nullptr, 0);
+    }
     // A field is shown when it differs from its unset value (0 for the
     // transfer size, preferred AL_PA and queue depth, -1 for the others).
     struct Field {
@@ -172,7 +184,7 @@ int cmdDefaults(const Options &o) {
         {"link_down", d->linkDown, 0xFFFFFFFFll},
         {"reset_delay", d->resetDelay, 0xFFFFFFFFll},
         {"mck_retry", d->mckRetry, -1},
-        {"preferred_alpa", d->preferred, 0},
+        {"preferred_alpa", d->preferred != 0 ? d->preferred : alpa, 0},
         {"reset_timeout", d->resetTmo, 0xFFFFFFFFll},
         {"abort_timeout", d->abortTmo, 0xFFFFFFFFll},
         {"queue_depth", d->queueDepth, 0},
