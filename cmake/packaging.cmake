@@ -80,5 +80,5 @@ add_custom_target(qmx_package_docs ALL DEPENDS ${QMX_PKG_DOCS})
 add_custom_target(package-check
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${CMAKE_BINARY_DIR}/packages
   COMMAND cpack -G DEB -B ${CMAKE_BINARY_DIR}/packages --config ${CMAKE_BINARY_DIR}/CPackConfig.cmake
-  COMMAND sh -c "if command -v lintian >/dev/null; then lintian --fail-on error ${CMAKE_BINARY_DIR}/packages/*.deb; else echo 'lintian not installed: skipped'; fi"
+  COMMAND sh -c "if command -v lintian >/dev/null; then lintian --fail-on error,warning ${CMAKE_BINARY_DIR}/packages/*.deb; else echo 'lintian not installed: skipped'; fi"
   WORKING_DIRECTORY ${CMAKE_BINARY_DIR} VERBATIM)

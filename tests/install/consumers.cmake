@@ -8,7 +8,7 @@ int main(void) { return strcmp(QMX_GetVendorAPIVersion(), "06-02") != 0; }
 ]=])
 
 # pkg-config consumer
-file(GLOB pcdir ${prefix}/lib*/pkgconfig)
+file(GLOB pcdir ${prefix}/lib/*-linux-*/pkgconfig ${prefix}/lib*/pkgconfig)
 execute_process(COMMAND env PKG_CONFIG_PATH=${pcdir} pkg-config --cflags --libs qmxvlib
                 OUTPUT_VARIABLE flags RESULT_VARIABLE rc OUTPUT_STRIP_TRAILING_WHITESPACE)
 if(NOT rc EQUAL 0)
