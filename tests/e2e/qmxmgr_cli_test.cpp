@@ -73,6 +73,14 @@ TEST_F(QmxmgrTest, PortsJsonShape) {
     for (const char *key : {"firmware", "driver", "status", "status_code", "host"})
         EXPECT_TRUE(p.contains(key)) << key;
     EXPECT_TRUE(p["firmware"].is_string());
+    // A host without the driver: what is missing, one line each.
+    for (int n = 0; n < 4; ++n) removeDeviceFile(n);
+    removeFile(kConf);
+    r = run({"ports"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "No ports found.\n");
+    EXPECT_EQ(r.err, "qmxmgr: no /dev/qmxldd* device: is the qmxldd driver loaded?\n"
+                     "qmxmgr: no /etc/qmxldd.conf: the driver's configuration file is missing\n");
 }
 
 TEST_F(QmxmgrTest, ShowJsonHasEveryParameterWithCurrentAndSetting) {

@@ -1,5 +1,8 @@
 #include "common.h"
 
+#include <glob.h>
+#include <unistd.h>
+
 #include <cstdio>
 
 namespace qmxmgr {
@@ -97,6 +100,15 @@ bool isAllZeroWwn(const QMX_WWN &w) {
     for (uint8_t b : w.wwn)
         if (b != 0) return false;
     return true;
+}
+
+void reportMissingHostPieces() {
+    glob_t g{};
+    bool devices = glob("/dev/qmxldd[0-9]*", 0, nullptr, &g) == 0 && g.gl_pathc > 0;
+    globfree(&g);
+    if (!devices) std::fprintf(stderr, "qmxmgr: no /dev/qmxldd* device: is the qmxldd driver loaded?\n");
+    if (access("/etc/qmxldd.conf", F_OK) != 0)
+        std::fprintf(stderr, "qmxmgr: no /etc/qmxldd.conf: the driver's configuration file is missing\n");
 }
 
 std::string fieldText(const void *data, std::size_t size) {

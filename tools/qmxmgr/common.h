@@ -60,4 +60,9 @@ bool isAllZeroWwn(const QMX_WWN &w);
 // as '?'.
 std::string fieldText(const void *data, std::size_t size);
 
+// What a host without the driver lacks, one line each (empty when the device
+// files and /etc/qmxldd.conf are there): printed beside a failure or an empty
+// listing, so that a new user sees the cause, not only a reason code.
+void reportMissingHostPieces();
+
 }  // namespace qmxmgr

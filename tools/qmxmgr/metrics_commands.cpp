@@ -274,6 +274,7 @@ struct MetricsOptions {
 };
 
 int cmdMetrics(const MetricsOptions &o) {
+    reportMissingHostPieces();
     auto started = std::chrono::steady_clock::now();
     Exposition x(o.json);
     Scrape s;

@@ -63,6 +63,7 @@ int cmdPorts(const Options &o) {
     }
     if (ports.empty()) {
         std::cout << "No ports found.\n";
+        reportMissingHostPieces();
         return kExitOk;
     }
     std::printf("%-4s %-10s %-23s %-8s %-16s %-9s %s\n", "NUM", "DEVICE", "WWN", "PCI", "MODEL",
