@@ -264,6 +264,11 @@ inline constexpr PortParam kPortParams[kMemberCount] = {
      .range = span(0, 2), .check = Check::UnlessDelete, .initC = 0, .initS = -1,
      .cArg = "C_interrupt", .sArg = "S_interrupt", .cNull = kIsNull, .sNull = kIsNull,
      .word = "interrupt", .quirks = kWholeAdapter},
+    // The target reset mode's current value is the driver's own
+    // `target_reset_mode`, as the port parameter table gives it.  The limit
+    // getters' description would leave it at -1; the driver does report this
+    // value, and callers (qmxmgr among them) have always shown it, so the
+    // getter keeps reporting it.
     {QMX_PP_NAMES(TargetResetMode), .store = Store::Config, .shape = Shape::Pair,
      .suffix = "_enable_tgtrst", .source = Source::PortInfo, .field = QMX_PP_PR(target_reset_mode),
      .current = Current::Field, .setting = Setting::Plain, .isSigned = true, .valueBytes = kU32,
