@@ -78,6 +78,11 @@ void Frame::finish(const char *word, QMX_STATUS st) noexcept {
     if (done_) return;
     done_ = true;
     status_ = st;
+    if (beforeEnd_ != nullptr) {
+        void (*fn)(void *) = beforeEnd_;
+        beforeEnd_ = nullptr;
+        fn(beforeEndArg_);
+    }
     // The unlock comes before the END or ABEND line; the trace closes last.
     if (lockTarget_ != 0) {
         QMX_ExeclusiveUnlock(lockTarget_);

@@ -176,6 +176,14 @@ public:
     // Driver request failure: traces the request's name and "<call> Error".
     void requestFailed(const char *request) noexcept;
 
+    // Work to finish before the call's last line (closing the device
+    // special files, whose close traces its own lines): run once by ok(),
+    // fail() or unsupported(), before the unlock.  null clears it.
+    void beforeEnd(void (*fn)(void *), void *arg) noexcept {
+        beforeEnd_ = fn;
+        beforeEndArg_ = arg;
+    }
+
     QMX_STATUS ok() noexcept;          // unlock, END, close: 0
     QMX_STATUS fail() noexcept;        // unlock, ABEND, close: 1
     QMX_STATUS fail(int code) noexcept;
@@ -191,6 +199,8 @@ private:
     int lockTarget_ = 0;  // held lock, 0 when none
     bool done_ = false;
     QMX_STATUS status_ = 1;
+    void (*beforeEnd_)(void *) = nullptr;
+    void *beforeEndArg_ = nullptr;
 };
 
 // Runs an exported call's body with its frame.  No exception leaves: an

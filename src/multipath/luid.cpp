@@ -101,9 +101,9 @@ int QMX_GetAllLuID(QMX_NMPATH_STATUS *nm) {
             qmx::tracef("lumap malloc(%u) errno=%d", QMX_MP_LU_SIZE(QMX_MP_LUMAP_MAX), ENOMEM);
             return f.fail(1);
         }
-        qmx_spfile *files = nullptr;
-        int opened = open_special_file(&files);
-        std::unique_ptr<qmx_spfile, int (*)(qmx_spfile *)> own(files, close_special_file);
+        OpenDevices dev(f);
+        qmx_spfile *files = dev.files;
+        int opened = dev.count;
         if (opened <= 0) {
             qmx::trace("open_special_file is 0");
             return f.fail(1);
@@ -136,7 +136,7 @@ int QMX_GetAllLuID(QMX_NMPATH_STATUS *nm) {
                     continue;
                 }
                 if (addLuIds(nm, b.lumap(), uint32_t(lus), index, nullptr) != 0) {
-                    QMX_ReleaseLuIDPath(nm);
+                    releaseLuIds(nm);
                     return f.fail(1);
                 }
             }
@@ -147,6 +147,15 @@ int QMX_GetAllLuID(QMX_NMPATH_STATUS *nm) {
 }
 
 void QMX_ReleaseLuIDPath(QMX_NMPATH_STATUS *nm) {
+    // Traced and framed like the other release calls; a null list is
+    // nothing to free.
+    qmx::run("QMX_ReleaseLuIDPath", [&](qmx::Frame &f) {
+        releaseLuIds(nm);
+        return f.ok();
+    });
+}
+
+void releaseLuIds(QMX_NMPATH_STATUS *nm) noexcept {
     if (nm == nullptr) return;
     if (nm->info != nullptr) {
         for (int i = 0; i < nm->info_cnt; ++i) {

@@ -245,7 +245,7 @@ int QMX_GetLuPathStatus_Impl(QMX_LUPATH_STATUS *lupath, unsigned char path_healt
         std::memset(lupath->lupath, 0, sizeof lupath->lupath);
         lupath->lupath_cnt = 0;
 
-        OpenDevices dev;
+        OpenDevices dev(f);
         if (dev.count <= 0) return f.ok();
         qmx_mp_parameters mp;
         if (qmx_mp_rdparm_tmp(dev.files, &mp) != 0) return f.fail(7);
@@ -286,17 +286,25 @@ QMX_STATUS QMX_AddLuPathStatus(void) {
     }
     own->lupath_cnt = 0;
     int st = QMX_GetLuPathStatus_Impl(own.get(), 1, 1);
-    QMX_ReleaseLuPath(own.get());
+    releaseLuPaths(own.get());
     return st;
 }
 
-QMX_STATUS QMX_ReleaseLuPath(QMX_LUPATH_STATUS *lupath) {
-    if (lupath == nullptr) return 0;
+void releaseLuPaths(QMX_LUPATH_STATUS *lupath) noexcept {
+    if (lupath == nullptr) return;
     int n = lupath->lupath_cnt;
     if (n > QMX_LUPATH_MAX) n = QMX_LUPATH_MAX;
     for (int i = 0; i < n; ++i)
         if (lupath->lupath[i] != nullptr) std::free(lupath->lupath[i]);
-    return 0;
+}
+
+// Traced and framed like the other release calls; a null container is
+// accepted and the call always succeeds.
+QMX_STATUS QMX_ReleaseLuPath(QMX_LUPATH_STATUS *lupath) {
+    return qmx::run("QMX_ReleaseLuPath", [&](qmx::Frame &f) {
+        releaseLuPaths(lupath);
+        return f.ok();
+    });
 }
 
 QMX_STATUS QMX_SetLuPathStatus(struct lupath_status *lupath) {

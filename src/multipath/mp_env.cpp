@@ -186,7 +186,7 @@ QMX_STATUS QMX_SetOperationEnv(QMX_MP_PARAM *mpparam, int del) {
             qmx::trace("call QMX_GetLuPathStatus for execute path health check");
             QMX_CloseApiTraceFile();
             (void)QMX_GetLuPathStatus_Impl(record.get(), 0, 1);
-            QMX_ReleaseLuPath(record.get());
+            releaseLuPaths(record.get());
             if (QMX_OpenApiTraceFile() == nullptr)
                 QMX_WriteSyslog(2, const_cast<char *>("Trace File Open Error after Path Health Check"));
             qmx::trace("finish path health check");

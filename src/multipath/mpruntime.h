@@ -21,18 +21,37 @@
 #include "qmxldd_ioctl.h"
 #include "qmxvlib.h"
 
+// The frees of the release calls, without their frame, for the library's
+// own listings inside another call.
+void releaseLuPaths(QMX_LUPATH_STATUS *lupath) noexcept;
+void releaseLuIds(QMX_NMPATH_STATUS *nm) noexcept;
+
 namespace qmx::mp {
 
-// The open device special files of one listing, closed when it ends.
+// The open device special files of one listing.  They are closed before
+// the call's END or ABEND line (their close traces lines of its own), or
+// when the listing's scope ends, whichever comes first.
 struct OpenDevices {
     qmx_spfile *files = nullptr;
     int count = -1;
-    OpenDevices() { count = open_special_file(&files); }
+    explicit OpenDevices(Frame &f) : frame_(&f) {
+        count = open_special_file(&files);
+        f.beforeEnd(&OpenDevices::closeAll, this);
+    }
     ~OpenDevices() {
+        if (files != nullptr) frame_->beforeEnd(nullptr, nullptr);
+        close();
+    }
+    void close() noexcept {
         if (files != nullptr) close_special_file(files);
+        files = nullptr;
     }
     OpenDevices(const OpenDevices &) = delete;
     OpenDevices &operator=(const OpenDevices &) = delete;
+
+private:
+    static void closeAll(void *self) { static_cast<OpenDevices *>(self)->close(); }
+    Frame *frame_;
 };
 
 // One request on an open device: 0, or -1 with errno set.

@@ -123,7 +123,7 @@ QMX_STATUS QMX_GetTargetPathStatus(QMX_TGTPATH_STATUS *tgtout) {
     return qmx::run("QMX_GetTargetPathStatus", [&](qmx::Frame &f) {
         if (!f.notNull(tgtout, "tgtout", " == NULL")) return f.fail();
         tgtout->tgtpath_cnt = 0;
-        OpenDevices dev;
+        OpenDevices dev(f);
         if (dev.files == nullptr) return f.fail();
         DriverChannel &ch = systemChannel();
         std::vector<qmx_tgt> recs;
@@ -192,7 +192,7 @@ QMX_STATUS QMX_GetLogicalConfiguration(QMX_LOGICAL_CONF *conf) {
         sysfs_dev_t disks{0, nullptr};
         if (readDevice(&disks) != 0) return failFree("readDevice error", 1);
         std::unique_ptr<sysfs_dev, decltype(&std::free)> own(disks.list, &std::free);
-        OpenDevices dev;
+        OpenDevices dev(f);
         if (dev.files == nullptr) return failFree(nullptr, 1);
         std::unique_ptr<unsigned char[]> buf(
             new (std::nothrow) unsigned char[QMX_MP_LGTARGET_SIZE(QMX_MP_LGTARGET_MAX)]());

@@ -172,6 +172,32 @@ TEST_F(MpRuntimeTest, DefaultHostListsEveryPathWithNodeNamesFromTheTargetMap) {
     EXPECT_EQ(QMX_ReleaseLuPath(nullptr), 0);
 }
 
+TEST_F(MpRuntimeTest, DevicesCloseBeforeTheLastLineAndReleasesAreFramed) {
+    auto tgts = std::make_unique<QMX_TGTPATH_STATUS>();
+    QMX_NMPATH_STATUS nm{};
+    clearTrace();
+    ASSERT_EQ(QMX_GetLuPathStatus(paths.get()), 0);
+    ASSERT_EQ(QMX_GetTargetPathStatus(tgts.get()), 0);
+    ASSERT_EQ(QMX_GetAllLuID(&nm), 0);
+    for (const char *call : {"QMX_GetLuPathStatus", "QMX_GetTargetPathStatus", "QMX_GetAllLuID"}) {
+        int start = traceIndex(std::string(call) + " START");
+        int closed = traceIndex("close_special_file END", start);
+        ASSERT_GE(start, 0) << call;
+        EXPECT_TRUE(closed > start && closed < traceIndex(std::string(call) + " END", start)) << call;
+    }
+    // The three release calls alike: traced, and the reason code cleared.
+    QMX_G_ERROR_CD = 9;
+    EXPECT_EQ(QMX_ReleaseLuPath(paths.get()), 0);
+    EXPECT_EQ(QMX_LastErrorCode(), 0);
+    QMX_G_ERROR_CD = 9;
+    QMX_ReleaseLuIDPath(&nm);
+    EXPECT_EQ(QMX_LastErrorCode(), 0);
+    QMX_ReleaseTargetPathStatus(tgts.get());
+    for (const char *call : {"QMX_ReleaseLuPath", "QMX_ReleaseLuIDPath", "QMX_ReleaseTargetPathStatus"})
+        EXPECT_TRUE(traceHas(std::string(call) + " END")) << call;
+    paths->lupath_cnt = 0;
+}
+
 TEST_F(MpRuntimeTest, HealthCheckOnlyWhenTheDriverAsksAndAtMost2048Luns) {
     setMp("mp_path_health_by_dsp", 0);
     EXPECT_EQ(QMX_AddLuPathStatus(), 0);
