@@ -76,6 +76,9 @@ void gatherLuPaths(DriverChannel &ch, const qmx_spfile *slots, const MapBuffers 
             }
             const mp_lu_entry *e = luEntries(b.lumap());
             for (int j = 0; j < lus; ++j) {
+                // A path the listing cannot show (LUN 2048 or above) takes
+                // no place under the bound.
+                if ((e[j].lun & 0x3FFF) >= kLuns) continue;
                 if (out.size() >= kMaxLuPaths) {
                     trace("LU path list full (65536 paths)");
                     full = true;
@@ -267,6 +270,11 @@ int QMX_GetLuPathStatus_Impl(QMX_LUPATH_STATUS *lupath, unsigned char path_healt
         gatherLuPaths(ch, dev.files, b, work);
         listingOrder(work, order);
         if (!emitLuPaths(work, order, b.tgtmap(), lupath)) {
+            // Nothing half made stays behind: a later release must not free
+            // these records again.
+            releaseLuPaths(lupath);
+            std::memset(lupath->lupath, 0, sizeof lupath->lupath);
+            lupath->lupath_cnt = 0;
             qmx::sysError("malloc", ENOMEM);
             return f.fail();
         }
