@@ -162,7 +162,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
             int t = readTargetMap(ch, slots[s].fd, b);
             for (int i = 0; i < t; ++i) {
                 int n = readLuMap(ch, slots[s].fd, b);
-                if (n >= 0) check(addLuIds(&nm, b.lumap(), uint32_t(n), index, nullptr) == 0);
+                if (n >= 0) check(addLuIds(&nm, b.lumap(), uint32_t(n), index, nullptr) >= 0);
             }
         }
         for (int i = 1; i < nm.info_cnt; ++i)

@@ -45,7 +45,7 @@ int addLuIds(QMX_NMPATH_STATUS *nm, const qmx_mp_lu *lump, uint32_t count, LuIdI
             if (index.seen(id)) continue;
             if (nm->info_cnt >= kMaxLuIds) {
                 trace("LU ID list full");
-                return 0;
+                return 1;
             }
             int cap = capacityFor(nm->info_cnt);
             if (nm->info_cnt == cap) {
@@ -135,9 +135,16 @@ int QMX_GetAllLuID(QMX_NMPATH_STATUS *nm) {
                     qmx::tracef("IOCTL_QMX_MP_LUMAP(%d)\n", errno);
                     continue;
                 }
-                if (addLuIds(nm, b.lumap(), uint32_t(lus), index, nullptr) != 0) {
+                int added = addLuIds(nm, b.lumap(), uint32_t(lus), index, nullptr);
+                if (added < 0) {
                     releaseLuIds(nm);
                     return f.fail(1);
+                }
+                if (added > 0) {
+                    // The list is full: no further LU map is asked for, and
+                    // the cut is reported (the list holds what fitted).
+                    qmx::setError(QMX_ERR_SIZE_LIMIT);
+                    return f.ok();
                 }
             }
         }

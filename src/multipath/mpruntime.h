@@ -171,7 +171,8 @@ private:
 };
 
 // Appends the LUs of one LU map reply to `nm` unless already listed.
-// 0, or -1 when memory ran out.
+// 0; 1 when the list is full (the rest of the reply is not taken); -1 when
+// memory ran out.
 int addLuIds(QMX_NMPATH_STATUS *nm, const qmx_mp_lu *lump, uint32_t count, LuIdIndex &index,
              int *capacity) noexcept;
 

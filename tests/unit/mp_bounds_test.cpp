@@ -1,5 +1,6 @@
-// The LU path listing's 65536-path bound counts only the paths the listing
-// can show: paths whose LUN is 2048 or above never take a place under it.
+// The multipath listings' bounds: the LU path listing's 65536 paths count
+// only the paths it can show, and a full LU ID list says so.
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -60,6 +61,27 @@ TEST(LuPathBound, UnlistablePathsTakeNoPlace) {
     std::vector<uint32_t> order;
     listingOrder(work, order);
     EXPECT_EQ(order.size(), kMaxLuPaths);
+}
+
+TEST(LuIdBound, AFullListReportsTheCut) {
+    // A list already at its 65536 ids; one reply with a new id.
+    QMX_NMPATH_STATUS nm{};
+    nm.info_cnt = QMX_LUPATH_MAX;
+    std::vector<QMX_NMPATH_LU> room(QMX_LUPATH_MAX);
+    nm.info = room.data();
+    MapBuffers b;
+    ASSERT_TRUE(b.allocLu());
+    b.lumap()->header.lu_count = 1;
+    LuIdIndex index;
+    EXPECT_EQ(addLuIds(&nm, b.lumap(), 1, index, nullptr), 1);
+    EXPECT_EQ(nm.info_cnt, QMX_LUPATH_MAX);
+    // Below the bound the reply is taken.
+    nm.info_cnt = 0;
+    nm.info = static_cast<QMX_NMPATH_LU *>(std::malloc(sizeof(QMX_NMPATH_LU) * 16384));
+    ASSERT_NE(nm.info, nullptr);
+    EXPECT_EQ(addLuIds(&nm, b.lumap(), 1, index, nullptr), 0);
+    EXPECT_EQ(nm.info_cnt, 1);
+    releaseLuIds(&nm);
 }
 
 }  // namespace
