@@ -118,6 +118,19 @@ const Row kRows[] = {
          return QMX_SetHBAIsolate(port(2), &hba);
      }},
     {"ForceIsolateList", boundConf, [] { return QMX_SetForceIsolateList(isolateEntry(), 0); }},
+    {"KernelPanicCount", boundConf, [] { return QMX_SetKernelPanicCount(20, 0); }},
+    {"LuPathStatus", noSetup,
+     [] {
+         auto paths = std::make_unique<QMX_LUPATH_STATUS>();
+         if (QMX_GetLuPathStatus(paths.get()) != 0 || paths->lupath_cnt == 0) return QMX_STATUS(1);
+         lupath_status p = *paths->lupath[0];
+         QMX_ReleaseLuPath(paths.get());
+         p.status = 4;
+         return QMX_SetLuPathStatus(&p);
+     }},
+    {"DeleteAdapterPath", boundConf, [] { return QMX_DeleteAdapterPath(port(3), 3); }},
+    {"PreConfigure", noSetup, [] { return QMX_SetPreConfigure(port(0), 1); }},
+    {"HbaBiosSetting", noSetup, [] { return QMX_SetHBABiosSetting(port(1), 1); }},
 };
 
 void PrintTo(const Row &r, std::ostream *os) { *os << r.name; }
