@@ -215,12 +215,15 @@ void privateDir(const std::string &dir) {
 // Makes the folder of `file` (and the folders that lead to it) writable in
 // the sandbox.
 void makeWritable(const std::string &file) {
+    // The folder that holds `path` ("/" for a name at the root).
+    auto parent = [](const std::string &path) {
+        std::size_t slash = path.rfind('/');
+        return slash == 0 || slash == std::string::npos ? std::string(1, '/') : path.substr(0, slash);
+    };
     for (int round = 0; round < 16; ++round) {
-        std::string dir = file.substr(0, file.rfind('/'));
+        std::string dir = parent(file);
         struct stat st;
-        while (!dir.empty() && (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)))
-            dir = dir.substr(0, dir.rfind('/'));
-        if (dir.empty()) dir = "/";
+        while (dir.size() > 1 && (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))) dir = parent(dir);
         if (canCreateIn(dir)) return;
         privateDir(dir);
     }
