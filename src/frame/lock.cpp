@@ -18,7 +18,6 @@
 //   - the library's own releases free a lock only when this process holds
 //     it; QMX_ExeclusiveUnlock still frees any holder's lock, for tools.
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -117,41 +116,13 @@ private:
     int fd_;
 };
 
-// Field 22 (start time in clock ticks since boot) of /proc/<pid>/stat, and
-// whether the process is a zombie.  false when the file cannot be read.
-bool processStart(long long pid, uint64_t *ticks, bool *zombie) noexcept {
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/%lld/stat", pid);
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    char buf[1024];
-    ssize_t n = read(fd, buf, sizeof buf - 1);
-    close(fd);
-    if (n <= 0) return false;
-    buf[n] = '\0';
-    // The command name (field 2) may hold blanks and parentheses: the
-    // fields that follow start after its last ')'.
-    const char *p = std::strrchr(buf, ')');
-    if (p == nullptr) return false;
-    ++p;
-    char state = 0;
-    unsigned long long start = 0;
-    // Fields 3 (state) to 22 (start time).
-    if (std::sscanf(p, " %c %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %llu",
-                    &state, &start) != 2)
-        return false;
-    *ticks = start;
-    *zombie = state == 'Z' || state == 'X';
-    return true;
-}
-
 // This process as a holder record.
 qmx_lock_holder selfRecord() noexcept {
     qmx_lock_holder h{};
     std::memcpy(h.magic, QMX_LOCK_RECORD_MAGIC, sizeof h.magic);
     h.pid = getpid();
-    bool zombie = false;
-    if (!processStart(h.pid, &h.start_ticks, &zombie)) h.start_ticks = 0;
+    int zombie = 0;
+    if (qmx_lock_process_start(h.pid, &h.start_ticks, &zombie) != 0) h.start_ticks = 0;
     h.since = std::time(nullptr);
     int fd = open("/proc/self/comm", O_RDONLY | O_CLOEXEC);
     if (fd >= 0) {
@@ -167,24 +138,13 @@ bool recordOf(const char *seg, qmx_lock_holder *h) noexcept {
     return std::memcmp(h->magic, QMX_LOCK_RECORD_MAGIC, sizeof h->magic) == 0 && h->pid > 0;
 }
 
-// True only when the recorded holder certainly no longer runs: its process
-// id is unused, names a zombie, or names a process started at another time.
-// A process this one may not signal (another user's) still exists; one whose
-// /proc entry cannot be read is taken to be alive.
-bool holderGone(const qmx_lock_holder &h) noexcept {
-    if (kill(pid_t(h.pid), 0) != 0 && errno == ESRCH) return true;
-    uint64_t ticks = 0;
-    bool zombie = false;
-    if (!processStart(h.pid, &ticks, &zombie)) return false;
-    return zombie || (h.start_ticks != 0 && ticks != h.start_ticks);
-}
-
 bool heldBySelf(const char *seg) noexcept {
     qmx_lock_holder h;
     if (!isLocked(seg) || !recordOf(seg, &h) || h.pid != getpid()) return false;
     uint64_t ticks = 0;
-    bool zombie = false;
-    return !processStart(h.pid, &ticks, &zombie) || h.start_ticks == 0 || ticks == h.start_ticks;
+    int zombie = 0;
+    return qmx_lock_process_start(h.pid, &ticks, &zombie) != 0 || h.start_ticks == 0 ||
+           ticks == h.start_ticks;
 }
 
 // The record first, then the convention's five bytes.
@@ -251,7 +211,7 @@ int QMX_ExeclusiveLock(int lock_target) {
             return true;
         }
         qmx_lock_holder h;
-        if (recordOf(seg, &h) && holderGone(h)) {
+        if (recordOf(seg, &h) && qmx_lock_holder_gone(&h)) {
             qmx::tracef("%s is Lock TAKEOVER from dead process %lld", message, (long long)h.pid);
             take(seg);
             return true;

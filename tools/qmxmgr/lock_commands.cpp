@@ -6,7 +6,6 @@
 // "/etc/qmxldd.conf" with project id 1, "LOCK" and its terminator while held,
 // the holder record of qmxlock.h behind it), so reading it needs no call of
 // the library.  The release goes through QMX_ExeclusiveUnlock.
-#include <signal.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <unistd.h>
@@ -15,7 +14,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -42,33 +40,6 @@ struct LockState {
     std::optional<Holder> holder;  // none: taken by a process that leaves no record
 };
 
-// Field 22 of /proc/<pid>/stat (start time), or nothing.
-std::optional<unsigned long long> startTicks(long long pid, bool *zombie) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::size_t close = text.rfind(')');
-    if (close == std::string::npos) return std::nullopt;
-    char state = 0;
-    unsigned long long start = 0;
-    if (std::sscanf(text.c_str() + close + 1,
-                    " %c %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %llu",
-                    &state, &start) != 2)
-        return std::nullopt;
-    *zombie = state == 'Z' || state == 'X';
-    return start;
-}
-
-// The holder still runs unless its process id is unused, a zombie or now
-// another process (another start time); the library judges it the same way
-// before it takes the lock over.
-bool holderAlive(const qmx_lock_holder &h) {
-    if (kill(pid_t(h.pid), 0) != 0 && errno == ESRCH) return false;
-    bool zombie = false;
-    std::optional<unsigned long long> start = startTicks(h.pid, &zombie);
-    if (!start) return true;
-    return !zombie && (h.start_ticks == 0 || *start == h.start_ticks);
-}
-
 LockState readLock() {
     LockState s;
     key_t key = ftok(kLockPath, kLockTarget);
@@ -92,7 +63,7 @@ LockState readLock() {
     Holder out;
     out.pid = h.pid;
     out.since = std::time_t(h.since);
-    out.alive = holderAlive(h);
+    out.alive = !qmx_lock_holder_gone(&h);  // judged as the library judges it
     out.command = fieldText(h.comm, sizeof h.comm);
     s.holder = out;
     return s;
