@@ -328,7 +328,7 @@ int qmx_ExecQmxbios(int ind, int option, qmx_bios_param *param) {
         qmx::trace("malloc error");
         rc = -1;
     }
-    QMX_ExeclusiveUnlock(kLockBios);
+    qmx::releaseOwnLock(kLockBios);
     if (rc == 0) {
         qmx::trace("qmx_ExecQmxbios END");
         return 0;

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "config/binding_tables.h"
+#include "frame/fileio.h"
 #include "qmxvlib.h"
 
 // ---------------------------------------------------------------------------
@@ -129,6 +130,50 @@ struct ConfStore {
     const char *modTmp2;      // "/tmp/conf_modules2.hba"
 };
 extern const ConfStore kSystemStore;
+
+// ---------------------------------------------------------------------------
+// The journal of the configuration file's in-place rewrite ("<conf>.journal",
+// see journal.cpp) and the guard of its readers.
+// ---------------------------------------------------------------------------
+std::string journalPath(const char *conf);
+// Writes and flushes the journal of `text` (mode: the file's own).
+bool writeJournal(const char *conf, std::string_view text, mode_t mode, FileError *err) noexcept;
+// Removes the journal and flushes the folder; a missing journal is no error.
+bool removeJournal(const char *conf, FileError *err) noexcept;
+// A journal left by a crash, with the caller holding the file's exclusive
+// flock: a complete one is written into the file open read-write as `rwFd`
+// and removed (or, with no such descriptor, its text goes to *pending); an
+// incomplete one is removed.
+enum class JournalState { None, Pending, Failed };
+JournalState settleJournal(const char *conf, int rwFd, std::string *pending, FileError *err) noexcept;
+
+// Held by every reader of the configuration file while it reads: a shared
+// flock on the file (writers hold an exclusive one), taken once a journal
+// left by a crash has been settled.  When the journal could not be written
+// into the file (no right to write it), pending() holds the text to read
+// instead of the file's.
+class ConfReadGuard {
+public:
+    ConfReadGuard() noexcept = default;
+    ~ConfReadGuard() { release(); }
+    ConfReadGuard(const ConfReadGuard &) = delete;
+    ConfReadGuard &operator=(const ConfReadGuard &) = delete;
+
+    // false: error() names the failed call and its errno.  A missing file is
+    // no error (the reader reports it).
+    bool acquire(const char *conf) noexcept;
+    void release() noexcept;
+    const FileError &error() const noexcept { return err_; }
+    const std::string *pending() const noexcept { return hasPending_ ? &pending_ : nullptr; }
+    // The file's text as a stream: the file itself, or the pending text.
+    FILE *open(const char *conf) noexcept;
+
+private:
+    int fd_ = -1;
+    bool hasPending_ = false;
+    std::string pending_;
+    FileError err_;
+};
 
 // ---------------------------------------------------------------------------
 // Key list reader.  Results below zero:

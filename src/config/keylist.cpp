@@ -130,18 +130,26 @@ int parseKeyLine(const char *text, std::size_t len, util_para **key_list) noexce
 namespace {
 
 // The first steps of a read, shared by the list reader and the one-read
-// lookups: the buffer size from `sizePath`.  Returns 1 with the file's
-// size, or the read's result (0 or below) when it ends here.
-int sizeForRead(const char *sizePath, const char *path, std::size_t *size) noexcept {
+// lookups: the guard on the driver file (a rewrite a crash interrupted is
+// finished first), then the buffer size from `sizePath`.  Returns 1 with the
+// file's size, or the read's result (0 or below) when it ends here.
+int sizeForRead(const char *sizePath, const char *path, ConfReadGuard &guard, std::size_t *size) noexcept {
     trace("QMX_Read_qmxlddconf START");
     if (sizePath == nullptr || path == nullptr) {
         trace("QMX_Read_qmxlddconf ABEND");
         return kReadNoFile;
     }
+    if (!guard.acquire(sizePath)) {
+        sysError(guard.error().call, guard.error().err);
+        trace("QMX_Read_qmxlddconf ABEND");
+        return kReadIoError;
+    }
     // The buffer is sized from the driver file also when the library file is
     // read: a longer library line is cut at that size.
     struct stat st;
-    if (stat(sizePath, &st) != 0) {
+    if (const std::string *text = guard.pending()) {
+        st.st_size = off_t(text->size());
+    } else if (stat(sizePath, &st) != 0) {
         sysError("stat", errno);
         return kReadNoFile;
     }
@@ -172,8 +180,9 @@ int readFailed(int err) noexcept {
 int readFirstLine(const char *sizePath, const char *path, ReadBuffer &buf, std::string_view *line,
                   bool *opened) noexcept {
     *opened = false;
+    ConfReadGuard guard;
     std::size_t size = 0;
-    int sized = sizeForRead(sizePath, path, &size);
+    int sized = sizeForRead(sizePath, path, guard, &size);
     if (sized <= 0) return sized;
     if (buf.size < size) {
         buf.data.reset(new (std::nothrow) char[size]);
@@ -182,6 +191,13 @@ int readFirstLine(const char *sizePath, const char *path, ReadBuffer &buf, std::
             sysError("malloc", ENOMEM);
             return kReadNoMemory;
         }
+    }
+    if (const std::string *text = guard.pending(); text != nullptr && std::strcmp(path, sizePath) == 0) {
+        // The journal's text stands for the file's (see journal.cpp).
+        *opened = true;
+        std::memcpy(buf.data.get(), text->data(), size);
+        *line = firstLine(buf.data.get(), size);
+        return 1;
     }
     FILE *fp = QMX_fopen(const_cast<char *>(path), const_cast<char *>("re"));
     if (fp == nullptr) {

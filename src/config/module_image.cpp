@@ -228,13 +228,20 @@ int writeConfigFrom(const char *confPath, Type_tbl *tbl, int fd) noexcept {
         trace("write_config ABEND");
         return -1;
     };
-    FilePtr fp(confPath ? std::fopen(confPath, "re") : nullptr);
+    ConfReadGuard guard;  // held while the file is read
+    if (confPath != nullptr && !guard.acquire(confPath)) {
+        sysError(guard.error().call, guard.error().err);
+        return abend();
+    }
+    FilePtr fp(confPath ? guard.open(confPath) : nullptr);
     if (!fp) {
         sysError("fopen", confPath ? errno : EINVAL);
         return abend();
     }
     struct stat st;
-    if (fstat(fileno(fp.get()), &st) != 0) {
+    if (const std::string *pending = guard.pending()) {
+        st.st_size = off_t(pending->size());
+    } else if (fstat(fileno(fp.get()), &st) != 0) {
         sysError("fstat", errno);
         return abend();
     }

@@ -7,6 +7,7 @@
 // which keeps its inode (the exclusive lock's key is derived from it), once
 // its space is reserved.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -437,37 +438,6 @@ void buildText(Item *key_list, int key_list_max, Item *add_list, int add_list_ma
     }
 }
 
-// Writes all of `text` at the start of `fd`.
-bool writeAllAt(int fd, const std::string &text) noexcept {
-    std::size_t done = 0;
-    while (done < text.size()) {
-        ssize_t w = pwrite(fd, text.data() + done, text.size() - done, off_t(done));
-        if (w < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        done += std::size_t(w);
-    }
-    return true;
-}
-
-// Reads the first `size` bytes of `fd` (fewer when the file is shorter).
-bool readAllAt(int fd, std::size_t size, std::string &text) {
-    text.resize(size);
-    std::size_t got = 0;
-    while (got < size) {
-        ssize_t r = pread(fd, text.data() + got, size - got, off_t(got));
-        if (r < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        if (r == 0) break;
-        got += std::size_t(r);
-    }
-    text.resize(got);
-    return true;
-}
-
 template <class Item>
 int makeFile(const ConfStore &store, Item *key_list, int key_list_max, Item *add_list,
              int add_list_max, int remake_bind_data) noexcept {
@@ -504,21 +474,34 @@ int makeFile(const ConfStore &store, Item *key_list, int key_list_max, Item *add
             }
         }
         // Opened without truncating: the old text stays in place while the
-        // new one is built.
+        // new one is built.  The exclusive flock keeps readers out until the
+        // rewrite is on disk.
         std::unique_ptr<FILE, qmx::FileCloser> fp(
             QMX_fopen(const_cast<char *>(store.conf), const_cast<char *>("r+e")));
         if (!fp) return abend();
+        int fd = fileno(fp.get());
+        while (flock(fd, LOCK_EX) != 0) {
+            if (errno == EINTR) continue;
+            sysError("flock", errno);
+            return abend();
+        }
+        // A rewrite a crash interrupted is finished before the old text is
+        // taken.
+        std::string pending;
+        FileError fe;
+        if (settleJournal(store.conf, fd, &pending, &fe) == JournalState::Failed) {
+            sysError(fe.call, fe.err);
+            return abend();
+        }
+        if (fstat(fd, &st) != 0) {
+            sysError("fstat", errno);
+            return abend();
+        }
 
         std::string out;
         out.reserve(std::size_t(sum) + 4096);
         buildText(key_list, key_list_max, add_list, add_list_max, remake_bind_data, out);
 
-        // Rewritten in place, keeping the inode, and only once the new text
-        // is known to fit: its space is reserved first, so a full file
-        // system fails the call before the first byte is written and leaves
-        // the old text as it was.  Then the text, the cut to its size and
-        // the flush to the disk.
-        int fd = fileno(fp.get());
         // The old text, to put back when the rewrite fails half-way (a
         // failed write or cut would otherwise leave new text over old, or
         // the reserved space as a tail of zero bytes).
@@ -527,10 +510,30 @@ int makeFile(const ConfStore &store, Item *key_list, int key_list_max, Item *add
             sysError("read", errno);
             return abend();
         }
+        // Rewritten in place, keeping the inode.  First the journal (see
+        // journal.cpp): from the moment it is on disk a crash leaves a
+        // rewrite that the next reader finishes; a failure before leaves the
+        // file untouched.  Then the file's space is reserved, so that a full
+        // file system fails the call before the first byte of the file is
+        // written.  Then the text, the cut to its size and the flush; only
+        // then is the journal removed.
+        if (!writeJournal(store.conf, out, st.st_mode, &fe)) {
+            sysError(fe.call, fe.err);
+            return abend();
+        }
+        auto dropJournal = [&] {
+            FileError ignored;
+            if (!removeJournal(store.conf, &ignored)) trace("qmxldd.conf journal could not be removed");
+        };
         auto undo = [&](const char *call, int err) {
             sysError(call, err);
+            // When the old text cannot be put back, the journal stays: the
+            // next reader then finishes the rewrite, so the file ends as the
+            // call meant to leave it rather than mixed.
             if (!writeAllAt(fd, old) || ftruncate(fd, off_t(old.size())) != 0 || fsync(fd) != 0)
                 trace("qmxldd.conf could not be restored");
+            else
+                dropJournal();
             return abend();
         };
         if (!out.empty()) {
@@ -538,6 +541,7 @@ int makeFile(const ConfStore &store, Item *key_list, int key_list_max, Item *add
             if (err != 0) {
                 // The reservation may have grown the file before it failed.
                 if (ftruncate(fd, off_t(old.size())) != 0) trace("qmxldd.conf could not be restored");
+                else dropJournal();
                 sysError("posix_fallocate", err);
                 return abend();
             }
@@ -545,6 +549,11 @@ int makeFile(const ConfStore &store, Item *key_list, int key_list_max, Item *add
         if (!writeAllAt(fd, out)) return undo("write", errno);
         if (ftruncate(fd, off_t(out.size())) != 0) return undo("ftruncate", errno);
         if (fsync(fd) != 0) return undo("fsync", errno);
+        if (!removeJournal(store.conf, &fe)) {
+            // The file holds the new text; the journal repeats it.
+            sysError(fe.call, fe.err);
+            return abend();
+        }
         if (std::fclose(fp.release()) != 0) {
             sysError("fclose", errno);
             return abend();

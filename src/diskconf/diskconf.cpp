@@ -506,8 +506,9 @@ QMX_STATUS QMX_SetDiskConfig(int check_flag) {
 QMX_STATUS QMX_AutoSetDiskConfig(QMX_DISK_CONFIG *check_config) {
     return qmx::run("QMX_AutoSetDiskConfig", [&](qmx::Frame &f) {
         if (!f.notNull(check_config, "Config", " == NULL")) {
-            // The lock is released on this path although it was not taken.
-            QMX_ExeclusiveUnlock(1);
+            // The lock is released on this path although it was not taken
+            // (traced; a lock another process holds is left to it).
+            qmx::releaseOwnLock(1);
             return f.fail();
         }
         if (!f.lock(1)) return f.status();

@@ -50,17 +50,6 @@ bool resolveTarget(const char *path, std::string *out, FileError *err) {
     return false;
 }
 
-void syncFolder(const std::string &file) {
-    std::size_t slash = file.rfind('/');
-    std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : file.substr(0, slash));
-    int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0) {
-        // Best effort: the rename itself has already happened.
-        (void)fsync(fd);
-        close(fd);
-    }
-}
-
 bool replaceImpl(const char *path, std::string_view data, FileError *err, mode_t newMode) {
     std::string target;
     if (!resolveTarget(path, &target, err)) return false;
@@ -118,6 +107,20 @@ bool replaceImpl(const char *path, std::string_view data, FileError *err, mode_t
 
 }  // namespace
 
+void syncFolder(const std::string &file) noexcept {
+    try {
+        std::size_t slash = file.rfind('/');
+        std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : file.substr(0, slash));
+        int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd >= 0) {
+            // Best effort: the change itself has already happened.
+            (void)fsync(fd);
+            close(fd);
+        }
+    } catch (...) {
+    }
+}
+
 bool writeAll(int fd, const void *data, std::size_t len) noexcept {
     const char *p = static_cast<const char *>(data);
     while (len > 0) {
@@ -133,6 +136,35 @@ bool writeAll(int fd, const void *data, std::size_t len) noexcept {
         p += n;
         len -= std::size_t(n);
     }
+    return true;
+}
+
+bool writeAllAt(int fd, std::string_view text) noexcept {
+    std::size_t done = 0;
+    while (done < text.size()) {
+        ssize_t w = pwrite(fd, text.data() + done, text.size() - done, off_t(done));
+        if (w < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        done += std::size_t(w);
+    }
+    return true;
+}
+
+bool readAllAt(int fd, std::size_t size, std::string &text) {
+    text.resize(size);
+    std::size_t got = 0;
+    while (got < size) {
+        ssize_t r = pread(fd, text.data() + got, size - got, off_t(got));
+        if (r < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        if (r == 0) break;
+        got += std::size_t(r);
+    }
+    text.resize(got);
     return true;
 }
 

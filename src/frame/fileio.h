@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstdio>
+#include <string>
 #include <string_view>
 
 namespace qmx {
@@ -28,9 +29,21 @@ struct FileError {
 bool replaceFile(const char *path, std::string_view data, FileError *err,
                  mode_t newMode = 0644) noexcept;
 
+// Flushes the folder that holds `file` to disk, so that a file created,
+// renamed or removed there stays so after a crash.  Best effort.
+void syncFolder(const std::string &file) noexcept;
+
 // Writes all of `data` to `fd`, resuming after short writes and EINTR.
 // false with errno set on failure.
 bool writeAll(int fd, const void *data, std::size_t len) noexcept;
+
+// Writes all of `text` at the start of `fd` (pwrite; the file offset is
+// left alone), resuming after short writes and EINTR.  false with errno set.
+bool writeAllAt(int fd, std::string_view text) noexcept;
+
+// Reads the first `size` bytes of `fd` (fewer when the file is shorter) into
+// `text`.  false with errno set.  May throw std::bad_alloc.
+bool readAllAt(int fd, std::size_t size, std::string &text);
 
 // Opening a scratch file with a fixed name in a folder every user may write
 // to ("/tmp/conf_modules1.hba" and its siblings).  Another user can plant

@@ -85,7 +85,7 @@ void Frame::finish(const char *word, QMX_STATUS st) noexcept {
     }
     // The unlock comes before the END or ABEND line; the trace closes last.
     if (lockTarget_ != 0) {
-        QMX_ExeclusiveUnlock(lockTarget_);
+        releaseOwnLock(lockTarget_);
         lockTarget_ = 0;
     }
     tracef("%s %s", name_, word);

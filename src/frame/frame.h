@@ -95,6 +95,11 @@ void sysError(const char *call, int err) noexcept;
 // Sets the process-wide reason code.
 void setError(int code) noexcept;
 
+// The library's own release of an exclusive lock: traced as
+// QMX_ExeclusiveUnlock, but the lock is freed only when this process holds
+// it (its holder record names this process), never another process's.
+int releaseOwnLock(int lock_target) noexcept;
+
 // Bounded copy of a C string into a fixed buffer: always terminated, never
 // writes past `cap` bytes. Returns true when nothing was cut.
 bool copyText(char *dst, std::size_t cap, std::string_view src) noexcept;

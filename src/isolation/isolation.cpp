@@ -343,13 +343,14 @@ QMX_STATUS QMX_SetSFPIsolate(QMX_SFP_INFO *sfp) {
         }
         Device dev;
         if (!openPciPort(*sfp, dev)) return f.fail();
-        // Every failure from here closes the device and releases lock 1,
-        // which this call never takes: tools rely on that release.
+        // Every failure from here closes the device and traces the release
+        // of lock 1, which this call never takes (tools expect the lines);
+        // a lock that another process holds is left to it.
         auto failOpen = [&](const char *line, int code) {
             if (line != nullptr) qmx::trace(line);
             if (code != 0) qmx::setError(code);
             close_ap(&dev.fd);
-            QMX_ExeclusiveUnlock(1);
+            qmx::releaseOwnLock(1);
             return f.fail();
         };
         auto requestFailure = [&](const char *sysCall, const char *line) {

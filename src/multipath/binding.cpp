@@ -263,7 +263,12 @@ int readConf(const char *conf, const char *restPath) noexcept {
     bind_cnt = 0;
     pbind_cnt = 0;
     trace("read_qmxldd_conf START");
-    FilePtr in(std::fopen(conf, "re"));
+    ConfReadGuard guard;  // held while the file is read
+    if (!guard.acquire(conf)) {
+        sysError(guard.error().call, guard.error().err);
+        return -1;
+    }
+    FilePtr in(guard.open(conf));
     if (!in) {
         sysError("fopen1", errno);
         return -1;

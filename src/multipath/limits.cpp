@@ -49,7 +49,7 @@ QMX_STATUS setLimit(const PortParam &p, QMX_WWN wwn, int count, int del) noexcep
             // The unsupported status alone does not say why: the driver's
             // refusal is kept as the reason.
             if (QMX_LastErrorCode() == 0) qmx::setError(QMX_ERR_DRIVER);
-            QMX_ExeclusiveUnlock(1);  // released although not yet taken
+            qmx::releaseOwnLock(1);  // released although not yet taken
             return f.unsupported();
         }
         if (!f.lock()) return f.status();

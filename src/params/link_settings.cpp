@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "bios/bios.h"
+#include "config/config.h"
 #include "frame/frame.h"
 #include "params/params.h"
 
@@ -212,7 +213,12 @@ int QMX_SysFsFileCopy(QMX_WWN wwn) {
         if (ind < 0) return f.fail();
         qmx_ioctl_proc_info rec;
         if (!queryPortInfo(f, wwn, ind, &rec, QueryTrace::Call)) return f.fail();
-        FILE *in = std::fopen(kConfFile, "re");
+        qmx::ConfReadGuard guard;  // held while the file is read
+        if (!guard.acquire(kConfFile)) {
+            qmx::sysError(guard.error().call, guard.error().err);
+            return f.fail();
+        }
+        FILE *in = guard.open(kConfFile);
         if (in == nullptr) {
             qmx::sysError("qmxldd.conf open", errno);
             return f.fail();

@@ -130,8 +130,9 @@ QMX_STATUS setValue(const PortParam &p, QMX_WWN wwn, int64_t value, int del,
     return run(p.setName, [&](Frame &f) {
         if ((p.quirks & kResolveBeforeLock) && !isAllZero(wwn) && QMX_InitRoutine(wwn) < 0) {
             // This member resolves the port once before taking the lock and
-            // releases the lock on this path although it does not hold it yet.
-            QMX_ExeclusiveUnlock(1);
+            // releases the lock on this path although it does not hold it yet
+            // (traced; a lock another process holds is left to it).
+            releaseOwnLock(1);
             return f.fail();
         }
         if (!f.lock()) return f.status();

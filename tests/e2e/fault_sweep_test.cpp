@@ -14,6 +14,7 @@
 #include <sys/shm.h>
 #include <sys/wait.h>
 
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -141,14 +142,34 @@ const Row *rowNamed(const std::string &name) {
     return nullptr;
 }
 
+// The process after a crash ("@next"): reads the configuration through the
+// library, leaves the file as that read left it in sweep.conf, then times a
+// Set call.
+QMX_STATUS nextProcess(std::string *extra) {
+    std::string state = std::getenv("QMXSIM_STATE");
+    util_para *list = nullptr;
+    int n = QMX_Read_qmxlddconf(&list, 0);
+    std::free(list);
+    std::ifstream in("/etc/qmxldd.conf", std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    qmxsim::writeWholeFile(state + "/sweep.conf", text.str(), 0644);
+    auto t0 = std::chrono::steady_clock::now();
+    QMX_STATUS st = n < 0 ? -1 : QMX_SetLoggingMode(1, 0);
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0);
+    *extra = " " + std::to_string(ms.count());
+    return st;
+}
+
 // The child: runs one row's call and leaves "<status> <code>" for the parent.
 int runChild() {
     const char *name = std::getenv("QMX_SWEEP_ROW");
     if (name == nullptr) return 0;
     const Row *row = rowNamed(name);
-    QMX_STATUS st = row ? row->call() : -1;
+    std::string extra;
+    QMX_STATUS st = row ? row->call() : std::strcmp(name, "@next") == 0 ? nextProcess(&extra) : -1;
     int code = QMX_LastErrorCode();
-    std::string out = std::to_string(st) + " " + std::to_string(code) + "\n";
+    std::string out = std::to_string(st) + " " + std::to_string(code) + extra + "\n";
     std::string path = std::string(std::getenv("QMXSIM_STATE")) + "/sweep.result";
     qmxsim::writeWholeFile(path, out, 0644);
     std::fflush(nullptr);
@@ -180,6 +201,7 @@ protected:
         return f;
     }
     static void restore(const Files &f, const std::string &stateText) {
+        ::unlink((std::string(kConf) + ".journal").c_str());
         for (const auto &[path, text] : f) {
             ::unlink(path.c_str());
             if (text) writeFile(path, *text);
@@ -191,13 +213,15 @@ protected:
         bool ran = false;
         long long status = -1;
         int code = -1;
+        long long ms = -1;  // "@next": how long its Set call took
     };
-    static Outcome run(const Row &row, const std::string &fault) {
+    static Outcome run(const Row &row, const std::string &fault) { return run(row.name, fault); }
+    static Outcome run(const char *rowName, const std::string &fault) {
         std::string result = stateDir() + "/sweep.result";
         ::unlink(result.c_str());
         pid_t pid = fork();
         if (pid == 0) {
-            setenv("QMX_SWEEP_ROW", row.name, 1);
+            setenv("QMX_SWEEP_ROW", rowName, 1);
             if (!fault.empty()) setenv("QMXSIM_FAULT", fault.c_str(), 1);
             execl("/proc/self/exe", "sweep-child", static_cast<char *>(nullptr));
             _exit(127);
@@ -207,6 +231,7 @@ protected:
         Outcome o;
         std::istringstream in(readFile(result));
         o.ran = bool(in >> o.status >> o.code);
+        in >> o.ms;
         return o;
     }
     static bool lockHeld() {
@@ -247,6 +272,7 @@ TEST_P(FaultSweep, EveryFaultIsReportedAndLeavesOldOrNewFiles) {
     const Files after = snapshot();
     const std::map<std::string, int> reqs = requests(logStart);
     ASSERT_FALSE(lockHeld());
+    restore(before, stateText);  // every run starts from the same files
 
     auto check = [&](const std::string &what, bool driverFault) {
         Outcome o = run(row, driverFault ? "" : what);
@@ -291,6 +317,34 @@ TEST_P(FaultSweep, EveryFaultIsReportedAndLeavesOldOrNewFiles) {
             });
             check(req + " on qmxldd" + std::to_string(dev) + " #" + std::to_string(k), true);
         }
+    }
+}
+
+// Crash points: the call is killed at each write to /etc/qmxldd.conf or its
+// journal in turn, holding lock 1.  The next process reads the old or the new
+// text, byte for byte, and its Set call takes the dead holder's lock at once.
+TEST_P(FaultSweep, CrashAtEachWriteLeavesOldOrNewTextAndAFreeLock) {
+    const Row &row = GetParam();
+    row.setup();
+    const std::string stateText = readFile(stateDir() + "/state.json");
+    const Files before = snapshot();
+    ASSERT_EQ(run(row, "").status, 0);
+    const std::string after = readFile(kConf);
+    restore(before, stateText);
+    for (int n = 1;; ++n) {
+        ::unlink((stateDir() + "/faults.log").c_str());
+        std::string where = std::string(row.name) + " killed at write " + std::to_string(n);
+        run(row, "write:" + std::to_string(n) + ":kill:/etc/qmxldd");
+        if (readFile(stateDir() + "/faults.log").empty()) break;  // past the last one
+        Outcome next = run("@next", "");
+        const std::string read = readFile(stateDir() + "/sweep.conf");
+        EXPECT_TRUE(read == *before.at(kConf) || read == after) << where << ": mixed text " << read;
+        EXPECT_FALSE(fileExists(std::string(kConf) + ".journal")) << where;
+        EXPECT_EQ(next.status, 0) << where << ": the next Set failed with code " << next.code;
+        EXPECT_LT(next.ms, 2000) << where << ": the next Set waited for the dead holder";
+        restore(before, stateText);
+        lockHeld();
+        ASSERT_LT(n, 50) << where << ": no end of write points";
     }
 }
 

@@ -2,6 +2,8 @@
 // virtual host: PORT forms, JSON output, exit statuses and messages, the
 // numbering commands' refusals, the trace command and the BIOS switch.
 #include <signal.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
 
 #include <chrono>
 #include <cstring>
@@ -446,6 +448,64 @@ TEST_F(QmxmgrTest, MultipathCommandsReadBackWhatTheySet) {
     EXPECT_EQ(run({"mp", "limits", "set", "no_such", "1"}).status, 2);
     EXPECT_EQ(parse(run({"mp", "luids", "--json"}).out)["luids"].size(), 6u);
     EXPECT_EQ(parse(run({"mp", "targets", "--json"}).out)["targets"].size(), 6u);
+}
+
+// ------------------------------------------------------------------- lock
+// Who holds lock 1, and which holders a release without --force refuses.
+TEST_F(QmxmgrTest, LockStatusNamesTheHolderAndReleaseSparesALiveOne) {
+    enum Holder { None, Live, Killed, Bare };
+    struct Case {
+        const char *why;
+        Holder holder;
+        bool held, alive;
+        int release;  // exit status of "lock release" without --force
+    } cases[] = {
+        {"free", None, false, false, 0},
+        {"live holder", Live, true, true, 1},
+        {"killed holder", Killed, true, false, 0},
+        {"no holder record", Bare, true, false, 1},
+    };
+    auto hold = [](Holder h) {
+        QMX_ExeclusiveUnlock(1);
+        if (h == Live || h == Bare) {
+            ASSERT_EQ(QMX_ExeclusiveLock(1), 0);
+        }
+        if (h == Bare) {  // an older process: "LOCK" alone
+            int id = shmget(ftok(kConf, 1), 128, 0);
+            char *seg = static_cast<char *>(shmat(id, nullptr, 0));
+            std::memset(seg + 5, 0, 123);
+            shmdt(seg);
+        }
+        if (h == Killed) {
+            pid_t child = fork();
+            if (child == 0) {
+                if (QMX_ExeclusiveLock(1) == 0) raise(SIGKILL);
+                _exit(1);
+            }
+            waitpid(child, nullptr, 0);
+        }
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.why);
+        hold(c.holder);
+        Result r = run({"lock", "status", "--json"});
+        ASSERT_EQ(r.status, 0) << r.err;
+        qmxsim::json j = parse(r.out);
+        EXPECT_EQ(j["held"], c.held);
+        EXPECT_EQ(j["holder"].is_null(), c.holder == None || c.holder == Bare);
+        if (c.holder == Live) {
+            EXPECT_EQ(j["holder"]["pid"], getpid());
+            EXPECT_FALSE(j["holder"]["command"].get<std::string>().empty());
+            EXPECT_EQ(j["holder"]["alive"], true);
+        }
+        if (c.holder == Killed) {
+            EXPECT_EQ(j["holder"]["alive"], false);
+        }
+        EXPECT_EQ(run({"lock", "release"}).status, c.release);
+        EXPECT_EQ(QMX_ExeclusiveLockCheck(1), c.release == 0 ? 1 : 0);
+        ASSERT_EQ(run({"lock", "release", "--force"}).status, 0);
+        EXPECT_EQ(QMX_ExeclusiveLockCheck(1), 1);
+    }
 }
 
 }  // namespace

@@ -220,6 +220,7 @@ TEST_F(ConfWrite, FileIsRewrittenInPlaceAndTheImageFollows) {
     EXPECT_EQ(slurp(conf_), "qmx_queue_depth=8:qmx1_queue_depth=4:");
     ASSERT_EQ(stat(conf_.c_str(), &after), 0);
     EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_FALSE(exists(qmx::journalPath(conf_.c_str())));
     EXPECT_EQ(imageConfigText(), "qmx_queue_depth=8:qmx1_queue_depth=4:");
     // Only the table area changed.
     std::string now = slurp(imagePath_);
@@ -235,6 +236,47 @@ TEST_F(ConfWrite, FileIsRewrittenInPlaceAndTheImageFollows) {
     int table = traceIndex("qmx_OutputListParamCreate START", start);
     int image = traceIndex("qmx_mpcfg START", start);
     EXPECT_TRUE(start < open && open < table && table < image) << start << open << table << image;
+}
+
+// A journal left by a crash: the next read finishes a complete one and drops
+// anything else, before it reads; a process that may not write the file reads
+// the journal's text instead.
+TEST_F(ConfWrite, JournalLeftByACrashIsFinishedOrDroppedBeforeTheRead) {
+    const std::string journal = qmx::journalPath(conf_.c_str());
+    const std::string fresh = "qmx_queue_depth=8:qmx1_queue_depth=4:";
+    qmx::FileError fe;
+    ASSERT_TRUE(qmx::writeJournal(conf_.c_str(), fresh, 0644, &fe));
+    const std::string whole = slurp(journal);
+    struct Case {
+        const char *why;
+        std::string journal;
+        bool finished;
+    } cases[] = {
+        {"complete", whole, true},
+        {"cut short", whole.substr(0, whole.size() - 5), false},
+        {"text changed", whole.substr(0, whole.size() - 1) + "!", false},
+        {"header alone", whole.substr(0, whole.find('\n') + 1), false},
+        {"empty", "", false},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.why);
+        spit(conf_, "old=1:");
+        spit(journal, c.journal);
+        util_para *list = nullptr;
+        EXPECT_EQ(qmx::readKeyList(store_, &list, 0), c.finished ? 2 : 1);
+        std::free(list);
+        EXPECT_EQ(slurp(conf_), c.finished ? fresh : "old=1:");
+        EXPECT_FALSE(exists(journal));
+    }
+    // Without a descriptor to write with, the text is handed over and both
+    // files stay.
+    spit(conf_, "old=1:");
+    spit(journal, whole);
+    std::string pending;
+    EXPECT_EQ(qmx::settleJournal(conf_.c_str(), -1, &pending, &fe), qmx::JournalState::Pending);
+    EXPECT_EQ(pending, fresh);
+    EXPECT_EQ(slurp(conf_), "old=1:");
+    EXPECT_TRUE(exists(journal));
 }
 
 TEST_F(ConfWrite, MissingFileIsNotCreated) {

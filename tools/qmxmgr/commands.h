@@ -58,6 +58,7 @@ void addBindingCommands(CommandLine &cl);    // binding
 void addPriorityCommands(CommandLine &cl);   // priority
 void addMultipathCommands(CommandLine &cl);  // mp
 void addMetricsCommands(CommandLine &cl);    // metrics
+void addLockCommands(CommandLine &cl);       // lock
 // Every group, in the order of the help text.
 extern const std::vector<AddCommands> kCommandGroups;
 
@@ -66,6 +67,7 @@ struct Options {
     bool allPorts = false;
     bool configured = false;
     bool follow = false;
+    bool force = false;
     int lines = -1;
     int devno = -1;
     std::string board;

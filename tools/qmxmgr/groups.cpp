@@ -14,6 +14,7 @@ const std::vector<AddCommands> kCommandGroups = {
     addPriorityCommands,
     addMultipathCommands,
     addTraceCommands,
+    addLockCommands,
     addBiosCommands,
     addIsolationCommands,
     addMetricsCommands,
