@@ -49,7 +49,7 @@ public:
             std::memcpy(&pt, a, sizeof pt);
             auto *d = reinterpret_cast<unsigned char *>(uintptr_t(pt.data_addr));
             // Big-endian list length, then a few LUN entries.
-            fill(d, 0, 4, 8, 8, 2048);
+            fill(d, 0, 4, 8, 8, 2048, true);
             break;
         }
         default: break;  // health requests and the like: success, no data
@@ -59,12 +59,24 @@ public:
 
 private:
     uint8_t take8() { return p_ < end_ ? *p_++ : 0; }
-    // A count of `width` bytes at `countAt` straight from the input
-    // (hostile), then up to 8 entries of `entrySize` bytes at `entriesAt`;
-    // `room` is the number of entries the caller's buffer holds.
+    // A count at `countAt` (`width` bytes, little-endian unless `bigEndian`),
+    // then up to 8 entries of `entrySize` bytes at `entriesAt`; `room` is the
+    // number of entries the caller's buffer holds.  A mode byte picks either
+    // a small count (0..15) or `width` raw bytes straight from the input:
+    // hostile counts stay one mutation away, while inputs whose every count
+    // runs the listings to their bounds (hundreds of targets of thousands of
+    // LUs each, megabytes of work) no longer make up most of the corpus.
     void fill(unsigned char *a, std::size_t countAt, std::size_t width, std::size_t entriesAt,
-              std::size_t entrySize, std::size_t room) {
-        for (std::size_t i = 0; i < width; ++i) a[countAt + i] = take8();
+              std::size_t entrySize, std::size_t room, bool bigEndian = false) {
+        uint8_t mode = take8();
+        if (mode & 0x80) {
+            for (std::size_t i = 0; i < width; ++i) a[countAt + i] = take8();
+        } else {
+            uint32_t v = mode & 0x0F;
+            if (bigEndian) v *= 8;  // a list length in bytes of 8-byte entries
+            for (std::size_t i = 0; i < width; ++i)
+                a[countAt + i] = uint8_t(v >> (8 * (bigEndian ? width - 1 - i : i)));
+        }
         std::size_t n = take8() % 9;
         if (n > room) n = room;
         for (std::size_t e = 0; e < n; ++e)
@@ -88,7 +100,15 @@ struct Buffers {
     std::unique_ptr<QMX_LUPATH_STATUS> lupaths{new QMX_LUPATH_STATUS};
     std::vector<unsigned char> lgpath = std::vector<unsigned char>(QMX_MP_LGPATH1_SIZE(QMX_MP_LGPATH1_MAX));
     std::unique_ptr<qmx_spfile[]> slots{new qmx_spfile[kMaxPorts]};
-    bool ok = map.allocTarget() && map.allocLu();
+    // The LU identifier list and the work lists keep their room across
+    // inputs: a fresh 16384-entry list per input went to the allocator's
+    // mmap and munmap every time.
+    // (malloc'd: the listing may realloc it.)
+    QMX_NMPATH_LU *ids = static_cast<QMX_NMPATH_LU *>(std::calloc(16384, sizeof(QMX_NMPATH_LU)));
+    std::vector<LuWork> work;
+    std::vector<uint32_t> order;
+    std::vector<qmx_tgt> recs;
+    bool ok = ids != nullptr && map.allocTarget() && map.allocLu();
 
     void reset() {
         std::memset(map.tgt.get(), 0, QMX_MP_TARGET_SIZE(QMX_MP_TGTMAP_PORT));
@@ -117,8 +137,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     {  // LU path listing and health check
         FakeChannel ch(data + 1, size - 1);
         const MapBuffers &b = buf.map;
-        std::vector<LuWork> work;
-        std::vector<uint32_t> order;
+        std::vector<LuWork> &work = buf.work;
+        std::vector<uint32_t> &order = buf.order;
+        work.clear();
+        order.clear();
         healthCheck(ch, slots, true);
         gatherLuPaths(ch, slots, b, work);
         check(work.size() <= kMaxLuPaths);
@@ -137,7 +159,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     }
     {  // target paths merged with logical targets
         FakeChannel ch(data + 1, size - 1);
-        std::vector<qmx_tgt> recs;
+        std::vector<qmx_tgt> &recs = buf.recs;
+        recs.clear();
         bool ok = false, failed = false;
         gatherTargetPaths(ch, slots, recs, &ok, &failed);
         std::vector<unsigned char> &list = buf.lgpath;
@@ -154,8 +177,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
         FakeChannel ch(data + 1, size - 1);
         buf.reset();  // the maps as the first listing found them
         const MapBuffers &b = buf.map;
-        QMX_NMPATH_STATUS nm{0, static_cast<QMX_NMPATH_LU *>(std::malloc(16384 * sizeof(QMX_NMPATH_LU)))};
-        if (nm.info == nullptr) return 0;
+        QMX_NMPATH_STATUS nm{0, buf.ids};
         LuIdIndex index;
         for (int s = 0; s < kMaxPorts; ++s) {
             if (!spfileValid(slots[s])) continue;
@@ -168,7 +190,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
         for (int i = 1; i < nm.info_cnt; ++i)
             check(nm.info[i].id_size != nm.info[i - 1].id_size ||
                   std::memcmp(nm.info[i].luid_num, nm.info[i - 1].luid_num, nm.info[i].id_size) != 0);
-        QMX_ReleaseLuIDPath(&nm);
+        // What QMX_ReleaseLuIDPath frees, except the list itself (kept).
+        for (int i = 0; i < nm.info_cnt; ++i) {
+            std::free(nm.info[i].luid_num);
+            std::free(nm.info[i].trans_luid);
+            nm.info[i] = QMX_NMPATH_LU{};
+        }
+        buf.ids = nm.info;
     }
     return 0;
 }
