@@ -73,6 +73,21 @@ QMX_FORCE_ISOLATE_LIST *isolateEntry() {
     return &list;
 }
 
+// Number 1 moves to a new WWPN and number 0 loses its own.
+QMX_ADAPTERNUMBER *renumbering() {
+    static QMX_ADAPTERNUMBER info;
+    std::memset(&info, 0, sizeof info);
+    const QMX_WWN w0 = port(0), moved = {{0x21, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x99}};
+    info.portlist[0].adapternumber = 0;
+    info.portlist[0].set_opr = 2;
+    std::memcpy(&info.portlist[0].hba_wwn, &w0, sizeof w0);
+    info.portlist[1].adapternumber = 1;
+    info.portlist[1].set_opr = 1;
+    std::memcpy(&info.portlist[1].hba_wwn, &moved, sizeof moved);
+    info.portlist_max = 2;
+    return &info;
+}
+
 const Row kRows[] = {
     {"QueueDepth", boundConf, [] { return QMX_SetQueueDepthCount(port(0), 32, 0); }},
     {"QueueDepthDelete", boundConf, [] { return QMX_SetQueueDepthCount(port(0), 0, 1); }},
@@ -129,6 +144,7 @@ const Row kRows[] = {
          p.status = 4;
          return QMX_SetLuPathStatus(&p);
      }},
+    {"AdapterNumber", boundConf, [] { return QMX_SetAdapterNumber(renumbering()); }},
     {"DeleteAdapterPath", boundConf, [] { return QMX_DeleteAdapterPath(port(3), 3); }},
     {"PreConfigure", noSetup, [] { return QMX_SetPreConfigure(port(0), 1); }},
     {"HbaBiosSetting", noSetup, [] { return QMX_SetHBABiosSetting(port(1), 1); }},
