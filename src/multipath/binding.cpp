@@ -525,35 +525,32 @@ private:
 // item's later namesakes are chained behind it in list order).
 class KeyIndex {
 public:
-    explicit KeyIndex(const std::vector<qmx::ConfItem> &items) : items_(items) {
+    explicit KeyIndex(const qmx::ConfItems &items) : items_(items) {
         std::size_t cap = 16;
         while (cap < items.size() * 2) cap <<= 1;
         slots_.assign(cap, Slot{});
-        next_.assign(items.size(), -1);
-        for (int i = 0; i < int(items.size()); ++i) {
+        next_.resize(items.size());
+        // From the last item to the first, each in front of its key's chain:
+        // the chains come out in list order.
+        for (int i = int(items.size()) - 1; i >= 0; --i) {
             string_view key = items[std::size_t(i)].key;
-            std::size_t hash = std::hash<string_view>{}(key);
+            uint32_t hash = hashOf(key);
             Slot &s = slots_[slotOf(key, hash)];
-            if (s.first < 0) {
-                s = Slot{hash, i, i};
-            } else {
-                next_[std::size_t(s.last)] = i;
-                s.last = i;
-            }
+            next_[std::size_t(i)] = s.first;
+            s = Slot{hash, i};
         }
     }
     // The first item with the key, or -1; next() gives the one after it.
-    int first(string_view key) const {
-        return slots_[slotOf(key, std::hash<string_view>{}(key))].first;
-    }
+    int first(string_view key) const { return slots_[slotOf(key, hashOf(key))].first; }
     int next(int i) const { return next_[std::size_t(i)]; }
 
 private:
     struct Slot {
-        std::size_t hash = 0;
-        int first = -1, last = -1;
+        uint32_t hash = 0;
+        int first = -1;
     };
-    std::size_t slotOf(string_view key, std::size_t hash) const {
+    static uint32_t hashOf(string_view key) { return uint32_t(std::hash<string_view>{}(key)); }
+    std::size_t slotOf(string_view key, uint32_t hash) const {
         std::size_t mask = slots_.size() - 1;
         std::size_t at = hash & mask;
         while (slots_[at].first >= 0 &&
@@ -561,9 +558,9 @@ private:
             at = (at + 1) & mask;
         return at;
     }
-    const std::vector<qmx::ConfItem> &items_;
-    std::vector<Slot> slots_;
-    std::vector<int> next_;
+    const qmx::ConfItems &items_;
+    std::vector<Slot, qmx::BigAllocator<Slot>> slots_;
+    std::vector<int, qmx::BigAllocator<int>> next_;
 };
 
 }  // namespace
@@ -579,7 +576,7 @@ int QMX_WriteBindInfo(void) {
     qmx::ConfText conf;
     int n = qmx::readConfItems(kConfPath, kConfPath, conf);
     if (n < 0) return abend();
-    std::vector<qmx::ConfItem> &items = conf.items;
+    qmx::ConfItems &items = conf.items;
     // The writer refuses new items once the file's size plus theirs passes
     // its bound, before it reads anything else, so gathering stops at the
     // first new item past the bound: the writer's outcome (code 14) is the
@@ -589,7 +586,7 @@ int QMX_WriteBindInfo(void) {
     try {
         KeyIndex index(items);
         int records = std::clamp(bind_cnt, 0, BINDMAX);
-        std::vector<qmx::ConfItem> added;
+        qmx::ConfItems added;
         added.reserve(std::size_t(records));
         TextStore texts;
         // A key list field holds 262 key and 127 value characters.
