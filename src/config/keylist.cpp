@@ -85,40 +85,39 @@ std::string_view firstLine(const char *text, std::size_t len) noexcept {
     return {text, strnlen(text, end)};
 }
 
-// Calls `f(at)` for every ":" or "=" of the line, in order, until it
-// returns false.  Eight bytes at a time: the bytes of a word that equal
-// either character are found without a branch per byte.
-template <class F>
-void forEachMark(std::string_view line, F &&f) {
-    const char *p = line.data();
-    std::size_t n = line.size(), i = 0;
-    if constexpr (std::endian::native == std::endian::little) {
-        constexpr uint64_t kOnes = 0x0101010101010101ULL, kLow7 = 0x7f7f7f7f7f7f7f7fULL;
-        // High bit of every zero byte of x, exactly (no borrow between bytes).
-        auto zeroBytes = [](uint64_t x) { return ~(((x & kLow7) + kLow7) | x | kLow7); };
-        for (; i + 8 <= n; i += 8) {
-            uint64_t w;
-            std::memcpy(&w, p + i, 8);
-            uint64_t m = zeroBytes(w ^ (kOnes * ':')) | zeroBytes(w ^ (kOnes * '='));
-            for (; m != 0; m &= m - 1)
-                if (!f(i + std::size_t(std::countr_zero(m) >> 3))) return;
-        }
-    }
-    for (; i < n; ++i)
-        if ((p[i] == ':' || p[i] == '=') && !f(i)) return;
+// Eight bytes of a line at a time: the bytes of a word that equal a given
+// character are found without a branch per byte (little-endian words; other
+// machines take the byte loops).
+constexpr bool kWordScan = std::endian::native == std::endian::little;
+constexpr uint64_t kOnes = 0x0101010101010101ULL, kLow7 = 0x7f7f7f7f7f7f7f7fULL;
+
+// The high bit of every byte of `w` that equals `c`, exactly (no borrow
+// from one byte into the next).
+inline uint64_t bytesEqual(uint64_t w, char c) noexcept {
+    uint64_t x = w ^ (kOnes * uint8_t(c));
+    return ~(((x & kLow7) + kLow7) | x | kLow7);
+}
+
+inline uint64_t wordAt(const char *p) noexcept {
+    uint64_t w;
+    std::memcpy(&w, p, 8);
+    return w;
 }
 
 // Walks the items of a line in slot order as the reader fills its slots:
 // `f(slot, key, value)` with the key and the value cut to what their fields
 // hold.  An item without "=" ends the walk.  True when any text was cut.
+// One pass over the line's ":" and "=" marks.
 template <class F>
 bool walkItems(std::string_view line, std::size_t slots, F &&f) {
     bool cut = false;
     constexpr std::size_t kNone = std::size_t(-1);
     std::size_t start = 0, eq = kNone, slot = 0;
-    if (slots == 0) return false;
-    forEachMark(line, [&](std::size_t at) {
-        if (line[at] == '=') {
+    const char *p = line.data();
+    const std::size_t n = line.size();
+    // false: the walk ends here.
+    auto mark = [&](std::size_t at) __attribute__((always_inline)) {
+        if (p[at] == '=') {
             if (eq == kNone) eq = at;
             return true;
         }
@@ -129,11 +128,22 @@ bool walkItems(std::string_view line, std::size_t slots, F &&f) {
             keyLen = std::min(keyLen, kKeyRoom);
             valueLen = std::min(valueLen, kValueRoom);
         }
-        f(slot, line.substr(start, keyLen), line.substr(eq + 1, valueLen));
+        f(slot, std::string_view(p + start, keyLen), std::string_view(p + eq + 1, valueLen));
         start = at + 1;
         eq = kNone;
         return ++slot < slots;
-    });
+    };
+    if (slots == 0) return false;
+    std::size_t i = 0;
+    if constexpr (kWordScan) {
+        for (; i + 8 <= n; i += 8) {
+            uint64_t w = wordAt(p + i);
+            for (uint64_t m = bytesEqual(w, ':') | bytesEqual(w, '='); m != 0; m &= m - 1)
+                if (!mark(i + std::size_t(std::countr_zero(m) >> 3))) return cut;
+        }
+    }
+    for (; i < n; ++i)
+        if ((p[i] == ':' || p[i] == '=') && !mark(i)) return cut;
     return cut;
 }
 
@@ -141,11 +151,13 @@ bool walkItems(std::string_view line, std::size_t slots, F &&f) {
 // when there are more than a list may hold.
 long countSlots(std::string_view line) noexcept {
     long slots = 0;
-    const char *at = line.data(), *end = line.data() + line.size();
-    while ((at = static_cast<const char *>(std::memchr(at, ':', std::size_t(end - at)))) != nullptr) {
-        ++slots;
-        ++at;
-    }
+    const char *p = line.data();
+    std::size_t i = 0, n = line.size();
+    if constexpr (kWordScan)
+        for (; i + 8 <= n; i += 8)
+            // One high bit a match: their sum gathered in the top byte.
+            slots += long((((bytesEqual(wordAt(p + i), ':') >> 7) * kOnes) >> 56));
+    for (; i < n; ++i) slots += p[i] == ':';
     if (slots > kMaxKeySlots) {
         trace("qmxldd.conf has too many items");
         setError(QMX_ERR_DATA_FILE);

@@ -12,6 +12,7 @@
 
 #include <cstddef>
 #include <new>
+#include <string>
 
 namespace qmx {
 
@@ -52,5 +53,8 @@ struct BigAllocator {
     template <class U>
     bool operator==(const BigAllocator<U> &) const noexcept { return true; }
 };
+
+// A text of many megabytes (a whole file's new or old text).
+using BigText = std::basic_string<char, std::char_traits<char>, BigAllocator<char>>;
 
 }  // namespace qmx
