@@ -525,7 +525,32 @@ private:
 // item's later namesakes are chained behind it in list order).
 class KeyIndex {
 public:
-    explicit KeyIndex(const qmx::ConfItems &items) : items_(items) {
+    explicit KeyIndex(const qmx::ConfItems &items) : items_(items) {}
+    // The first item with the key, or -1; next() gives the one after it.
+    // The index is built at the first lookup that needs it: a first key that
+    // is in no item is found missing by one scan (a merge that fails at its
+    // first new record never pays for the index).
+    int first(string_view key) {
+        if (slots_.empty()) {
+            if (!probed_) {
+                probed_ = true;
+                bool any = false;
+                for (const qmx::ConfItem &p : items_)
+                    if (p.key == key) {
+                        any = true;
+                        break;
+                    }
+                if (!any) return -1;
+            }
+            build();
+        }
+        return slots_[slotOf(key, hashOf(key))].first;
+    }
+    int next(int i) const { return next_[std::size_t(i)]; }
+
+private:
+    void build() {
+        const qmx::ConfItems &items = items_;
         std::size_t cap = 16;
         while (cap < items.size() * 2) cap <<= 1;
         slots_.assign(cap, Slot{});
@@ -540,11 +565,6 @@ public:
             s = Slot{hash, i};
         }
     }
-    // The first item with the key, or -1; next() gives the one after it.
-    int first(string_view key) const { return slots_[slotOf(key, hashOf(key))].first; }
-    int next(int i) const { return next_[std::size_t(i)]; }
-
-private:
     struct Slot {
         uint32_t hash = 0;
         int first = -1;
@@ -559,6 +579,7 @@ private:
         return at;
     }
     const qmx::ConfItems &items_;
+    bool probed_ = false;
     std::vector<Slot, qmx::BigAllocator<Slot>> slots_;
     std::vector<int, qmx::BigAllocator<int>> next_;
 };
