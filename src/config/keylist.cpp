@@ -116,7 +116,7 @@ bool walkItems(std::string_view line, std::size_t slots, F &&f) {
     const char *p = line.data();
     const std::size_t n = line.size();
     // false: the walk ends here.
-    auto mark = [&](std::size_t at) __attribute__((always_inline)) {
+    auto mark = [&](std::size_t at) {
         if (p[at] == '=') {
             if (eq == kNone) eq = at;
             return true;
