@@ -17,7 +17,7 @@ constexpr std::size_t kHugePage = std::size_t(2) << 20;
 constexpr std::size_t kHeader = 64;
 // What stays mapped between calls: enough for the largest configuration
 // file's text, items and index, no more.
-constexpr int kKeptBlocks = 4;
+constexpr int kKeptBlocks = 8;
 constexpr std::size_t kKeptBytes = std::size_t(96) << 20;
 
 struct Kept {

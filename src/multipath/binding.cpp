@@ -547,6 +547,16 @@ public:
         return slots_[slotOf(key, hashOf(key))].first;
     }
     int next(int i) const { return next_[std::size_t(i)]; }
+    // first(key), trying the item at `guess` before the table: when no key
+    // is held by two items, an item with the key is the only one.  Records
+    // mostly come in the file's order, so the guess (the item after the
+    // last one found) spares a cache miss in the table.
+    int firstNear(string_view key, int guess) {
+        if (unique_ && !slots_.empty() && guess >= 0 && std::size_t(guess) < items_.size() &&
+            items_[std::size_t(guess)].key == key)
+            return guess;
+        return first(key);
+    }
 
 private:
     void build() {
@@ -555,12 +565,21 @@ private:
         while (cap < items.size() * 2) cap <<= 1;
         slots_.assign(cap, Slot{});
         next_.resize(items.size());
+        // The hashes first (next_ holds them for now), so that the slot of
+        // an item some places ahead can be fetched from memory while the
+        // current one is placed: a large table is mostly cache misses.
+        const int n = int(items.size());
+        for (int i = 0; i < n; ++i) next_[std::size_t(i)] = int(hashOf(items[std::size_t(i)].key));
+        const std::size_t mask = slots_.size() - 1;
+        constexpr int kAhead = 16;
         // From the last item to the first, each in front of its key's chain:
         // the chains come out in list order.
-        for (int i = int(items.size()) - 1; i >= 0; --i) {
+        for (int i = n - 1; i >= 0; --i) {
+            if (i >= kAhead) __builtin_prefetch(&slots_[uint32_t(next_[std::size_t(i - kAhead)]) & mask]);
             string_view key = items[std::size_t(i)].key;
-            uint32_t hash = hashOf(key);
+            uint32_t hash = uint32_t(next_[std::size_t(i)]);
             Slot &s = slots_[slotOf(key, hash)];
+            if (s.first >= 0) unique_ = false;
             next_[std::size_t(i)] = s.first;
             s = Slot{hash, i};
         }
@@ -580,6 +599,7 @@ private:
     }
     const qmx::ConfItems &items_;
     bool probed_ = false;
+    bool unique_ = true;  // no key is held by two items
     std::vector<Slot, qmx::BigAllocator<Slot>> slots_;
     std::vector<int, qmx::BigAllocator<int>> next_;
 };
@@ -616,6 +636,7 @@ int QMX_WriteBindInfo(void) {
         char keyText[kBindingTextMax], valueText[kBindingTextMax];
         string_view k;
         uint64_t word = 0;
+        int guess = -1;
         for (int r = 0; r < records; ++r) {
             const __TBLKEY &t = TBLKEY[r];
             // A record of kind 10 or above (or of a kind without a key)
@@ -631,8 +652,9 @@ int QMX_WriteBindInfo(void) {
             else
                 v = string_view(t.bind, strnlen(t.bind, sizeof t.bind));
             v = v.substr(0, kValueRoom);
-            int hit = index.first(k);
+            int hit = index.firstNear(k, guess);
             if (hit >= 0) {
+                guess = hit + 1;
                 string_view kept = texts.keep(v);
                 for (int i = hit; i >= 0; i = index.next(i)) items[std::size_t(i)].value = kept;
                 continue;
