@@ -146,78 +146,11 @@ std::string confText(int perPort) {
     return s;
 }
 
-// A full trace ring of 4001 lines whose marker stands after line `marker`.
-std::string fullRing(int marker) {
-    std::string text;
-    text.reserve(std::size_t(kLineBytes) * (kRingLines + 1));
-    for (int i = 0; i <= kRingLines; ++i) {
-        if (i == marker)
-            text += traceLine("EndLog");
-        else
-            text += traceLine("2026/01/01 00:00:00 4242 QMX_GetQueueDepthCount line " +
-                              std::to_string(i));
-    }
-    return text;
-}
-
-// The bare I/O of a traced call that reads the configuration file: one
-// trace open, `lines` lines and the marker appended in the middle of a full
-// ring (a scratch copy, so the call's own ring is not disturbed), close;
-// then one read of the whole configuration file.
-class BareTraceAndRead {
-public:
-    BareTraceAndRead(const std::string &ring, int lines) : path_(ring + ".bare"), lines_(lines) {
-        spit(path_, fullRing(kRingLines / 2));
-        // The call's lines laid over the ring from its middle (wrapping at
-        // its end as the call does), then the marker.
-        block_ = std::string(std::size_t(kRingLines) * kLineBytes, ' ');
-        for (int i = 1; i <= kRingLines; ++i) block_[std::size_t(i) * kLineBytes - 1] = '\n';
-        marker_ = traceLine("EndLog");
-        buf_.resize(1 << 20);
-    }
-    ~BareTraceAndRead() { ::unlink(path_.c_str()); }
-    bool operator()() {
-        int fd = ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
-        if (fd < 0) return false;
-        bool ok = true;
-        int at = kRingLines / 2;
-        for (int left = lines_; left > 0 && ok;) {
-            int n = std::min(left, kRingLines - at);
-            std::size_t bytes = std::size_t(n) * kLineBytes;
-            ok = ::pwrite(fd, block_.data(), bytes, off_t(at) * kLineBytes) == ssize_t(bytes);
-            left -= n;
-            at = (at + n) % kRingLines;
-        }
-        ok = ok && ::pwrite(fd, marker_.data(), marker_.size(), off_t(at) * kLineBytes) ==
-                       ssize_t(marker_.size());
-        ::close(fd);
-        int cf = ::open(kConfFile, O_RDONLY | O_CLOEXEC);
-        if (cf < 0) return false;
-        ssize_t got = ::read(cf, buf_.data(), buf_.size());
-        ::close(cf);
-        return ok && got > 0;
-    }
-
-private:
-    std::string path_, block_, marker_;
-    int lines_;
-    std::string buf_;
-};
-
-// The lines one call writes (fewer than a lap), counted on a fresh ring.
-template <class Call>
-int linesOfOneCall(const std::string &ring, Call &&call) {
-    ::unlink(ring.c_str());
-    call();
-    struct stat st;
-    if (::stat(ring.c_str(), &st) != 0 || st.st_size >= long(kLineBytes) * kRingLines) return 0;
-    return int(st.st_size / kLineBytes) - 1;
-}
-
 // The getter on a full trace ring of its own: its marker moves on by the
 // call's lines every iteration and laps the ring.  "bare_us"/"x_bare": one
-// trace open/append/close and one read of the configuration file; the
-// driver request the call also issues is timed alone by BM_RawPrinfoRequest.
+// trace open/append/close, the port information request the call issues
+// (open the device, the request, close) and one read of the configuration
+// file.
 void BM_GetQueueDepthCount(benchmark::State &state) {
     if (discoveredPorts() == 0) return state.SkipWithError("no ports");
     std::string saved = slurp(kConfFile);
@@ -230,8 +163,16 @@ void BM_GetQueueDepthCount(benchmark::State &state) {
     if (lines <= 0 || !spit(ring.path(), fullRing(kRingLines / 2)))
         return state.SkipWithError("cannot prepare the trace ring");
     BareTraceAndRead bare(ring.path(), lines);
+    const std::string device = std::string("/dev/") + dev_info_all[discoveredPorts() - 1].name;
     timeAgainstBare(
-        state, [&] { return QMX_GetQueueDepthCount(wwn, &cur, &set) == 0; }, bare);
+        state, [&] { return QMX_GetQueueDepthCount(wwn, &cur, &set) == 0; },
+        [&] {
+            int fd = ::open(device.c_str(), O_RDONLY | O_CLOEXEC);
+            qmx_ioctl_proc_info info{};
+            bool ok = fd >= 0 && ::ioctl(fd, static_cast<unsigned long>(IOCTL_QMX_SC_PRINFO), &info) == 0;
+            if (fd >= 0) ::close(fd);
+            return ok && bare();
+        });
     spit(kConfFile, saved);
     if (set != 16) state.SkipWithError("setting value not read");
     long items = long(std::count(text.begin(), text.end(), ':'));

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -88,6 +89,77 @@ public:
 private:
     std::string path_;
 };
+
+// A full trace ring of 4001 lines whose marker stands after line `marker`.
+inline std::string fullRing(int marker) {
+    std::string text;
+    text.reserve(std::size_t(kLineBytes) * (kRingLines + 1));
+    for (int i = 0; i <= kRingLines; ++i) {
+        if (i == marker)
+            text += traceLine("EndLog");
+        else
+            text += traceLine("2026/01/01 00:00:00 4242 QMX_GetQueueDepthCount line " +
+                              std::to_string(i));
+    }
+    return text;
+}
+
+// The bare I/O of a traced call that reads the configuration file: one
+// trace open, `lines` lines and the marker appended in the middle of a full
+// ring (a scratch copy, so the call's own ring is not disturbed), close;
+// then one read of the whole configuration file.  The trace flushes every
+// message it writes, so each line is a write of its own here too: for a
+// call of thousands of lines (BM_GetPassChangeThreshold) those writes are
+// most of the bare cost.
+class BareTraceAndRead {
+public:
+    BareTraceAndRead(const std::string &ring, int lines) : path_(ring + ".bare"), lines_(lines) {
+        spit(path_, fullRing(kRingLines / 2));
+        // The call's lines laid over the ring from its middle (wrapping at
+        // its end as the call does), then the marker.
+        line_ = traceLine("QMX_GetQueueDepthCount START");
+        marker_ = traceLine("EndLog");
+        buf_.resize(1 << 20);
+    }
+    ~BareTraceAndRead() { ::unlink(path_.c_str()); }
+    bool operator()() { return traceOnly() && readConf(); }
+    // The trace part alone (open, the lines, the marker, close).
+    bool traceOnly() {
+        int fd = ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
+        if (fd < 0) return false;
+        bool ok = true;
+        int at = kRingLines / 2;
+        for (int left = lines_; left > 0 && ok; --left) {
+            ok = ::pwrite(fd, line_.data(), line_.size(), off_t(at) * kLineBytes) == ssize_t(line_.size());
+            at = (at + 1) % kRingLines;
+        }
+        ok = ok && ::pwrite(fd, marker_.data(), marker_.size(), off_t(at) * kLineBytes) ==
+                       ssize_t(marker_.size());
+        return ::close(fd) == 0 && ok;
+    }
+    bool readConf() {
+        int cf = ::open(kConfFile, O_RDONLY | O_CLOEXEC);
+        if (cf < 0) return false;
+        ssize_t got = ::read(cf, buf_.data(), buf_.size());
+        ::close(cf);
+        return got > 0;
+    }
+
+private:
+    std::string path_, line_, marker_;
+    int lines_;
+    std::string buf_;
+};
+
+// The lines one call writes (fewer than a lap), counted on a fresh ring.
+template <class Call>
+int linesOfOneCall(const std::string &ring, Call &&call) {
+    ::unlink(ring.c_str());
+    call();
+    struct stat st;
+    if (::stat(ring.c_str(), &st) != 0 || st.st_size >= long(kLineBytes) * kRingLines) return 0;
+    return int(st.st_size / kLineBytes) - 1;
+}
 
 // Times `call` in the benchmark loop, then `bare` (the raw I/O the call
 // must do) as many times outside it, and reports both and their ratio:

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "config/binding_tables.h"
+#include "frame/bigblock.h"
 #include "frame/fileio.h"
 #include "qmxvlib.h"
 
@@ -207,15 +208,28 @@ struct ConfItem {
 };
 // The buffer a file is read into: grown when too short, never cleared (a
 // read uses only the bytes it was given).
-struct ReadBuffer {
-    std::unique_ptr<char[]> data;
-    std::size_t size = 0;
+// Large buffers come from the block recycler (frame/bigblock.h).
+class ReadBuffer {
+public:
+    ReadBuffer() noexcept = default;
+    ~ReadBuffer() { release(); }
+    ReadBuffer(const ReadBuffer &) = delete;
+    ReadBuffer &operator=(const ReadBuffer &) = delete;
+    // At least `size` bytes; false when the memory cannot be had.
+    bool reserve(std::size_t size) noexcept;
+    char *data() const noexcept { return data_; }
+
+private:
+    void release() noexcept;
+    char *data_ = nullptr;
+    std::size_t size_ = 0;
 };
 // One read of a configuration file: its text and the items of its first
 // line, one per item slot, viewing that text.
+using ConfItems = std::vector<ConfItem, BigAllocator<ConfItem>>;
 struct ConfText {
     ReadBuffer text;
-    std::vector<ConfItem> items;
+    ConfItems items;
 };
 // Reads a file as readKeyFile does (the same trace lines, codes and
 // results) without building a key list: the items view the text read.

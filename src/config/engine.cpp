@@ -170,7 +170,7 @@ int setUtilValue(const ConfStore &store, QMX_WWN wwn, int index, const char *key
         // rewritten from the new items alone (a missing file would fail in
         // the writer anyway, which needs the file to exist).
         if (n < 0) return abend();
-        std::vector<ConfItem> &items = conf.items;
+        ConfItems &items = conf.items;
 
         string_view suffix(key_str, strnlen(key_str, 256));
         int port = portNumberOf(index);

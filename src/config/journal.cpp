@@ -178,11 +178,11 @@ bool writeJournal(const char *conf, std::string_view text, mode_t mode, FileErro
             *err = {"open", errno};
             return false;
         }
-        std::string data;
-        data.reserve(std::size_t(hn) + text.size());
-        data.append(header, std::size_t(hn)).append(text);
+        // The header, then the text where it lies (no copy of it).  A crash
+        // between the two leaves a journal whose length check fails.
+        bool ok = (writeAll(fd, header, std::size_t(hn)) && writeAll(fd, text.data(), text.size())) ||
+                  (*err = {"write", errno}, false);
         // Readable by whoever may read the file itself.
-        bool ok = writeAll(fd, data.data(), data.size()) || (*err = {"write", errno}, false);
         ok = ok && (fchmod(fd, mode & 0666) == 0 || (*err = {"fchmod", errno}, false));
         ok = ok && (fsync(fd) == 0 || (*err = {"fsync", errno}, false));
         if (close(fd) != 0 && ok) {

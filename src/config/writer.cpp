@@ -257,14 +257,14 @@ bool takeItem(Item &p, int port, RowCache &rows) {
 // ---------------------------------------------------------------------------
 // Output helpers.
 // ---------------------------------------------------------------------------
-void putItem(std::string &out, string_view key, string_view val) {
+void putItem(qmx::BigText &out, string_view key, string_view val) {
     out.append(key);
     out.push_back('=');
     out.append(val);
     out.push_back(':');
 }
 
-void putInt(std::string &out, long v) {
+void putInt(qmx::BigText &out, long v) {
     char buf[24];
     auto res = std::to_chars(buf, buf + sizeof buf, v);
     out.append(buf, res.ptr);
@@ -272,7 +272,7 @@ void putInt(std::string &out, long v) {
 
 string_view fieldText(const char *field, std::size_t cap) { return {field, strnlen(field, cap)}; }
 
-void writePort(std::string &out, int port) {
+void writePort(qmx::BigText &out, int port) {
     char prefix[16];
     int plen = std::snprintf(prefix, sizeof prefix, "qmx%d", port);
     string_view pre(prefix, std::size_t(plen));
@@ -313,7 +313,7 @@ void writePort(std::string &out, int port) {
     }
 }
 
-void writeBindingTables(std::string &out) {
+void writeBindingTables(qmx::BigText &out) {
     int n = bind_cnt < 0 ? 0 : std::min(bind_cnt, BINDMAX);
     char buf[kBindingTextMax];
     for (int r = 0; r < n; ++r)
@@ -360,7 +360,7 @@ namespace {
 // The body of buildConfText for key list items and for read items.
 template <class Item>
 void buildText(Item *key_list, int key_list_max, Item *add_list, int add_list_max,
-               int remake_bind_data, std::string &out) {
+               int remake_bind_data, BigText &out) {
     int kn = clampCount(key_list, key_list_max);
     int an = clampCount(add_list, add_list_max);
 
@@ -498,14 +498,14 @@ int makeFile(const ConfStore &store, Item *key_list, int key_list_max, Item *add
             return abend();
         }
 
-        std::string out;
+        BigText out;
         out.reserve(std::size_t(sum) + 4096);
         buildText(key_list, key_list_max, add_list, add_list_max, remake_bind_data, out);
 
         // The old text, to put back when the rewrite fails half-way (a
         // failed write or cut would otherwise leave new text over old, or
         // the reserved space as a tail of zero bytes).
-        std::string old;
+        BigText old;
         if (!readAllAt(fd, std::size_t(st.st_size), old)) {
             sysError("read", errno);
             return abend();
@@ -574,7 +574,9 @@ int makeFile(const ConfStore &store, Item *key_list, int key_list_max, Item *add
 
 void buildConfText(util_para *key_list, int key_list_max, util_para *add_list, int add_list_max,
                    int remake_bind_data, std::string &out) {
-    buildText(key_list, key_list_max, add_list, add_list_max, remake_bind_data, out);
+    BigText text;
+    buildText(key_list, key_list_max, add_list, add_list_max, remake_bind_data, text);
+    out.append(text);
 }
 
 int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,

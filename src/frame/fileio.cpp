@@ -152,7 +152,10 @@ bool writeAllAt(int fd, std::string_view text) noexcept {
     return true;
 }
 
-bool readAllAt(int fd, std::size_t size, std::string &text) {
+namespace {
+
+template <class Text>
+bool readAllInto(int fd, std::size_t size, Text &text) {
     text.resize(size);
     std::size_t got = 0;
     while (got < size) {
@@ -167,6 +170,11 @@ bool readAllAt(int fd, std::size_t size, std::string &text) {
     text.resize(got);
     return true;
 }
+
+}  // namespace
+
+bool readAllAt(int fd, std::size_t size, std::string &text) { return readAllInto(fd, size, text); }
+bool readAllAt(int fd, std::size_t size, BigText &text) { return readAllInto(fd, size, text); }
 
 bool replaceFile(const char *path, std::string_view data, FileError *err, mode_t newMode) noexcept {
     FileError dummy;

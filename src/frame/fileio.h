@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "frame/bigblock.h"
+
 namespace qmx {
 
 // The system call that failed and its errno, for QMX_OutputSysLog-style reports.
@@ -44,6 +46,7 @@ bool writeAllAt(int fd, std::string_view text) noexcept;
 // Reads the first `size` bytes of `fd` (fewer when the file is shorter) into
 // `text`.  false with errno set.  May throw std::bad_alloc.
 bool readAllAt(int fd, std::size_t size, std::string &text);
+bool readAllAt(int fd, std::size_t size, BigText &text);
 
 // Opening a scratch file with a fixed name in a folder every user may write
 // to ("/tmp/conf_modules1.hba" and its siblings).  Another user can plant

@@ -525,35 +525,71 @@ private:
 // item's later namesakes are chained behind it in list order).
 class KeyIndex {
 public:
-    explicit KeyIndex(const std::vector<qmx::ConfItem> &items) : items_(items) {
+    explicit KeyIndex(const qmx::ConfItems &items) : items_(items) {}
+    // The first item with the key, or -1; next() gives the one after it.
+    // The index is built at the first lookup that needs it: a first key that
+    // is in no item is found missing by one scan (a merge that fails at its
+    // first new record never pays for the index).
+    int first(string_view key) {
+        if (slots_.empty()) {
+            if (!probed_) {
+                probed_ = true;
+                bool any = false;
+                for (const qmx::ConfItem &p : items_)
+                    if (p.key == key) {
+                        any = true;
+                        break;
+                    }
+                if (!any) return -1;
+            }
+            build();
+        }
+        return slots_[slotOf(key, hashOf(key))].first;
+    }
+    int next(int i) const { return next_[std::size_t(i)]; }
+    // first(key), trying the item at `guess` before the table: when no key
+    // is held by two items, an item with the key is the only one.  Records
+    // mostly come in the file's order, so the guess (the item after the
+    // last one found) spares a cache miss in the table.
+    int firstNear(string_view key, int guess) {
+        if (unique_ && !slots_.empty() && guess >= 0 && std::size_t(guess) < items_.size() &&
+            items_[std::size_t(guess)].key == key)
+            return guess;
+        return first(key);
+    }
+
+private:
+    void build() {
+        const qmx::ConfItems &items = items_;
         std::size_t cap = 16;
         while (cap < items.size() * 2) cap <<= 1;
         slots_.assign(cap, Slot{});
-        next_.assign(items.size(), -1);
-        for (int i = 0; i < int(items.size()); ++i) {
+        next_.resize(items.size());
+        // The hashes first (next_ holds them for now), so that the slot of
+        // an item some places ahead can be fetched from memory while the
+        // current one is placed: a large table is mostly cache misses.
+        const int n = int(items.size());
+        for (int i = 0; i < n; ++i) next_[std::size_t(i)] = int(hashOf(items[std::size_t(i)].key));
+        const std::size_t mask = slots_.size() - 1;
+        constexpr int kAhead = 16;
+        // From the last item to the first, each in front of its key's chain:
+        // the chains come out in list order.
+        for (int i = n - 1; i >= 0; --i) {
+            if (i >= kAhead) __builtin_prefetch(&slots_[uint32_t(next_[std::size_t(i - kAhead)]) & mask]);
             string_view key = items[std::size_t(i)].key;
-            std::size_t hash = std::hash<string_view>{}(key);
+            uint32_t hash = uint32_t(next_[std::size_t(i)]);
             Slot &s = slots_[slotOf(key, hash)];
-            if (s.first < 0) {
-                s = Slot{hash, i, i};
-            } else {
-                next_[std::size_t(s.last)] = i;
-                s.last = i;
-            }
+            if (s.first >= 0) unique_ = false;
+            next_[std::size_t(i)] = s.first;
+            s = Slot{hash, i};
         }
     }
-    // The first item with the key, or -1; next() gives the one after it.
-    int first(string_view key) const {
-        return slots_[slotOf(key, std::hash<string_view>{}(key))].first;
-    }
-    int next(int i) const { return next_[std::size_t(i)]; }
-
-private:
     struct Slot {
-        std::size_t hash = 0;
-        int first = -1, last = -1;
+        uint32_t hash = 0;
+        int first = -1;
     };
-    std::size_t slotOf(string_view key, std::size_t hash) const {
+    static uint32_t hashOf(string_view key) { return uint32_t(std::hash<string_view>{}(key)); }
+    std::size_t slotOf(string_view key, uint32_t hash) const {
         std::size_t mask = slots_.size() - 1;
         std::size_t at = hash & mask;
         while (slots_[at].first >= 0 &&
@@ -561,9 +597,11 @@ private:
             at = (at + 1) & mask;
         return at;
     }
-    const std::vector<qmx::ConfItem> &items_;
-    std::vector<Slot> slots_;
-    std::vector<int> next_;
+    const qmx::ConfItems &items_;
+    bool probed_ = false;
+    bool unique_ = true;  // no key is held by two items
+    std::vector<Slot, qmx::BigAllocator<Slot>> slots_;
+    std::vector<int, qmx::BigAllocator<int>> next_;
 };
 
 }  // namespace
@@ -579,7 +617,7 @@ int QMX_WriteBindInfo(void) {
     qmx::ConfText conf;
     int n = qmx::readConfItems(kConfPath, kConfPath, conf);
     if (n < 0) return abend();
-    std::vector<qmx::ConfItem> &items = conf.items;
+    qmx::ConfItems &items = conf.items;
     // The writer refuses new items once the file's size plus theirs passes
     // its bound, before it reads anything else, so gathering stops at the
     // first new item past the bound: the writer's outcome (code 14) is the
@@ -589,7 +627,7 @@ int QMX_WriteBindInfo(void) {
     try {
         KeyIndex index(items);
         int records = std::clamp(bind_cnt, 0, BINDMAX);
-        std::vector<qmx::ConfItem> added;
+        qmx::ConfItems added;
         added.reserve(std::size_t(records));
         TextStore texts;
         // A key list field holds 262 key and 127 value characters.
@@ -598,6 +636,7 @@ int QMX_WriteBindInfo(void) {
         char keyText[kBindingTextMax], valueText[kBindingTextMax];
         string_view k;
         uint64_t word = 0;
+        int guess = -1;
         for (int r = 0; r < records; ++r) {
             const __TBLKEY &t = TBLKEY[r];
             // A record of kind 10 or above (or of a kind without a key)
@@ -613,8 +652,9 @@ int QMX_WriteBindInfo(void) {
             else
                 v = string_view(t.bind, strnlen(t.bind, sizeof t.bind));
             v = v.substr(0, kValueRoom);
-            int hit = index.first(k);
+            int hit = index.firstNear(k, guess);
             if (hit >= 0) {
+                guess = hit + 1;
                 string_view kept = texts.keep(v);
                 for (int i = hit; i >= 0; i = index.next(i)) items[std::size_t(i)].value = kept;
                 continue;

@@ -33,6 +33,10 @@ TEST_F(KeyListRead, ItemsOfTheFirstLineAsWritten) {
         {"qmx_queue_depth=8\n", {}},          // no ":" at all
         {"a=1:tail=2", {"a=1"}},               // text after the last ":" is no item
         {" a =1:=5:b==2:", {" a =1", "=5", "b==2"}},  // blanks belong to the key
+        // Marks on both sides of 8-byte boundaries, a second "=" in a value,
+        // an item without "=" after several words.
+        {"abcdefg=:hijklmn=o:pq=rstuvwxyz0123=45:", {"abcdefg=", "hijklmn=o", "pq=rstuvwxyz0123=45"}},
+        {"a=1:b=2:c=3:d=4:e=5:fghijklmnopq:r=6:", {"a=1", "b=2", "c=3", "d=4", "e=5", "=", "="}},
     };
     for (const Case &c : cases) {
         spit(conf_, c.text);

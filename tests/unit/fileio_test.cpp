@@ -12,7 +12,9 @@
 #include <functional>
 #include <string>
 #include <utility>
+#include <vector>
 
+#include "frame/bigblock.h"
 #include "frame/fileio.h"
 #include "frame_test_util.h"
 
@@ -115,6 +117,20 @@ TEST_F(ReplaceFile, ScratchFilesRefuseWhatOthersCouldPlant) {
         std::fclose(fp);
     }
     EXPECT_EQ(frametest::slurp(name), "abcd");
+}
+
+// Large working blocks are handed out again once dropped, so that repeated
+// reads of a large file do not map fresh memory every time.
+TEST(BigBlock, ADroppedBlockServesTheNextRequestItFits) {
+    void *a = qmx::takeBigBlock(3u << 20);
+    ASSERT_NE(a, nullptr);
+    static_cast<char *>(a)[(3u << 20) - 1] = 'x';
+    qmx::dropBigBlock(a);
+    void *b = qmx::takeBigBlock(1u << 20);
+    EXPECT_EQ(b, a);
+    qmx::dropBigBlock(b);
+    std::vector<int, qmx::BigAllocator<int>> v(1 << 20, 7);
+    EXPECT_EQ(v.back(), 7);
 }
 
 }  // namespace
