@@ -15,10 +15,12 @@ namespace {
 constexpr std::size_t kHugePage = std::size_t(2) << 20;
 // The block's mapped size, kept in front of the bytes handed out.
 constexpr std::size_t kHeader = 64;
-// What stays mapped between calls: enough for the largest configuration
-// file's text, items and index, no more.
-constexpr int kKeptBlocks = 8;
-constexpr std::size_t kKeptBytes = std::size_t(96) << 20;
+// What stays mapped between calls: the text, items and index of the binding
+// rewrite at the driver's maximum configuration (about 20 MiB together), no
+// more, so that a long-running tool does not carry more than this after its
+// largest call.
+constexpr int kKeptBlocks = 4;
+constexpr std::size_t kKeptBytes = std::size_t(32) << 20;
 
 struct Kept {
     void *base = nullptr;
