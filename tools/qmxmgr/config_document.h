@@ -1,0 +1,60 @@
+// The host configuration document of `qmxmgr export`, `diff` and `apply`:
+// the stored settings of every port, keyed by the port's WWN.
+//
+//   version: 1
+//   ports:
+//     "21:00:00:24:ff:00:00:01":
+//       device: "qmxldd0"          # informative, never applied
+//       adapter_number: 0          # informative, never applied
+//       settings:
+//         queue_depth: 64
+//         connection_type: "auto"
+//         hba_alias: "rack4-a"
+//
+// A setting absent from a port's `settings` is left alone (removed by
+// `apply --prune` where it can be removed); `null` asks for it to be removed.
+// The same model reads YAML and JSON (JSON is read as the YAML it is).
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "common.h"
+
+namespace qmxmgr {
+
+constexpr int kDocumentVersion = 1;
+
+// One stored setting of one port.
+struct Setting {
+    QMX_WWN wwn{};
+    std::string key;    // "queue_depth", "hba_alias", ...
+    json value;         // canonical value; null: nothing stored
+    int line = 0;       // line in the document, 0 when read from the host
+};
+
+// A document read from a file: its settings in document order.  Refused
+// documents throw DocumentError naming the line and the reason.
+class DocumentError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+struct Document {
+    std::vector<Setting> settings;
+    std::vector<QMX_WWN> ports;  // the ports the document names
+};
+
+// Reads and checks FILE ("-" for standard input) against the ports the
+// driver knows and the values each setting takes.  Makes no writing call.
+Document readDocument(const std::string &path);
+
+// The stored settings of `ports` (every port when empty), read from the host.
+json exportDocument(const std::vector<std::string> &ports, bool withCurrent);
+
+// The document as YAML that YAML 1.1 readers (PyYAML) read back as the same
+// data: every string is quoted.
+std::string toYaml(const json &doc);
+
+}  // namespace qmxmgr
