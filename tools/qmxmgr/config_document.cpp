@@ -46,6 +46,7 @@ json convert(const YAML::Node &n, const std::string &ptr, Parsed &out, int depth
                 throw DocumentError("line " + std::to_string(kv.first.Mark().line + 1) +
                                     ": '" + k + "' given twice");
             j[k] = convert(kv.second, ptr + "/" + k, out, depth + 1);
+            out.lines[ptr + "/" + k] = kv.first.Mark().line + 1;  // the key's line
         }
         return j;
     }
