@@ -108,7 +108,8 @@ with tempfile.TemporaryDirectory() as tmp:
     changed = json.loads(run(state, "export", "--json").stdout)
     port0 = changed["ports"]["21:00:00:11:22:33:44:50"]["settings"]
     expect(port0.get("queue_depth") == 64 and port0.get("hba_alias") == "rack4-hba0"
-           and "reset_timeout" not in port0, f"export after apply: {port0}")
+           and port0.get("alter_path_limit") == 2 and "reset_timeout" not in port0
+           and changed["host"]["settings"]["binding_auto_mapping"] == "off", f"export after apply: {changed}")
     pruned = copy.deepcopy(exported)
     r = run(state, "apply", "--prune", doc=json.dumps(pruned))
     expect(r.returncode == 0 and "link_down_time: 15 -> unset" in r.stdout, f"apply --prune: {r.stdout}{r.stderr}")

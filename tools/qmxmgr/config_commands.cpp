@@ -29,7 +29,7 @@ std::string shown(const json &v) {
 }
 
 std::string changeLine(const Change &c) {
-    return "port " + wwnText(c.wwn) + " " + c.key->name + ": " + shown(c.from) + " -> " +
+    return (c.key->host ? "host " : "port " + wwnText(c.wwn) + " ") + c.key->name + ": " + shown(c.from) + " -> " +
            shown(c.to);
 }
 
@@ -38,8 +38,11 @@ std::string changeLine(const Change &c) {
 // port has but the document does not name are removed too.
 std::vector<Change> plan(const Document &d, bool prune) {
     std::vector<Change> changes;
-    for (const QMX_WWN &w : d.ports) {
+    std::vector<QMX_WWN> scopes = d.ports;
+    if (d.host) scopes.insert(scopes.begin(), QMX_WWN{});
+    for (const QMX_WWN &w : scopes) {
         for (const ConfigKey &k : configKeys()) {
+            if (k.host != isAllZeroWwn(w)) continue;
             const Setting *want = nullptr;
             for (const Setting &s : d.settings)
                 if (s.key == k.name && std::memcmp(s.wwn.wwn, w.wwn, 8) == 0) want = &s;

@@ -103,6 +103,28 @@ struct Problems {
 
 bool sameWwn(const QMX_WWN &a, const QMX_WWN &b) { return std::memcmp(a.wwn, b.wwn, 8) == 0; }
 
+// The settings of a port (or of the host, `wwn` all zero).
+void checkSettings(const json &v, const std::string &ptr, const std::string &label,
+                   const QMX_WWN &w, Problems &pr, Document &d) {
+    if (!v.is_object()) return pr.add(ptr, label + " settings: expected a mapping");
+    bool host = isAllZeroWwn(w);
+    for (const auto &[sk, sv] : v.items()) {
+        std::string sptr = ptr + "/" + sk;
+        const ConfigKey *key = findConfigKey(sk);
+        if (!key || key->host != host) {
+            pr.add(sptr, label + ": unknown setting '" + sk + "'");
+            continue;
+        }
+        std::string why;
+        json value = key->normalize(sv, why);
+        if (!why.empty()) {
+            pr.add(sptr, label + " " + sk + ": " + why);
+            continue;
+        }
+        d.settings.push_back(Setting{w, key->name, value, pr.doc.lines.at(sptr)});
+    }
+}
+
 void checkPort(const std::string &name, const json &port, const std::string &ptr, Problems &pr,
                Document &d) {
     QMX_WWN w{};
@@ -122,26 +144,7 @@ void checkPort(const std::string &name, const json &port, const std::string &ptr
             pr.add(ptr + "/" + k, "port " + name + ": unknown field '" + k + "'");
             continue;
         }
-        if (!v.is_object()) {
-            pr.add(ptr + "/settings", "settings: expected a mapping");
-            continue;
-        }
-        for (const auto &[sk, sv] : v.items()) {
-            std::string sptr = ptr + "/settings/" + sk;
-            const ConfigKey *key = findConfigKey(sk);
-            if (!key) {
-                pr.add(sptr, "port " + name + ": unknown setting '" + sk + "'");
-                continue;
-            }
-            std::string why;
-            json value = key->normalize(sv, why);
-            if (!why.empty()) {
-                pr.add(sptr, "port " + name + " " + sk + ": " + why);
-                continue;
-            }
-            auto line = pr.doc.lines.find(sptr);
-            d.settings.push_back(Setting{w, key->name, value, line->second});
-        }
+        checkSettings(v, ptr + "/settings", "port " + name, w, pr, d);
     }
 }
 
@@ -180,13 +183,25 @@ Document readDocument(const std::string &path) {
     const json &root = p.value;
     if (!root.is_object()) throw DocumentError("line 1: the document is not a mapping");
     for (const auto &[k, v] : root.items())
-        if (k != "version" && k != "ports") pr.add("/" + k, "unknown field '" + k + "'");
+        if (k != "version" && k != "ports" && k != "host") pr.add("/" + k, "unknown field '" + k + "'");
     if (!root.contains("version"))
         pr.add("", "version missing (this qmxmgr reads version " +
                        std::to_string(kDocumentVersion) + ")");
     else if (root["version"] != kDocumentVersion)
         pr.add("/version", "version " + root["version"].dump() + " is not supported (this qmxmgr reads version " +
                                std::to_string(kDocumentVersion) + ")");
+    if (root.contains("host")) {
+        d.host = true;
+        const json &h = root["host"];
+        if (!h.is_object()) pr.add("/host", "host: expected a mapping");
+        static const json kNone = json::object();
+        for (const auto &[k, v] : (h.is_object() ? h : kNone).items()) {
+            if (k == "settings")
+                checkSettings(v, "/host/settings", "host", QMX_WWN{}, pr, d);
+            else
+                pr.add("/host/" + k, "host: unknown field '" + k + "'");
+        }
+    }
     if (root.contains("ports")) {
         if (!root["ports"].is_object())
             pr.add("/ports", "ports: expected a mapping of WWN to port");
@@ -213,10 +228,14 @@ json exportDocument(const std::vector<std::string> &names, bool withCurrent) {
             ports.push_back(*r.info);
         }
     }
-    json doc{{"version", kDocumentVersion}, {"ports", json::object()}};
+    json doc{{"version", kDocumentVersion}, {"host", {{"settings", json::object()}}},
+             {"ports", json::object()}};
+    for (const ConfigKey &k : configKeys())
+        if (k.host) doc["host"]["settings"][k.name] = k.read(QMX_WWN{});
     for (const PortInfo &p : ports) {
         json port{{"device", p.device}, {"adapter_number", p.number}, {"settings", json::object()}};
         for (const ConfigKey &k : configKeys()) {
+            if (k.host) continue;
             json v = k.read(p.wwn);
             if (!v.is_null()) port["settings"][k.name] = v;
         }

@@ -2,6 +2,9 @@
 // the stored settings of every port, keyed by the port's WWN.
 //
 //   version: 1
+//   host:
+//     settings:
+//       binding_auto_mapping: "on"
 //   ports:
 //     "21:00:00:24:ff:00:00:01":
 //       device: "qmxldd0"          # informative, never applied
@@ -28,7 +31,7 @@ constexpr int kDocumentVersion = 1;
 
 // One stored setting of one port.
 struct Setting {
-    QMX_WWN wwn{};
+    QMX_WWN wwn{};      // all zero for a setting of the host
     std::string key;    // "queue_depth", "hba_alias", ...
     json value;         // canonical value; null: nothing stored
     int line = 0;       // line in the document, 0 when read from the host
@@ -44,6 +47,7 @@ public:
 struct Document {
     std::vector<Setting> settings;
     std::vector<QMX_WWN> ports;  // the ports the document names
+    bool host = false;           // the document has a host section
 };
 
 // Reads and checks FILE ("-" for standard input) against the ports the

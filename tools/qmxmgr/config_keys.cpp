@@ -121,8 +121,53 @@ ConfigKey biosKey(const char *name, QMX_STATUS (*get)(QMX_WWN, T *), const char 
     return k;
 }
 
+// A per-port path count limit: 1 up to the driver's LU path maximum (which
+// only the library knows: a count above it is refused by the call itself).
+ConfigKey limitKey(const char *name, QMX_STATUS (*get)(QMX_WWN, int *, int *), const char *getName,
+                   QMX_STATUS (*set)(QMX_WWN, int, int), const char *setName) {
+    ConfigKey k;
+    k.name = name;
+    k.setCall = setName;
+    k.removable = true;
+    k.read = [get, getName](const QMX_WWN &w) -> json {
+        int c = -1, s = -1;
+        check(get(w, &c, &s), getName);
+        return s >= 1 ? json(s) : json(nullptr);
+    };
+    k.normalize = [](const json &v, std::string &why) -> json {
+        if (!v.is_null() && !(v.is_number_integer() && v.get<long long>() >= 1 &&
+                              v.get<long long>() <= QMX_LUPATH_MAX))
+            why = "must be 1 to the driver's LU path maximum";
+        return v;
+    };
+    k.write = [set, setName](const QMX_WWN &w, const json &v) {
+        check(set(w, v.is_null() ? 0 : v.get<int>(), v.is_null() ? 1 : 0), setName);
+    };
+    return k;
+}
+
 std::vector<ConfigKey> buildKeys() {
     std::vector<ConfigKey> keys;
+    {
+        // Kept in the driver's module options; reads 1 when nothing is stored.
+        ConfigKey k;
+        k.name = "binding_auto_mapping";
+        k.setCall = "QMX_SetBindingAutoMapping";
+        k.host = true;
+        k.read = [](const QMX_WWN &) -> json {
+            QMX_AUTOMAP v = 0;
+            check(QMX_GetBindingAutoMapping(&v), "QMX_GetBindingAutoMapping");
+            return v == 1 ? "on" : "off";
+        };
+        k.normalize = [](const json &v, std::string &why) -> json {
+            if (v != "on" && v != "off") why = "expected \"on\" or \"off\"";
+            return v;
+        };
+        k.write = [](const QMX_WWN &, const json &v) {
+            check(QMX_SetBindingAutoMapping(QMX_AUTOMAP(v == "on" ? 1 : 0)), "QMX_SetBindingAutoMapping");
+        };
+        keys.push_back(std::move(k));
+    }
     keys.push_back(aliasKey("hba_alias", QMX_GetHbaAliasName, "QMX_GetHbaAliasName",
                             QMX_SetHbaAliasName, "QMX_SetHbaAliasName"));
     keys.push_back(aliasKey("port_alias", QMX_GetPortAliasName, "QMX_GetPortAliasName",
@@ -132,6 +177,10 @@ std::vector<ConfigKey> buildKeys() {
     for (const Param &p : paramTable())
         if (p.get && p.set && p.hasSetting && p.scope != Scope::DriverOnly)
             keys.push_back(paramKey(p));
+    keys.push_back(limitKey("alter_path_limit", QMX_GetLimitAlterPath, "QMX_GetLimitAlterPath",
+                            QMX_SetLimitAlterPath, "QMX_SetLimitAlterPath"));
+    keys.push_back(limitKey("offline_path_limit", QMX_GetLimitOfflinePath, "QMX_GetLimitOfflinePath",
+                            QMX_SetLimitOfflinePath, "QMX_SetLimitOfflinePath"));
     keys.push_back(biosKey("hba_bios", QMX_GetHBABiosSetting, "QMX_GetHBABiosSetting",
                            QMX_SetHBABiosSetting, "QMX_SetHBABiosSetting"));
     keys.push_back(biosKey("boot_priority", QMX_GetBootPriority, "QMX_GetBootPriority",

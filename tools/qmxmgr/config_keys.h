@@ -16,6 +16,7 @@ struct ConfigKey {
     std::string name;
     std::string setCall;  // the writing call, named in reports
     bool removable = false;
+    bool host = false;    // one value for the host (the WWN is not used)
     // The stored value in its document form, null when nothing is stored
     // (or the stored value is none a document could hold).  Throws CallError.
     std::function<json(const QMX_WWN &)> read;
@@ -25,7 +26,7 @@ struct ConfigKey {
     std::function<void(const QMX_WWN &, const json &)> write;
 };
 
-// In the order apply writes them.
+// In the order apply writes them: the host's settings first.
 const std::vector<ConfigKey> &configKeys();
 const ConfigKey *findConfigKey(const std::string &name);
 
