@@ -105,6 +105,12 @@ with tempfile.TemporaryDirectory() as tmp:
                f"{args}: status {r.returncode} (want {status}), out {r.stdout!r} err {r.stderr!r}")
         if args == ["apply", "--dry-run"]:
             expect(stored(state) == before, "apply --dry-run changed a file")
+        if text == "no changes":  # the apply read, but made no writing call
+            trace = run(state, "trace").stdout.splitlines()
+            last = [l.split() for l in trace if l.split()[2:3] == trace[-1].split()[2:3]]
+            calls = {w[3] for w in last if len(w) > 4 and w[4] == "START"}
+            expect(any(c.startswith("QMX_Get") for c in calls) and not any(c.startswith("QMX_Set") for c in calls),
+                   f"unchanged apply: calls {sorted(calls)}")
     changed = json.loads(run(state, "export", "--json").stdout)
     port0 = changed["ports"]["21:00:00:11:22:33:44:50"]["settings"]
     expect(port0.get("queue_depth") == 64 and port0.get("hba_alias") == "rack4-hba0"
