@@ -148,6 +148,17 @@ with tempfile.TemporaryDirectory() as tmp:
                    f"{verb} {doc[:60]!r}: status {r.returncode}, want {count} lines with {text!r}: {r.stderr}")
     expect(stored(state) == before, "a refused document changed a file")
 
+    # A call refused half-way (a limit above the driver's LU path maximum):
+    # the change before it stays made, the rest is reported and left.
+    partial = 'version: 1\nports:\n  "%s":\n    settings: {queue_depth: 10, alter_path_limit: 65536, hba_bios: "on"}\n' % wwn
+    r = run(state, "apply", doc=partial)
+    expect(r.returncode == 1 and "changed port %s queue_depth" % wwn in r.stdout
+           and "1 change(s) made, 2 not made" in r.stderr and "reason code 2" in r.stderr,
+           f"apply with a failing call: {r.returncode} {r.stdout} {r.stderr}")
+    r = run(state, "diff", doc=partial)
+    expect(r.returncode == 2 and "queue_depth" not in r.stdout and "alter_path_limit" in r.stdout
+           and "hba_bios" in r.stdout, f"diff after a failing call: {r.stdout}")
+
 for f in failures:
     print("FAIL:", f)
 print(f"{0 if failures else 1} passed, {len(failures)} failed")
