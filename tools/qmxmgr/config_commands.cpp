@@ -17,44 +17,6 @@ namespace {
 
 constexpr int kExitDrift = 2;
 
-struct Change {
-    QMX_WWN wwn{};
-    const ConfigKey *key = nullptr;
-    json from, to;
-};
-
-std::string shown(const json &v) {
-    if (v.is_null()) return "unset";
-    return v.is_string() ? v.get<std::string>() : v.dump();
-}
-
-std::string changeLine(const Change &c) {
-    return (c.key->host ? "host " : "port " + wwnText(c.wwn) + " ") + c.key->name + ": " + shown(c.from) + " -> " +
-           shown(c.to);
-}
-
-// The changes that make the host equal to the document, in the order the
-// keys table gives (per port); with `prune` the removable settings a listed
-// port has but the document does not name are removed too.
-std::vector<Change> plan(const Document &d, bool prune) {
-    std::vector<Change> changes;
-    std::vector<QMX_WWN> scopes = d.ports;
-    if (d.host) scopes.insert(scopes.begin(), QMX_WWN{});
-    for (const QMX_WWN &w : scopes) {
-        for (const ConfigKey &k : configKeys()) {
-            if (k.host != isAllZeroWwn(w)) continue;
-            const Setting *want = nullptr;
-            for (const Setting &s : d.settings)
-                if (s.key == k.name && std::memcmp(s.wwn.wwn, w.wwn, 8) == 0) want = &s;
-            if (!want && !(prune && k.removable)) continue;
-            json to = want ? want->value : json(nullptr);
-            json from = k.read(w);
-            if (from != to) changes.push_back(Change{w, &k, from, to});
-        }
-    }
-    return changes;
-}
-
 // Runs a command, turning every failure into a message and status 1 (status
 // 2 belongs to drift).
 int guarded(const std::function<int()> &fn) {

@@ -217,6 +217,33 @@ Document readDocument(const std::string &path) {
     return d;
 }
 
+std::string changeLine(const Change &c) {
+    auto shown = [](const json &v) {
+        return v.is_null() ? std::string("unset") : v.is_string() ? v.get<std::string>() : v.dump();
+    };
+    return (c.key->host ? "host " : "port " + wwnText(c.wwn) + " ") + c.key->name + ": " +
+           shown(c.from) + " -> " + shown(c.to);
+}
+
+std::vector<Change> plan(const Document &d, bool prune) {
+    std::map<std::string, const Setting *> wanted;  // by WWN text and key
+    for (const Setting &s : d.settings) wanted[wwnText(s.wwn) + " " + s.key] = &s;
+    std::vector<QMX_WWN> scopes = d.ports;
+    if (d.host) scopes.insert(scopes.begin(), QMX_WWN{});
+    std::vector<Change> changes;
+    for (const QMX_WWN &w : scopes) {
+        for (const ConfigKey &k : configKeys()) {
+            if (k.host != isAllZeroWwn(w)) continue;
+            auto it = wanted.find(wwnText(w) + " " + k.name);
+            if (it == wanted.end() && !(prune && k.removable)) continue;
+            json to = it != wanted.end() ? it->second->value : json(nullptr);
+            json from = k.read(w);
+            if (from != to) changes.push_back(Change{w, &k, from, to});
+        }
+    }
+    return changes;
+}
+
 json exportDocument(const std::vector<std::string> &names, bool withCurrent) {
     std::vector<PortInfo> ports;
     if (names.empty()) {

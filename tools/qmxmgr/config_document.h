@@ -54,6 +54,24 @@ struct Document {
 // driver knows and the values each setting takes.  Makes no writing call.
 Document readDocument(const std::string &path);
 
+struct ConfigKey;
+
+// One setting whose stored value differs from the document's.
+struct Change {
+    QMX_WWN wwn{};
+    const ConfigKey *key = nullptr;
+    json from, to;
+};
+
+// The changes that make the host equal to the document, host first, then
+// port by port in the order of the keys table; with `prune` the removable
+// settings a listed port has but the document omits are removed too.
+// Makes only reading calls.  Throws CallError.
+std::vector<Change> plan(const Document &d, bool prune);
+
+// "port 21:00:...:50 queue_depth: 32 -> 64" ("unset" for nothing stored).
+std::string changeLine(const Change &c);
+
 // The stored settings of `ports` (every port when empty), read from the host.
 json exportDocument(const std::vector<std::string> &ports, bool withCurrent);
 

@@ -2,7 +2,6 @@
 
 #include <cctype>
 
-#include "commands.h"
 #include "params.h"
 
 namespace qmxmgr {
