@@ -46,6 +46,7 @@ ConfigKey paramKey(const Param &p) {
     k.name = p.name;
     k.setCall = p.setCall;
     k.removable = p.canUnset;
+    k.bootFirmware = p.scope == Scope::PortOnly;
     k.read = [&p](const QMX_WWN &w) -> json {
         Reading rd;
         check(p.get(w, rd), p.getCall.c_str());
@@ -105,6 +106,7 @@ ConfigKey biosKey(const char *name, QMX_STATUS (*get)(QMX_WWN, T *), const char 
     ConfigKey k;
     k.name = name;
     k.setCall = setName;
+    k.bootFirmware = true;
     k.read = [get, getName](const QMX_WWN &w) -> json {
         T v{};
         check(get(w, &v), getName);

@@ -17,6 +17,9 @@ struct ConfigKey {
     std::string setCall;  // the writing call, named in reports
     bool removable = false;
     bool host = false;    // one value for the host (the WWN is not used)
+    // Kept by the adapter's boot firmware: each read and write runs the BIOS
+    // tool, far slower than the settings kept in files.
+    bool bootFirmware = false;
     // The stored value in its document form, null when nothing is stored
     // (or the stored value is none a document could hold).  Throws CallError.
     std::function<json(const QMX_WWN &)> read;
