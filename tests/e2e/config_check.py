@@ -138,6 +138,9 @@ with tempfile.TemporaryDirectory() as tmp:
         ("version: 1\nports:\n  \"20:00:00:00:00:00:00:01\":\n    settings: {}\n", "line 3: no port", 1),
         ("version: 1\nports:\n  \"%s\":\n    settings:\n      queue_depth: 64\n      mystery: 1\n" % wwn,
          "line 6: port %s: unknown setting 'mystery'" % wwn, 1),
+        ('{"version": 1, "ports": {"%s": {"settings": {"interrupt_type": 1}},\n'
+         '"21:00:00:11:22:33:44:50": {"settings": {"interrupt_type": 2}}}}' % wwn,
+         "line 2: interrupt_type is one value for every port of an adapter", 1),
     ]
     before = stored(state)
     for doc, text, count in refused:

@@ -209,6 +209,21 @@ Document readDocument(const std::string &path) {
             for (const auto &[name, port] : root["ports"].items())
                 checkPort(name, port, "/ports/" + name, pr, d);
     }
+    // The library stores the interrupt type for every function of the
+    // port's adapter: two functions asking for different types could never
+    // both be met.
+    std::map<std::pair<int, int>, const Setting *> interrupt;  // by PCI bus and device
+    for (const Setting &s : d.settings) {
+        if (s.key != "interrupt_type") continue;
+        for (const PortInfo &p : listPorts(false)) {
+            if (!sameWwn(p.wwn, s.wwn)) continue;
+            auto [it, fresh] = interrupt.emplace(std::pair(int(p.bus), int(p.dev)), &s);
+            if (!fresh && it->second->value != s.value)
+                pr.lines.push_back("line " + std::to_string(s.line) + ": interrupt_type is one value for " +
+                                   "every port of an adapter: port " + wwnText(s.wwn) + " differs from port " +
+                                   wwnText(it->second->wwn));
+        }
+    }
     if (!pr.lines.empty()) {
         std::string all;
         for (const std::string &l : pr.lines) all += (all.empty() ? "" : "\n") + path + ": " + l;
