@@ -4,10 +4,13 @@
 set -euo pipefail
 pkgs=(cmake make g++ pkg-config python3 util-linux dpkg-dev groff-base
       googletest libgtest-dev libgmock-dev libbenchmark-dev
-      nlohmann-json3-dev libcli11-dev clang libclang-rt-14-dev)
+      nlohmann-json3-dev libcli11-dev libyaml-cpp-dev clang libclang-rt-14-dev)
 # The test command also checks the Debian packages with lintian and reads
-# the metrics back with the Prometheus client library's parser.
-[ "${1:-}" = test ] && pkgs+=(lintian python3-prometheus-client)
+# the metrics back with the Prometheus client library's parser; the
+# configuration documents are checked against their JSON Schema, read back
+# with PyYAML and applied through the Ansible collection.
+[ "${1:-}" = test ] && pkgs+=(lintian python3-prometheus-client python3-jsonschema python3-yaml
+                             ansible-core)
 # scripts/coverage.sh prints its figures with gcovr.
 [ "${1:-}" = coverage ] && pkgs+=(gcovr)
 missing=()

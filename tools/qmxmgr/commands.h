@@ -59,6 +59,7 @@ void addPriorityCommands(CommandLine &cl);   // priority
 void addMultipathCommands(CommandLine &cl);  // mp
 void addMetricsCommands(CommandLine &cl);    // metrics
 void addLockCommands(CommandLine &cl);       // lock
+void addConfigCommands(CommandLine &cl);     // export, diff, apply
 // Every group, in the order of the help text.
 extern const std::vector<AddCommands> kCommandGroups;
 

@@ -131,6 +131,10 @@ void printManpage(const CLI::App &root) {
        << ".PP\n" << roff(kPortHelp) << ".\nA PCI function is written BUS:DEV.FN in hexadecimal.\n"
        << ".PP\nEvery read command takes \\fB\\-\\-json\\fR and then prints one JSON document "
           "with stable field names.\n"
+       << ".PP\n\\fBexport\\fR writes the stored settings of the ports as one YAML or "
+          "JSON document keyed by WWN; \\fBdiff\\fR shows where the host differs from "
+          "such a document and \\fBapply\\fR makes the host equal to it, after checking "
+          "the whole document, changing only what differs.\n"
        << ".SH GLOBAL OPTIONS\n";
     for (const CLI::Option *o : visibleOptions(root))
         os << ".TP\n" << optionSynopsis(*o) << "\n" << roff(o->get_description()) << "\n";
@@ -149,6 +153,9 @@ void printManpage(const CLI::App &root) {
        << ".TP\n/etc/qmxldd.conf\nThe driver configuration file (stored settings).\n"
        << ".TP\n/opt/kestrel/drivers/hba/qmxlibTrace.txt\nThe API trace ring that "
           "\\fBqmxmgr trace\\fR prints.\n"
+       << ".TP\n/usr/share/qmxmgr/qmxmgr-config.schema.json\nThe JSON Schema of the "
+          "documents of \\fBexport\\fR, \\fBdiff\\fR and \\fBapply\\fR (version 1); "
+          "qmxmgr-config.yaml beside it is an example.\n"
        << ".SH SEE ALSO\n\\fBlibqmxvlib\\fR(3), \\fBqmxsim\\fR, the virtual host for "
           "development without adapters\n";
     std::cout << os.str();

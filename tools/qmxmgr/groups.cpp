@@ -15,6 +15,7 @@ const std::vector<AddCommands> kCommandGroups = {
     addMultipathCommands,
     addTraceCommands,
     addLockCommands,
+    addConfigCommands,
     addBiosCommands,
     addIsolationCommands,
     addMetricsCommands,

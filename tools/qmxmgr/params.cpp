@@ -205,6 +205,32 @@ std::vector<Param> buildTable() {
         p.setCall.clear();
         t.push_back(std::move(p));
     }
+    // The values each setter accepts.  mck_retry_count takes any value when
+    // stored, but the driver uses 0 to 10 like the other retry counts: the
+    // manager holds documents to that range.
+    struct Bounds {
+        const char *name;
+        long long lo, hi;
+    };
+    static const Bounds kBounds[] = {
+        {"queue_depth", 1, 256}, {"link_down_time", 0, 60}, {"reset_delay_time", 0, 60},
+        {"reset_timeout", 0, 60}, {"abort_timeout", 0, 60}, {"mck_retry_count", 0, 10},
+        {"scsi_allowed_count", 1, 30}, {"scsi_delay_time", 0, 60}, {"abort_task_restrain", 0, 1},
+        {"lun_reset_delay", 0, 60}, {"interrupt_type", 0, 2}, {"target_reset_mode", 0, 1},
+        {"path_health_check_timeout", 1, 60}, {"isolate_setting", 1, 2},
+        {"link_down_watch", 1, 60}, {"link_down_count_lt", 0, 30}, {"link_down_count_st", 0, 30},
+        {"fc_if_watch", 1, 60}, {"fc_if_threshold", 0, 2048}, {"scsi_timeout_watch", 1, 60},
+        {"scsi_timeout_threshold", 0, 30}, {"scsi_reset_error", 0, 1}, {"mb_login_retry", 0, 10},
+        {"mb_els_retry", 0, 10}, {"mb_timeout_retry", 0, 10}, {"scsi_cmd_retry", 0, 10},
+        {"preferred_alpa", 1, 254}, {"login_delay_time", 0, 60}, {"spinup_delay", 0, 1},
+        {"connection_type", 1, 3}, {"logging_mode", 0, 1}, {"target_filter", 0, 1},
+    };
+    for (Param &p : t) {
+        for (const Bounds &b : kBounds)
+            if (p.name == b.name) p.range = std::pair(b.lo, b.hi);
+        if (p.name == "max_transfer_size") p.allowed = {1, 4, 8, 16, 32};
+        if (p.name == "port_speed") p.allowed = {0, 1, 2, 4, 8, 10};
+    }
     return t;
 }
 
@@ -257,6 +283,19 @@ long long parseValue(const Param &p, const std::string &text) {
     }
     long long v = std::strtoll(t.c_str(), nullptr, base);
     return neg ? -v : v;
+}
+
+std::string rangeError(const Param &p, long long v) {
+    if (p.range && (v < p.range->first || v > p.range->second))
+        return "must be " + std::to_string(p.range->first) + " to " +
+               std::to_string(p.range->second);
+    if (p.allowed.empty()) return {};
+    std::string list;
+    for (long long a : p.allowed) {
+        if (a == v) return {};
+        list += (list.empty() ? "" : ", ") + std::to_string(a);
+    }
+    return "must be one of " + list;
 }
 
 std::string valueText(const Param &p, std::optional<long long> v, bool setting) {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common.h"
@@ -39,6 +40,10 @@ struct Param {
     bool hasSetting = true;  // the getter reports a setting value
     bool canUnset = true;    // the setter takes the delete request
     bool hex = false;        // shown in hexadecimal
+    // Values the setter accepts: lo..hi, or only those listed in `allowed`.
+    // Known here so that a whole document can be checked before any change.
+    std::optional<std::pair<long long, long long>> range;
+    std::vector<long long> allowed;
     std::string getCall, setCall;
     std::function<QMX_STATUS(QMX_WWN, Reading &)> get;            // may be empty
     std::function<QMX_STATUS(QMX_WWN, long long, bool del)> set;  // may be empty
@@ -54,6 +59,8 @@ const Param &findParam(const std::string &name);
 long long parseValue(const Param &p, const std::string &text);
 // Display text of a value ("8", "loop", "30 s"); `setting` selects the
 // setting value's names.
+// Why the setter would refuse v, or empty when it takes it.
+std::string rangeError(const Param &p, long long v);
 std::string valueText(const Param &p, std::optional<long long> v, bool setting = false);
 
 }  // namespace qmxmgr

@@ -1,0 +1,168 @@
+#!/usr/bin/python3
+"""qmxmgr export, diff and apply inside the virtual host: the documents
+against their JSON Schema, YAML read back by PyYAML, apply and re-apply,
+drift statuses, and refused documents that change nothing.
+
+usage: config_check.py QMXSIM QMXMGR SCHEMA EXAMPLE
+"""
+import copy
+import glob
+import json
+import os
+import subprocess
+import sys
+import tempfile
+
+import jsonschema
+import yaml
+
+qmxsim, qmxmgr, schema_path, example_path = sys.argv[1:5]
+failures = []
+with open(schema_path) as f:
+    schema = json.load(f)
+validator = jsonschema.Draft7Validator(schema)
+settings_schema = schema["properties"]["ports"]["additionalProperties"]["properties"]["settings"]["properties"]
+
+
+def expect(cond, what):
+    if not cond:
+        failures.append(what)
+
+
+def valid(doc, what):
+    errs = [e.message for e in validator.iter_errors(doc)]
+    expect(not errs, f"{what}: not valid against the schema: {errs[:3]}")
+
+
+def run(state, *args, doc=None):
+    """qmxmgr ARGS in the host kept in STATE; DOC (text) is given as FILE."""
+    argv = list(args)
+    if doc is not None:
+        path = os.path.join(state, "..", "doc.yaml")
+        with open(path, "w") as f:
+            f.write(doc)
+        argv.append(path)
+    return subprocess.run([qmxsim, "--state", state, "--", qmxmgr, *argv],
+                          capture_output=True, text=True, timeout=120)
+
+
+def stored(state):
+    """The files that hold the host's stored configuration."""
+    out = {}
+    for p in sorted(glob.glob(state + "/saved/etc/**", recursive=True) + glob.glob(state + "/bios/*.json")):
+        if os.path.isfile(p):
+            with open(p, "rb") as f:
+                out[p] = f.read()
+    return out
+
+
+def bounds(prop):
+    """(lowest, highest, a refused value) of a setting's schema."""
+    alts = prop.get("anyOf", [prop])
+    for a in alts:
+        if a.get("type") == "integer":
+            return a["minimum"], a["maximum"], a["maximum"] + 1
+        if "enum" in a and isinstance(a["enum"][0], int):
+            return min(a["enum"]), max(a["enum"]), max(a["enum"]) + 1
+    if prop.get("type") == "string":
+        return "a", "z" * prop["maxLength"], "a:b"
+    return prop["enum"][0], prop["enum"][-1], "maybe"
+
+
+with tempfile.TemporaryDirectory() as tmp:
+    state = os.path.join(tmp, "host")
+    os.mkdir(state)
+
+    # export: YAML (default) and JSON are the same document, valid as is.
+    y, j = run(state, "export"), run(state, "export", "--json")
+    expect(y.returncode == 0 and j.returncode == 0, f"export failed: {y.stderr}{j.stderr}")
+    exported = json.loads(j.stdout)
+    expect(yaml.safe_load(y.stdout) == exported, "PyYAML reads the YAML export differently from the JSON export")
+    valid(exported, "export")
+    expect(len(exported["ports"]) > 1 and all(p["settings"] for p in exported["ports"].values()),
+           f"export holds no settings: {exported}")
+    cur = run(state, "export", "--json", "--with-current")
+    valid(json.loads(cur.stdout), "export --with-current")
+    with open(example_path) as f:
+        example_text = f.read()
+    valid(yaml.safe_load(example_text), "example")
+
+    # apply the example: changed; again: no changes; diff statuses.
+    before = stored(state)
+    steps = [  # (arguments, document, exit status, text in stdout)
+        (["diff"], y.stdout, 0, ""),
+        (["diff"], example_text, 2, "queue_depth: 32 -> 64"),
+        (["apply", "--dry-run"], example_text, 0, "none made (dry run)"),
+        (["diff"], example_text, 2, "queue_depth: 32 -> 64"),
+        (["apply"], example_text, 0, "change(s) made"),
+        (["apply"], example_text, 0, "no changes"),
+        (["diff"], example_text, 0, ""),
+        (["diff"], y.stdout, 2, "queue_depth: 64 -> 32"),
+    ]
+    for args, doc, status, text in steps:
+        r = run(state, *args, doc=doc)
+        expect(r.returncode == status and text in r.stdout,
+               f"{args}: status {r.returncode} (want {status}), out {r.stdout!r} err {r.stderr!r}")
+        if args == ["apply", "--dry-run"]:
+            expect(stored(state) == before, "apply --dry-run changed a file")
+        if text == "no changes":  # the apply read, but made no writing call
+            trace = run(state, "trace").stdout.splitlines()
+            last = [l.split() for l in trace if l.split()[2:3] == trace[-1].split()[2:3]]
+            calls = {w[3] for w in last if len(w) > 4 and w[4] == "START"}
+            expect(any(c.startswith("QMX_Get") for c in calls) and not any(c.startswith("QMX_Set") for c in calls),
+                   f"unchanged apply: calls {sorted(calls)}")
+    changed = json.loads(run(state, "export", "--json").stdout)
+    port0 = changed["ports"]["21:00:00:11:22:33:44:50"]["settings"]
+    expect(port0.get("queue_depth") == 64 and port0.get("hba_alias") == "rack4-hba0"
+           and port0.get("alter_path_limit") == 2 and "reset_timeout" not in port0
+           and changed["host"]["settings"]["binding_auto_mapping"] == "off", f"export after apply: {changed}")
+    pruned = copy.deepcopy(exported)
+    r = run(state, "apply", "--prune", doc=json.dumps(pruned))
+    expect(r.returncode == 0 and "link_down_time: 15 -> unset" in r.stdout, f"apply --prune: {r.stdout}{r.stderr}")
+
+    # Every setting at its schema bounds is taken; past them each is refused,
+    # one line per setting, and nothing changes.
+    wwn = "21:00:00:11:22:33:44:51"
+    docs = {k: {n: bounds(p)[i] for n, p in settings_schema.items()} for i, k in enumerate(["lo", "hi", "bad"])}
+    for k in ["lo", "hi"]:
+        d = {"version": 1, "ports": {wwn: {"settings": docs[k]}}}
+        valid(d, f"bounds {k}")
+        r = run(state, "diff", doc=json.dumps(d))
+        expect(r.returncode == 2, f"bounds {k}: status {r.returncode}: {r.stderr}")
+    bad = {"version": 1, "ports": {wwn: {"settings": docs["bad"]}}}
+    expect(not validator.is_valid(bad), "the schema takes values past the bounds")
+    refused = [  # (document, text every error line must show, error lines)
+        (json.dumps(bad), "", len(settings_schema)),
+        ("version: 1\nports:\n  \"21:00:00:11:22:33:44:50\":\n    settings: {queue_depth: [\n", "line", 1),
+        ("version: 2\n", "line 1: version 2", 1),
+        ("version: 1\nports:\n  \"20:00:00:00:00:00:00:01\":\n    settings: {}\n", "line 3: no port", 1),
+        ("version: 1\nports:\n  \"%s\":\n    settings:\n      queue_depth: 64\n      mystery: 1\n" % wwn,
+         "line 6: port %s: unknown setting 'mystery'" % wwn, 1),
+        ('{"version": 1, "ports": {"%s": {"settings": {"interrupt_type": 1}},\n'
+         '"21:00:00:11:22:33:44:50": {"settings": {"interrupt_type": 2}}}}' % wwn,
+         "line 2: interrupt_type is one value for every port of an adapter", 1),
+    ]
+    before = stored(state)
+    for doc, text, count in refused:
+        for verb in ["apply", "diff"]:
+            r = run(state, verb, doc=doc)
+            lines = [l for l in r.stderr.splitlines() if "line " in l]
+            expect(r.returncode == 1 and len(lines) == count and all(text in l for l in lines),
+                   f"{verb} {doc[:60]!r}: status {r.returncode}, want {count} lines with {text!r}: {r.stderr}")
+    expect(stored(state) == before, "a refused document changed a file")
+
+    # A call refused half-way (a limit above the driver's LU path maximum):
+    # the change before it stays made, the rest is reported and left.
+    partial = 'version: 1\nports:\n  "%s":\n    settings: {queue_depth: 10, alter_path_limit: 65536, hba_bios: "on"}\n' % wwn
+    r = run(state, "apply", doc=partial)
+    expect(r.returncode == 1 and "changed port %s queue_depth" % wwn in r.stdout
+           and "1 change(s) made, 2 not made" in r.stderr and "reason code 2" in r.stderr,
+           f"apply with a failing call: {r.returncode} {r.stdout} {r.stderr}")
+    r = run(state, "diff", doc=partial)
+    expect(r.returncode == 2 and "queue_depth" not in r.stdout and "alter_path_limit" in r.stdout
+           and "hba_bios" in r.stdout, f"diff after a failing call: {r.stdout}")
+
+for f in failures:
+    print("FAIL:", f)
+print(f"{0 if failures else 1} passed, {len(failures)} failed")
+sys.exit(1 if failures else 0)

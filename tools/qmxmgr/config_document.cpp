@@ -1,0 +1,297 @@
+#include "config_document.h"
+
+#include <yaml-cpp/yaml.h>
+
+#include <cctype>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include "config_keys.h"
+#include "ports.h"
+
+namespace qmxmgr {
+
+namespace {
+
+// A document node converted to JSON, with the line of every node by its
+// JSON pointer ("/ports/21:00:.../settings/queue_depth").
+struct Parsed {
+    json value;
+    std::map<std::string, int> lines;
+};
+
+bool isInteger(const std::string &s) {
+    std::size_t i = (!s.empty() && (s[0] == '-' || s[0] == '+')) ? 1 : 0;
+    if (s.size() <= i || s.size() > 12) return false;
+    for (; i < s.size(); ++i)
+        if (!std::isdigit(static_cast<unsigned char>(s[i]))) return false;
+    return true;
+}
+
+json convert(const YAML::Node &n, const std::string &ptr, Parsed &out, int depth) {
+    out.lines[ptr] = n.Mark().line + 1;
+    if (depth > 16) throw DocumentError("line " + std::to_string(n.Mark().line + 1) +
+                                        ": nested too deeply");
+    switch (n.Type()) {
+    case YAML::NodeType::Map: {
+        json j = json::object();
+        for (const auto &kv : n) {
+            if (!kv.first.IsScalar())
+                throw DocumentError("line " + std::to_string(kv.first.Mark().line + 1) +
+                                    ": a key must be text");
+            std::string k = kv.first.Scalar();
+            if (j.contains(k))
+                throw DocumentError("line " + std::to_string(kv.first.Mark().line + 1) +
+                                    ": '" + k + "' given twice");
+            j[k] = convert(kv.second, ptr + "/" + k, out, depth + 1);
+            out.lines[ptr + "/" + k] = kv.first.Mark().line + 1;  // the key's line
+        }
+        return j;
+    }
+    case YAML::NodeType::Sequence: {
+        json j = json::array();
+        std::size_t i = 0;
+        for (const auto &e : n) j.push_back(convert(e, ptr + "/" + std::to_string(i++), out, depth + 1));
+        return j;
+    }
+    case YAML::NodeType::Scalar: {
+        const std::string &s = n.Scalar();
+        if (n.Tag() == "!") return s;  // quoted: always text
+        if (s == "~" || s == "null" || s == "Null" || s == "NULL") return nullptr;
+        if (s == "true" || s == "false") return s == "true";
+        if (isInteger(s)) return std::stoll(s);
+        return s;
+    }
+    default:
+        return nullptr;
+    }
+}
+
+Parsed parse(const std::string &path) {
+    std::stringstream text;
+    if (path == "-") {
+        text << std::cin.rdbuf();
+    } else {
+        std::ifstream f(path, std::ios::binary);
+        if (!f) throw DocumentError(path + ": cannot be read: " + std::strerror(errno));
+        text << f.rdbuf();
+    }
+    // A configuration document is small; refuse anything that is clearly not one.
+    if (text.str().size() > (16u << 20)) throw DocumentError(path + ": larger than 16 MiB");
+    Parsed p;
+    try {
+        YAML::Node root = YAML::Load(text.str());
+        p.value = convert(root, "", p, 0);
+    } catch (const YAML::Exception &e) {
+        throw DocumentError("line " + std::to_string(e.mark.line + 1) + ": " + e.msg);
+    }
+    return p;
+}
+
+// Every problem of a document, reported together.
+struct Problems {
+    const Parsed &doc;
+    std::vector<std::string> lines;
+    void add(const std::string &ptr, const std::string &why) {
+        auto it = doc.lines.find(ptr);
+        lines.push_back("line " + std::to_string(it == doc.lines.end() ? 1 : it->second) + ": " +
+                        why);
+    }
+};
+
+bool sameWwn(const QMX_WWN &a, const QMX_WWN &b) { return std::memcmp(a.wwn, b.wwn, 8) == 0; }
+
+// The settings of a port (or of the host, `wwn` all zero).
+void checkSettings(const json &v, const std::string &ptr, const std::string &label,
+                   const QMX_WWN &w, Problems &pr, Document &d) {
+    if (!v.is_object()) return pr.add(ptr, label + " settings: expected a mapping");
+    bool host = isAllZeroWwn(w);
+    for (const auto &[sk, sv] : v.items()) {
+        std::string sptr = ptr + "/" + sk;
+        const ConfigKey *key = findConfigKey(sk);
+        if (!key || key->host != host) {
+            pr.add(sptr, label + ": unknown setting '" + sk + "'");
+            continue;
+        }
+        std::string why;
+        json value = key->normalize(sv, why);
+        if (!why.empty()) {
+            pr.add(sptr, label + " " + sk + ": " + why);
+            continue;
+        }
+        d.settings.push_back(Setting{w, key->name, value, pr.doc.lines.at(sptr)});
+    }
+}
+
+void checkPort(const std::string &name, const json &port, const std::string &ptr, Problems &pr,
+               Document &d) {
+    QMX_WWN w{};
+    if (!parseWwn(name, &w)) return pr.add(ptr, "'" + name + "' is not a WWN");
+    bool known = false;
+    for (const PortInfo &p : listPorts(false)) known = known || sameWwn(p.wwn, w);
+    if (!known) return pr.add(ptr, "no port with WWN " + wwnText(w) + " on this host");
+    for (const QMX_WWN &seen : d.ports)
+        if (sameWwn(seen, w)) return pr.add(ptr, "port " + wwnText(w) + " given twice");
+    d.ports.push_back(w);
+    if (!port.is_object()) return pr.add(ptr, "port " + name + ": expected a mapping");
+    for (const auto &[k, v] : port.items()) {
+        // device, adapter_number and current are informative: written by
+        // export, never applied.
+        if (k == "device" || k == "adapter_number" || k == "current") continue;
+        if (k != "settings") {
+            pr.add(ptr + "/" + k, "port " + name + ": unknown field '" + k + "'");
+            continue;
+        }
+        checkSettings(v, ptr + "/settings", "port " + name, w, pr, d);
+    }
+}
+
+void emit(std::ostream &os, const json &j, int indent) {
+    static const auto quoted = [](const std::string &s) {
+        return json(s).dump(-1, ' ', false, json::error_handler_t::replace);
+    };
+    static const auto plainKey = [](const std::string &k) {
+        if (k.empty() || !std::islower(static_cast<unsigned char>(k[0]))) return false;
+        for (char c : k)
+            if (!(std::islower(static_cast<unsigned char>(c)) || std::isdigit(static_cast<unsigned char>(c)) || c == '_'))
+                return false;
+        return true;
+    };
+    for (const auto &[k, v] : j.items()) {
+        os << std::string(indent, ' ') << (plainKey(k) ? k : quoted(k)) << ":";
+        if (v.is_object() && !v.empty()) {
+            os << "\n";
+            emit(os, v, indent + 2);
+        } else if (v.is_object()) {
+            os << " {}\n";
+        } else if (v.is_string()) {
+            os << " " << quoted(v.get<std::string>()) << "\n";
+        } else {
+            os << " " << v.dump() << "\n";
+        }
+    }
+}
+
+}  // namespace
+
+Document readDocument(const std::string &path) {
+    Parsed p = parse(path);
+    Problems pr{p, {}};
+    Document d;
+    const json &root = p.value;
+    if (!root.is_object()) throw DocumentError("line 1: the document is not a mapping");
+    for (const auto &[k, v] : root.items())
+        if (k != "version" && k != "ports" && k != "host") pr.add("/" + k, "unknown field '" + k + "'");
+    if (!root.contains("version"))
+        pr.add("", "version missing (this qmxmgr reads version " +
+                       std::to_string(kDocumentVersion) + ")");
+    else if (root["version"] != kDocumentVersion)
+        pr.add("/version", "version " + root["version"].dump() + " is not supported (this qmxmgr reads version " +
+                               std::to_string(kDocumentVersion) + ")");
+    if (root.contains("host")) {
+        d.host = true;
+        const json &h = root["host"];
+        if (!h.is_object()) pr.add("/host", "host: expected a mapping");
+        static const json kNone = json::object();
+        for (const auto &[k, v] : (h.is_object() ? h : kNone).items()) {
+            if (k == "settings")
+                checkSettings(v, "/host/settings", "host", QMX_WWN{}, pr, d);
+            else
+                pr.add("/host/" + k, "host: unknown field '" + k + "'");
+        }
+    }
+    if (root.contains("ports")) {
+        if (!root["ports"].is_object())
+            pr.add("/ports", "ports: expected a mapping of WWN to port");
+        else
+            for (const auto &[name, port] : root["ports"].items())
+                checkPort(name, port, "/ports/" + name, pr, d);
+    }
+    // The library stores the interrupt type for every function of the
+    // port's adapter: two functions asking for different types could never
+    // both be met.
+    std::map<std::pair<int, int>, const Setting *> interrupt;  // by PCI bus and device
+    for (const Setting &s : d.settings) {
+        if (s.key != "interrupt_type") continue;
+        for (const PortInfo &p : listPorts(false)) {
+            if (!sameWwn(p.wwn, s.wwn)) continue;
+            auto [it, fresh] = interrupt.emplace(std::pair(int(p.bus), int(p.dev)), &s);
+            if (!fresh && it->second->value != s.value)
+                pr.lines.push_back("line " + std::to_string(s.line) + ": interrupt_type is one value for " +
+                                   "every port of an adapter: port " + wwnText(s.wwn) + " differs from port " +
+                                   wwnText(it->second->wwn));
+        }
+    }
+    if (!pr.lines.empty()) {
+        std::string all;
+        for (const std::string &l : pr.lines) all += (all.empty() ? "" : "\n") + path + ": " + l;
+        throw DocumentError(all);
+    }
+    return d;
+}
+
+std::string changeLine(const Change &c) {
+    auto shown = [](const json &v) {
+        return v.is_null() ? std::string("unset") : v.is_string() ? v.get<std::string>() : v.dump();
+    };
+    return (c.key->host ? "host " : "port " + wwnText(c.wwn) + " ") + c.key->name + ": " +
+           shown(c.from) + " -> " + shown(c.to);
+}
+
+std::vector<Change> plan(const Document &d, bool prune) {
+    std::map<std::string, const Setting *> wanted;  // by WWN text and key
+    for (const Setting &s : d.settings) wanted[wwnText(s.wwn) + " " + s.key] = &s;
+    std::vector<QMX_WWN> scopes = d.ports;
+    if (d.host) scopes.insert(scopes.begin(), QMX_WWN{});
+    std::vector<Change> changes;
+    for (const QMX_WWN &w : scopes) {
+        for (const ConfigKey &k : configKeys()) {
+            if (k.host != isAllZeroWwn(w)) continue;
+            auto it = wanted.find(wwnText(w) + " " + k.name);
+            if (it == wanted.end() && !(prune && k.removable)) continue;
+            json to = it != wanted.end() ? it->second->value : json(nullptr);
+            json from = k.read(w);
+            if (from != to) changes.push_back(Change{w, &k, from, to});
+        }
+    }
+    return changes;
+}
+
+json exportDocument(const std::vector<std::string> &names, bool withCurrent) {
+    std::vector<PortInfo> ports;
+    if (names.empty()) {
+        ports = listPorts(false);
+    } else {
+        for (const std::string &n : names) {
+            PortRef r = resolvePort(n, false);
+            if (!r.info) throw UsageError("no port with WWN " + wwnText(r.wwn) + " on this host");
+            ports.push_back(*r.info);
+        }
+    }
+    json doc{{"version", kDocumentVersion}, {"host", {{"settings", json::object()}}},
+             {"ports", json::object()}};
+    for (const ConfigKey &k : configKeys())
+        if (k.host) doc["host"]["settings"][k.name] = k.read(QMX_WWN{});
+    for (const PortInfo &p : ports) {
+        json port{{"device", p.device}, {"adapter_number", p.number}, {"settings", json::object()}};
+        for (const ConfigKey &k : configKeys()) {
+            if (k.host) continue;
+            json v = k.read(p.wwn);
+            if (!v.is_null()) port["settings"][k.name] = v;
+        }
+        if (withCurrent) port["current"] = currentValues(p.wwn);
+        doc["ports"][wwnText(p.wwn)] = port;
+    }
+    return doc;
+}
+
+std::string toYaml(const json &doc) {
+    std::ostringstream os;
+    os << "# qmxmgr configuration document: qmxmgr diff FILE, qmxmgr apply FILE\n";
+    emit(os, doc, 0);
+    return os.str();
+}
+
+}  // namespace qmxmgr

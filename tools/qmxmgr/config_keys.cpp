@@ -1,0 +1,218 @@
+#include "config_keys.h"
+
+#include <cctype>
+
+#include "params.h"
+
+namespace qmxmgr {
+
+namespace {
+
+const EnumName *nameOf(const std::vector<EnumName> &names, long long v) {
+    for (const EnumName &e : names)
+        if (e.value == v) return &e;
+    return nullptr;
+}
+
+// A parameter value in document form: its name when it has one, else the number.
+json paramJson(const Param &p, long long v) {
+    if (const EnumName *e = nameOf(p.names, v)) return e->name;
+    return v;
+}
+
+json normalizeParam(const Param &p, const json &v, std::string &why) {
+    if (v.is_null()) {
+        if (!p.canUnset) why = "cannot be removed, only set";
+        return nullptr;
+    }
+    long long n = 0;
+    try {
+        if (v.is_number_integer())
+            n = v.get<long long>();
+        else if (v.is_string())
+            n = parseValue(p, v.get<std::string>());
+        else
+            throw UsageError("expected a number" + std::string(p.names.empty() ? "" : " or a name"));
+    } catch (const UsageError &e) {
+        why = e.what();
+        return nullptr;
+    }
+    why = rangeError(p, n);
+    return paramJson(p, n);
+}
+
+ConfigKey paramKey(const Param &p) {
+    ConfigKey k;
+    k.name = p.name;
+    k.setCall = p.setCall;
+    k.removable = p.canUnset;
+    k.bootFirmware = p.scope == Scope::PortOnly;
+    k.read = [&p](const QMX_WWN &w) -> json {
+        Reading rd;
+        check(p.get(w, rd), p.getCall.c_str());
+        if (!rd.setting) return nullptr;
+        // The boot firmware reports some settings in its own encoding.
+        const EnumName *e = nameOf(p.settingNames, *rd.setting);
+        std::string why;
+        json v = normalizeParam(p, e ? json(e->name) : json(*rd.setting), why);
+        return why.empty() ? v : json(nullptr);
+    };
+    k.normalize = [&p](const json &v, std::string &why) { return normalizeParam(p, v, why); };
+    k.write = [&p](const QMX_WWN &w, const json &v) {
+        long long n = v.is_string() ? parseValue(p, v.get<std::string>()) : v.is_null() ? 0 : v.get<long long>();
+        check(p.set(w, n, v.is_null()), p.setCall.c_str());
+    };
+    return k;
+}
+
+using AliasCall = QMX_STATUS (*)(QMX_WWN, char *, size_t);
+
+ConfigKey aliasKey(const char *name, AliasCall get, const char *getName, AliasCall set,
+                   const char *setName) {
+    ConfigKey k;
+    k.name = name;
+    k.setCall = setName;
+    k.read = [get, getName](const QMX_WWN &w) -> json {
+        char buf[128] = {};
+        check(get(w, buf, sizeof buf), getName);
+        std::string s = fieldText(buf, sizeof buf);
+        return s.empty() ? json(nullptr) : json(s);
+    };
+    k.normalize = [](const json &v, std::string &why) -> json {
+        if (!v.is_string() || v.get<std::string>().empty()) {
+            why = "expected a non-empty name in quotes (an alias cannot be removed)";
+            return nullptr;
+        }
+        const std::string &s = v.get_ref<const std::string &>();
+        if (s.size() > 127) why = "longer than 127 characters";
+        for (char c : s)
+            if (c == ':' || !std::isprint(static_cast<unsigned char>(c)))
+                why = "only printable characters other than ':'";
+        return v;
+    };
+    k.write = [set, setName](const QMX_WWN &w, const json &v) {
+        std::string s = v.get<std::string>();
+        // The library checks exactly `size` bytes: the name's own length.
+        check(set(w, s.data(), s.size()), setName);
+    };
+    return k;
+}
+
+// An on/off item of the adapter's boot BIOS: read back as 1 (on) or 2 (off),
+// written as 1 or 0; any other reading means the BIOS listing lacks it.
+template <class T>
+ConfigKey biosKey(const char *name, QMX_STATUS (*get)(QMX_WWN, T *), const char *getName,
+                  QMX_STATUS (*set)(QMX_WWN, T), const char *setName) {
+    ConfigKey k;
+    k.name = name;
+    k.setCall = setName;
+    k.bootFirmware = true;
+    k.read = [get, getName](const QMX_WWN &w) -> json {
+        T v{};
+        check(get(w, &v), getName);
+        return v == 1 ? json("on") : v == 2 ? json("off") : json(nullptr);
+    };
+    k.normalize = [](const json &v, std::string &why) -> json {
+        if (v != "on" && v != "off") why = "expected \"on\" or \"off\"";
+        return v;
+    };
+    k.write = [set, setName](const QMX_WWN &w, const json &v) {
+        check(set(w, T(v == "on" ? 1 : 0)), setName);
+    };
+    return k;
+}
+
+// A per-port path count limit: 1 up to the driver's LU path maximum (which
+// only the library knows: a count above it is refused by the call itself).
+ConfigKey limitKey(const char *name, QMX_STATUS (*get)(QMX_WWN, int *, int *), const char *getName,
+                   QMX_STATUS (*set)(QMX_WWN, int, int), const char *setName) {
+    ConfigKey k;
+    k.name = name;
+    k.setCall = setName;
+    k.removable = true;
+    k.read = [get, getName](const QMX_WWN &w) -> json {
+        int c = -1, s = -1;
+        check(get(w, &c, &s), getName);
+        return s >= 1 ? json(s) : json(nullptr);
+    };
+    k.normalize = [](const json &v, std::string &why) -> json {
+        if (!v.is_null() && !(v.is_number_integer() && v.get<long long>() >= 1 &&
+                              v.get<long long>() <= QMX_LUPATH_MAX))
+            why = "must be 1 to the driver's LU path maximum";
+        return v;
+    };
+    k.write = [set, setName](const QMX_WWN &w, const json &v) {
+        check(set(w, v.is_null() ? 0 : v.get<int>(), v.is_null() ? 1 : 0), setName);
+    };
+    return k;
+}
+
+std::vector<ConfigKey> buildKeys() {
+    std::vector<ConfigKey> keys;
+    {
+        // Kept in the driver's module options; reads 1 when nothing is stored.
+        ConfigKey k;
+        k.name = "binding_auto_mapping";
+        k.setCall = "QMX_SetBindingAutoMapping";
+        k.host = true;
+        k.read = [](const QMX_WWN &) -> json {
+            QMX_AUTOMAP v = 0;
+            check(QMX_GetBindingAutoMapping(&v), "QMX_GetBindingAutoMapping");
+            return v == 1 ? "on" : "off";
+        };
+        k.normalize = [](const json &v, std::string &why) -> json {
+            if (v != "on" && v != "off") why = "expected \"on\" or \"off\"";
+            return v;
+        };
+        k.write = [](const QMX_WWN &, const json &v) {
+            check(QMX_SetBindingAutoMapping(QMX_AUTOMAP(v == "on" ? 1 : 0)), "QMX_SetBindingAutoMapping");
+        };
+        keys.push_back(std::move(k));
+    }
+    keys.push_back(aliasKey("hba_alias", QMX_GetHbaAliasName, "QMX_GetHbaAliasName",
+                            QMX_SetHbaAliasName, "QMX_SetHbaAliasName"));
+    keys.push_back(aliasKey("port_alias", QMX_GetPortAliasName, "QMX_GetPortAliasName",
+                            QMX_SetPortAliasName, "QMX_SetPortAliasName"));
+    // Per-port stored parameters; the driver-wide switches have no stored
+    // value to read back and stay with `qmxmgr set --all-ports`.
+    for (const Param &p : paramTable())
+        if (p.get && p.set && p.hasSetting && p.scope != Scope::DriverOnly)
+            keys.push_back(paramKey(p));
+    keys.push_back(limitKey("alter_path_limit", QMX_GetLimitAlterPath, "QMX_GetLimitAlterPath",
+                            QMX_SetLimitAlterPath, "QMX_SetLimitAlterPath"));
+    keys.push_back(limitKey("offline_path_limit", QMX_GetLimitOfflinePath, "QMX_GetLimitOfflinePath",
+                            QMX_SetLimitOfflinePath, "QMX_SetLimitOfflinePath"));
+    keys.push_back(biosKey("hba_bios", QMX_GetHBABiosSetting, "QMX_GetHBABiosSetting",
+                           QMX_SetHBABiosSetting, "QMX_SetHBABiosSetting"));
+    keys.push_back(biosKey("boot_priority", QMX_GetBootPriority, "QMX_GetBootPriority",
+                           QMX_SetBootPriority, "QMX_SetBootPriority"));
+    keys.push_back(biosKey("persistent_bindings", QMX_GetForceBinding, "QMX_GetForceBinding",
+                           QMX_SetForceBinding, "QMX_SetForceBinding"));
+    return keys;
+}
+
+}  // namespace
+
+const std::vector<ConfigKey> &configKeys() {
+    static const std::vector<ConfigKey> keys = buildKeys();
+    return keys;
+}
+
+const ConfigKey *findConfigKey(const std::string &name) {
+    for (const ConfigKey &k : configKeys())
+        if (k.name == name) return &k;
+    return nullptr;
+}
+
+json currentValues(const QMX_WWN &wwn) {
+    json cur = json::object();
+    for (const Param &p : paramTable()) {
+        if (!p.get || !p.hasCurrent || p.scope == Scope::DriverOnly) continue;
+        Reading rd;
+        check(p.get(wwn, rd), p.getCall.c_str());
+        if (rd.current) cur[p.name] = paramJson(p, *rd.current);
+    }
+    return cur;
+}
+
+}  // namespace qmxmgr

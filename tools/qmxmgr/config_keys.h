@@ -1,0 +1,39 @@
+// The settings a configuration document holds for a port: one row per
+// setting, each reading the stored value, checking a document value and
+// writing it through the exported calls.  Rows come from the parameter table
+// (params.cpp) and from the alias and BIOS switch calls.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "common.h"
+
+namespace qmxmgr {
+
+struct ConfigKey {
+    std::string name;
+    std::string setCall;  // the writing call, named in reports
+    bool removable = false;
+    bool host = false;    // one value for the host (the WWN is not used)
+    // Kept by the adapter's boot firmware: each read and write runs the BIOS
+    // tool, far slower than the settings kept in files.
+    bool bootFirmware = false;
+    // The stored value in its document form, null when nothing is stored
+    // (or the stored value is none a document could hold).  Throws CallError.
+    std::function<json(const QMX_WWN &)> read;
+    // A document value in its canonical form; sets `why` when it is refused.
+    std::function<json(const json &, std::string &why)> normalize;
+    // Stores a canonical value (null: removes it).  Throws CallError.
+    std::function<void(const QMX_WWN &, const json &)> write;
+};
+
+// In the order apply writes them: the host's settings first.
+const std::vector<ConfigKey> &configKeys();
+const ConfigKey *findConfigKey(const std::string &name);
+
+// The driver's current values of a port, for reading only.
+json currentValues(const QMX_WWN &wwn);
+
+}  // namespace qmxmgr
