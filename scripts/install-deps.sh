@@ -9,10 +9,12 @@ pkgs=(cmake make g++ pkg-config python3 util-linux dpkg-dev groff-base
 # the metrics back with the Prometheus client library's parser; the
 # configuration documents are checked against their JSON Schema, read back
 # with PyYAML and applied through the Ansible collection.
-[ "${1:-}" = test ] && pkgs+=(lintian python3-prometheus-client python3-jsonschema python3-yaml
-                             ansible-core)
-# scripts/coverage.sh prints its figures with gcovr.
-[ "${1:-}" = coverage ] && pkgs+=(gcovr)
+# scripts/coverage.sh runs the same tests and prints its figures with gcovr.
+case "${1:-}" in
+  test|coverage)
+    pkgs+=(lintian python3-prometheus-client python3-jsonschema python3-yaml ansible-core)
+    [ "$1" = coverage ] && pkgs+=(gcovr) ;;
+esac
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
