@@ -110,10 +110,17 @@ struct Buffers {
     std::vector<qmx_tgt> recs;
     bool ok = ids != nullptr && map.allocTarget() && map.allocLu();
 
+    // The fake driver writes a count and at most 8 entries into a map, and
+    // the listing code writes only the request header: zeroing that prefix
+    // leaves the whole map as zeroed as the first input found it.
+    static constexpr std::size_t kTgtDirty = QMX_MP_TARGET_SIZE(8), kLuDirty = QMX_MP_LU_SIZE(8),
+                                 kLgDirty = QMX_MP_LGPATH1_SIZE(8);
+    bool zeroed = false;
     void reset() {
-        std::memset(map.tgt.get(), 0, QMX_MP_TARGET_SIZE(QMX_MP_TGTMAP_PORT));
-        std::memset(map.lu.get(), 0, QMX_MP_LU_SIZE(QMX_MP_LUMAP_MAX));
-        std::memset(lgpath.data(), 0, lgpath.size());
+        std::memset(map.tgt.get(), 0, zeroed ? kTgtDirty : QMX_MP_TARGET_SIZE(QMX_MP_TGTMAP_PORT));
+        std::memset(map.lu.get(), 0, zeroed ? kLuDirty : QMX_MP_LU_SIZE(QMX_MP_LUMAP_MAX));
+        std::memset(lgpath.data(), 0, zeroed ? kLgDirty : lgpath.size());
+        zeroed = true;
         lupaths->lupath_cnt = 0;
     }
 };
