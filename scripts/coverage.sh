@@ -47,6 +47,8 @@ common=(-r "$root" --object-directory "$dir" --filter "$root/src/"
         --exclude-throw-branches --exclude-unreachable-branches -j "$jobs")
 gcovr "${common[@]}"
 gcovr "${common[@]}" --branches
-gcovr "${common[@]}" --print-summary -o /dev/null
+# (gcovr checks that it can write its output file and then removes it: never
+# point -o at /dev/null, which it would delete and then write as a plain file.)
+gcovr "${common[@]}" --print-summary -o "$dir/coverage.txt" | tail -n 2
 [ "$status" -eq 0 ] || echo "coverage.sh: some tests failed; the figures above count what ran" >&2
 exit "$status"
