@@ -96,7 +96,15 @@ run qmxmgr isolate port qmxldd1 on
 runp "qmxmgr metrics | grep -E '^qmxldd_(port_isolated|logical_target_paths)'"
 run qmxmgr isolate port qmxldd1 off
 
-say "10. The library's API trace of this session (last 15 lines, oldest first)"
+say "10. Configuration as a document: export, edit, diff, apply"
+note "The stored settings of a port as YAML; diff exits 2 on drift, apply writes what differs."
+run qmxmgr export qmxldd0
+runp "qmxmgr export --json > /tmp/host.json && sed -i 's/\"queue_depth\": 64/\"queue_depth\": 32/' /tmp/host.json"
+run qmxmgr diff /tmp/host.json
+run qmxmgr apply /tmp/host.json
+run qmxmgr apply /tmp/host.json
+
+say "11. The library's API trace of this session (last 15 lines, oldest first)"
 note "Every library call writes START and END (or ABEND) lines to a ring file."
 run qmxmgr trace --lines 15
 SESSION_EOF
