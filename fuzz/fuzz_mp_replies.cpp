@@ -162,7 +162,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
                 check(q.groupid < r.groupid || (q.groupid == r.groupid && (q.lun & 0x3FFF) <= (r.lun & 0x3FFF)));
             }
         }
-        QMX_ReleaseLuPath(out);
+        releaseLuPaths(out);  // (the exported call would trace every input)
     }
     {  // target paths merged with logical targets
         FakeChannel ch(data + 1, size - 1);
