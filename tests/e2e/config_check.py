@@ -22,6 +22,7 @@ with open(schema_path) as f:
     schema = json.load(f)
 validator = jsonschema.Draft7Validator(schema)
 settings_schema = schema["properties"]["ports"]["additionalProperties"]["properties"]["settings"]["properties"]
+host_schema = schema["properties"]["host"]["properties"]["settings"]["properties"]
 
 
 def expect(cond, what):
@@ -62,8 +63,9 @@ def bounds(prop):
     for a in alts:
         if a.get("type") == "integer":
             return a["minimum"], a["maximum"], a["maximum"] + 1
-        if "enum" in a and isinstance(a["enum"][0], int):
-            return min(a["enum"]), max(a["enum"]), max(a["enum"]) + 1
+        if "enum" in a:
+            e = a["enum"]
+            return (min(e), max(e), max(e) + 1) if isinstance(e[0], int) else (e[0], e[-1], "maybe")
     if prop.get("type") == "string":
         return "a", "z" * prop["maxLength"], "a:b"
     return prop["enum"][0], prop["enum"][-1], "maybe"
@@ -113,26 +115,29 @@ with tempfile.TemporaryDirectory() as tmp:
                    f"unchanged apply: calls {sorted(calls)}")
     changed = json.loads(run(state, "export", "--json").stdout)
     port0 = changed["ports"]["21:00:00:11:22:33:44:50"]["settings"]
+    host = changed["host"]["settings"]
     expect(port0.get("queue_depth") == 64 and port0.get("hba_alias") == "rack4-hba0"
            and port0.get("alter_path_limit") == 2 and "reset_timeout" not in port0
-           and changed["host"]["settings"]["binding_auto_mapping"] == "off", f"export after apply: {changed}")
+           and (host["binding_auto_mapping"], host["mp_interval"], host["mp_failback"], host["lu_write_retries"])
+           == ("off", 60, "on", 10), f"export after apply: {changed}")
     pruned = copy.deepcopy(exported)
     r = run(state, "apply", "--prune", doc=json.dumps(pruned))
     expect(r.returncode == 0 and "link_down_time: 15 -> unset" in r.stdout, f"apply --prune: {r.stdout}{r.stderr}")
 
-    # Every setting at its schema bounds is taken; past them each is refused,
-    # one line per setting, and nothing changes.
+    # Every setting of the host and of a port at its schema bounds is taken;
+    # past them each is refused, one line per setting, and nothing changes.
     wwn = "21:00:00:11:22:33:44:51"
-    docs = {k: {n: bounds(p)[i] for n, p in settings_schema.items()} for i, k in enumerate(["lo", "hi", "bad"])}
+    docs = {k: {"version": 1, "host": {"settings": {n: bounds(p)[i] for n, p in host_schema.items()}},
+                "ports": {wwn: {"settings": {n: bounds(p)[i] for n, p in settings_schema.items()}}}}
+            for i, k in enumerate(["lo", "hi", "bad"])}
     for k in ["lo", "hi"]:
-        d = {"version": 1, "ports": {wwn: {"settings": docs[k]}}}
-        valid(d, f"bounds {k}")
-        r = run(state, "diff", doc=json.dumps(d))
+        valid(docs[k], f"bounds {k}")
+        r = run(state, "diff", doc=json.dumps(docs[k]))
         expect(r.returncode == 2, f"bounds {k}: status {r.returncode}: {r.stderr}")
-    bad = {"version": 1, "ports": {wwn: {"settings": docs["bad"]}}}
+    bad = docs["bad"]
     expect(not validator.is_valid(bad), "the schema takes values past the bounds")
     refused = [  # (document, text every error line must show, error lines)
-        (json.dumps(bad), "", len(settings_schema)),
+        (json.dumps(bad), "", len(settings_schema) + len(host_schema)),
         ("version: 1\nports:\n  \"21:00:00:11:22:33:44:50\":\n    settings: {queue_depth: [\n", "line", 1),
         ("version: 2\n", "line 1: version 2", 1),
         ("version: 1\nports:\n  \"20:00:00:00:00:00:00:01\":\n    settings: {}\n", "line 3: no port", 1),

@@ -1,10 +1,12 @@
 // The host configuration document of `qmxmgr export`, `diff` and `apply`:
-// the stored settings of every port, keyed by the port's WWN.
+// the stored settings of the host and of every port, keyed by the port's WWN.
 //
 //   version: 1
 //   host:
 //     settings:
 //       binding_auto_mapping: "on"
+//       mp_interval: 30            # the multipath environment's kept fields
+//       lu_write_retries: 10
 //   ports:
 //     "21:00:00:24:ff:00:00:01":
 //       device: "qmxldd0"          # informative, never applied

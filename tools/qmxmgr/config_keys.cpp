@@ -1,6 +1,9 @@
 #include "config_keys.h"
 
 #include <cctype>
+#include <climits>
+#include <cstddef>
+#include <cstring>
 
 #include "params.h"
 
@@ -12,6 +15,20 @@ const EnumName *nameOf(const std::vector<EnumName> &names, long long v) {
     for (const EnumName &e : names)
         if (e.value == v) return &e;
     return nullptr;
+}
+
+json normalizeOnOff(const json &v, std::string &why) {
+    if (v != "on" && v != "off") why = "expected \"on\" or \"off\"";
+    return v;
+}
+
+json normalizeRange(const json &v, long long lo, long long hi, bool removable, std::string &why) {
+    if (v.is_null()) {
+        if (!removable) why = "cannot be removed, only set";
+    } else if (!v.is_number_integer() || v.get<long long>() < lo || v.get<long long>() > hi) {
+        why = "must be " + std::to_string(lo) + " to " + std::to_string(hi);
+    }
+    return v;
 }
 
 // A parameter value in document form: its name when it has one, else the number.
@@ -112,10 +129,7 @@ ConfigKey biosKey(const char *name, QMX_STATUS (*get)(QMX_WWN, T *), const char 
         check(get(w, &v), getName);
         return v == 1 ? json("on") : v == 2 ? json("off") : json(nullptr);
     };
-    k.normalize = [](const json &v, std::string &why) -> json {
-        if (v != "on" && v != "off") why = "expected \"on\" or \"off\"";
-        return v;
-    };
+    k.normalize = normalizeOnOff;
     k.write = [set, setName](const QMX_WWN &w, const json &v) {
         check(set(w, T(v == "on" ? 1 : 0)), setName);
     };
@@ -147,6 +161,82 @@ ConfigKey limitKey(const char *name, QMX_STATUS (*get)(QMX_WWN, int *, int *), c
     return k;
 }
 
+// A field of the multipath environment that `QMX_SetOperationEnv` keeps in
+// the driver's configuration as a driver-wide item: read back from that item
+// (the driver's own value, `mp env`, may differ), written by sending the
+// driver's current environment with this field changed and only its bit set.
+struct EnvItem {
+    const char *name;
+    const char *suffix;  // the item's key suffix
+    uint32_t flag;
+    std::size_t offset;
+    bool word;           // 32-bit field; else an on/off switch
+    long long lo, hi;
+};
+const EnvItem kEnvItems[] = {
+    {"mp_failover", "mp_failover", QMX_MP_FLAG_FAILOVER, offsetof(QMX_MP_PARAM, mp_failover), false, 0, 1},
+    {"mp_failback", "mp_failback", QMX_MP_FLAG_FAILBACK, offsetof(QMX_MP_PARAM, mp_failback), false, 0, 1},
+    {"mp_path_health", "mp_path_health", QMX_MP_FLAG_PATH_HEALTH, offsetof(QMX_MP_PARAM, mp_path_health), false, 0, 1},
+    {"mp_interval", "mp_interval", QMX_MP_FLAG_INTERVAL, offsetof(QMX_MP_PARAM, mp_interval), true, 1, 1440},
+    {"mp_round_robin", "mp_roundrobin", QMX_MP_FLAG_ROUND_ROBIN, offsetof(QMX_MP_PARAM, mp_round_robin), false, 0, 1},
+    // Kept as signed decimal text: above INT_MAX they would read back negative.
+    {"mp_rr_seqcnt", "mp_rr_seqcnt", QMX_MP_FLAG_RR_SEQCNT, offsetof(QMX_MP_PARAM, mp_rr_seqcnt), true, 0, INT_MAX},
+    {"mp_rr_rndcnt", "mp_rr_rndcnt", QMX_MP_FLAG_RR_RNDCNT, offsetof(QMX_MP_PARAM, mp_rr_rndcnt), true, 0, INT_MAX},
+    {"mp_alter_path", "mp_alp_enable", QMX_MP_FLAG_ALTER_PATH, offsetof(QMX_MP_PARAM, nm_alter_path), false, 0, 1},
+    {"mp_offline_path", "mp_ofp_enable", QMX_MP_FLAG_OFFLINE_PATH, offsetof(QMX_MP_PARAM, nm_offline_path), false, 0, 1},
+};
+
+ConfigKey envKey(const EnvItem &e) {
+    ConfigKey k;
+    k.name = e.name;
+    k.setCall = "QMX_SetOperationEnv";
+    k.host = true;
+    k.removable = true;
+    k.read = [&e](const QMX_WWN &) -> json {
+        int v = INT_MIN;  // left as it is when nothing is stored
+        check(QMX_GetUtilValue(QMX_WWN{}, -1, const_cast<char *>(e.suffix), -1, &v), "QMX_GetUtilValue");
+        if (!e.word) return v == 1 ? json("on") : v == 0 ? json("off") : json(nullptr);
+        return v >= e.lo && v <= e.hi ? json(v) : json(nullptr);
+    };
+    k.normalize = [&e](const json &v, std::string &why) -> json {
+        return e.word || v.is_null() ? normalizeRange(v, e.lo, e.hi, true, why) : normalizeOnOff(v, why);
+    };
+    k.write = [&e](const QMX_WWN &, const json &v) {
+        QMX_MP_PARAM p{};
+        check(QMX_GetOperationEnv(&p), "QMX_GetOperationEnv");
+        auto *at = reinterpret_cast<unsigned char *>(&p) + e.offset;
+        if (e.word && !v.is_null()) {
+            auto n = v.get<uint32_t>();
+            std::memcpy(at, &n, sizeof n);
+        } else if (!v.is_null()) {
+            *at = v == "on" ? 1 : 0;
+        }
+        p.param_flag = e.flag;  // null: the driver gets the default and the item goes
+        check(QMX_SetOperationEnv(&p, v.is_null() ? 1 : 0), "QMX_SetOperationEnv");
+    };
+    return k;
+}
+
+// A driver-wide LU path limit; 0 is read back when nothing is stored.
+ConfigKey luLimitKey(const char *name, QMX_UINT8 QMX_LUID_INFO::*field, long long hi,
+                     QMX_STATUS (*set)(int, int), const char *setName) {
+    ConfigKey k;
+    k.name = name;
+    k.setCall = setName;
+    k.host = true;
+    k.removable = true;
+    k.read = [field](const QMX_WWN &) -> json {
+        QMX_LUID_INFO info{};
+        check(QMX_GetLuIDInfoFromConf(&info), "QMX_GetLuIDInfoFromConf");
+        return info.*field == 0 ? json(nullptr) : json(info.*field);
+    };
+    k.normalize = [hi](const json &v, std::string &why) { return normalizeRange(v, 1, hi, true, why); };
+    k.write = [set, setName](const QMX_WWN &, const json &v) {
+        check(set(v.is_null() ? 0 : v.get<int>(), v.is_null() ? 1 : 0), setName);
+    };
+    return k;
+}
+
 std::vector<ConfigKey> buildKeys() {
     std::vector<ConfigKey> keys;
     {
@@ -160,15 +250,18 @@ std::vector<ConfigKey> buildKeys() {
             check(QMX_GetBindingAutoMapping(&v), "QMX_GetBindingAutoMapping");
             return v == 1 ? "on" : "off";
         };
-        k.normalize = [](const json &v, std::string &why) -> json {
-            if (v != "on" && v != "off") why = "expected \"on\" or \"off\"";
-            return v;
-        };
+        k.normalize = normalizeOnOff;
         k.write = [](const QMX_WWN &, const json &v) {
             check(QMX_SetBindingAutoMapping(QMX_AUTOMAP(v == "on" ? 1 : 0)), "QMX_SetBindingAutoMapping");
         };
         keys.push_back(std::move(k));
     }
+    for (const EnvItem &e : kEnvItems) keys.push_back(envKey(e));
+    keys.push_back(luLimitKey("lu_alter_path", &QMX_LUID_INFO::alter, 8, QMX_SetAlterPath, "QMX_SetAlterPath"));
+    keys.push_back(luLimitKey("lu_offline_path", &QMX_LUID_INFO::offline, 8, QMX_SetOfflinePath,
+                              "QMX_SetOfflinePath"));
+    keys.push_back(luLimitKey("lu_write_retries", &QMX_LUID_INFO::panic, 126, QMX_SetKernelPanicCount,
+                              "QMX_SetKernelPanicCount"));
     keys.push_back(aliasKey("hba_alias", QMX_GetHbaAliasName, "QMX_GetHbaAliasName",
                             QMX_SetHbaAliasName, "QMX_SetHbaAliasName"));
     keys.push_back(aliasKey("port_alias", QMX_GetPortAliasName, "QMX_GetPortAliasName",
