@@ -118,11 +118,14 @@ with tempfile.TemporaryDirectory() as tmp:
     host = changed["host"]["settings"]
     expect(port0.get("queue_depth") == 64 and port0.get("hba_alias") == "rack4-hba0"
            and port0.get("alter_path_limit") == 2 and "reset_timeout" not in port0
+           and port0.get("force_isolate") == "port"
            and (host["binding_auto_mapping"], host["mp_interval"], host["mp_failback"], host["lu_write_retries"])
            == ("off", 60, "on", 10), f"export after apply: {changed}")
     pruned = copy.deepcopy(exported)
+    pruned["host"]["settings"]["isolation_function"] = "off"
     r = run(state, "apply", "--prune", doc=json.dumps(pruned))
-    expect(r.returncode == 0 and "link_down_time: 15 -> unset" in r.stdout, f"apply --prune: {r.stdout}{r.stderr}")
+    expect(r.returncode == 0 and "link_down_time: 15 -> unset" in r.stdout and "force_isolate: port -> unset" in r.stdout
+           and "isolation_function: on -> off" in r.stdout, f"apply --prune: {r.stdout}{r.stderr}")
 
     # Every setting of the host and of a port at its schema bounds is taken;
     # past them each is refused, one line per setting, and nothing changes.
@@ -146,6 +149,9 @@ with tempfile.TemporaryDirectory() as tmp:
         ('{"version": 1, "ports": {"%s": {"settings": {"interrupt_type": 1}},\n'
          '"21:00:00:11:22:33:44:50": {"settings": {"interrupt_type": 2}}}}' % wwn,
          "line 2: interrupt_type is one value for every port of an adapter", 1),
+        ('version: 1\nports:\n  "%s": {settings: {force_isolate: "adapter"}}\n'
+         '  "21:00:00:11:22:33:44:50": {settings: {force_isolate: "port"}}\n' % wwn,
+         "line 4: force_isolate \"adapter\" is one value for every port of an adapter", 1),
     ]
     before = stored(state)
     for doc, text, count in refused:

@@ -209,19 +209,28 @@ Document readDocument(const std::string &path) {
             for (const auto &[name, port] : root["ports"].items())
                 checkPort(name, port, "/ports/" + name, pr, d);
     }
-    // The library stores the interrupt type for every function of the
-    // port's adapter: two functions asking for different types could never
-    // both be met.
-    std::map<std::pair<int, int>, const Setting *> interrupt;  // by PCI bus and device
+    // Settings that bind ports to each other: the library stores the
+    // interrupt type for every function of the port's adapter, so two
+    // functions asking for different types could never both be met; an
+    // "adapter" entry of the force-isolate list is written (and released)
+    // for every function of the adapter.
+    std::map<std::pair<int, int>, const Setting *> interrupt, isolate;  // by PCI bus and device
+    std::vector<PortInfo> known = listPorts(false);
+    auto conflict = [&](const Setting &s, const Setting &other, const std::string &what) {
+        pr.lines.push_back("line " + std::to_string(s.line) + ": " + s.key + " " + what + ": port " +
+                           wwnText(s.wwn) + " differs from port " + wwnText(other.wwn));
+    };
     for (const Setting &s : d.settings) {
-        if (s.key != "interrupt_type") continue;
-        for (const PortInfo &p : listPorts(false)) {
+        if (s.key != "interrupt_type" && s.key != "force_isolate") continue;
+        auto &seen = s.key == "interrupt_type" ? interrupt : isolate;
+        for (const PortInfo &p : known) {
             if (!sameWwn(p.wwn, s.wwn)) continue;
-            auto [it, fresh] = interrupt.emplace(std::pair(int(p.bus), int(p.dev)), &s);
-            if (!fresh && it->second->value != s.value)
-                pr.lines.push_back("line " + std::to_string(s.line) + ": interrupt_type is one value for " +
-                                   "every port of an adapter: port " + wwnText(s.wwn) + " differs from port " +
-                                   wwnText(it->second->wwn));
+            auto [it, fresh] = seen.emplace(std::pair(int(p.bus), int(p.dev)), &s);
+            if (fresh || it->second->value == s.value) continue;
+            if (s.key == "interrupt_type")
+                conflict(s, *it->second, "is one value for every port of an adapter");
+            else if (s.value == "adapter" || it->second->value == "adapter")
+                conflict(s, *it->second, "\"adapter\" is one value for every port of an adapter");
         }
     }
     if (!pr.lines.empty()) {

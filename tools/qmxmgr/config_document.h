@@ -5,6 +5,7 @@
 //   host:
 //     settings:
 //       binding_auto_mapping: "on"
+//       isolation_function: "on"
 //       mp_interval: 30            # the multipath environment's kept fields
 //       lu_write_retries: 10
 //   ports:
@@ -12,6 +13,7 @@
 //       device: "qmxldd0"          # informative, never applied
 //       adapter_number: 0          # informative, never applied
 //       settings:
+//         force_isolate: "port"
 //         queue_depth: 64
 //         connection_type: "auto"
 //         hba_alias: "rack4-a"

@@ -1,11 +1,14 @@
 #include "config_keys.h"
 
+#include <algorithm>
 #include <cctype>
 #include <climits>
 #include <cstddef>
 #include <cstring>
+#include <memory>
 
 #include "params.h"
+#include "ports.h"
 
 namespace qmxmgr {
 
@@ -237,6 +240,53 @@ ConfigKey luLimitKey(const char *name, QMX_UINT8 QMX_LUID_INFO::*field, long lon
     return k;
 }
 
+PortInfo portOf(const QMX_WWN &w) {
+    for (const PortInfo &p : listPorts(false))
+        if (std::memcmp(p.wwn.wwn, w.wwn, 8) == 0) return p;
+    throw UsageError("no port with WWN " + wwnText(w) + " on this host");
+}
+
+// The port's entry in the force-isolate list, kept for the next driver load
+// only (the port is not isolated now): "port" isolates the port alone,
+// "adapter" every port of its PCI device.
+ConfigKey forceIsolateKey() {
+    ConfigKey k;
+    k.name = "force_isolate";
+    k.setCall = "QMX_SetForceIsolateList";
+    k.removable = true;
+    k.read = [](const QMX_WWN &w) -> json {
+        PortInfo p = portOf(w);
+        auto list = std::make_unique<QMX_FORCE_ISOLATE_LIST>();
+        check(QMX_GetForceIsolateList(list.get()), "QMX_GetForceIsolateList");
+        for (int i = 0; i < std::min(list->listCnt, QMX_FORCE_ISOLATE_MAX); ++i) {
+            const QMX_ISOLATE &e = list->list[i];
+            if (e.bus == p.bus && e.dev == p.dev && e.func == p.fnc)
+                return e.mode == 1 ? json("port") : e.mode == 2 ? json("adapter") : json(nullptr);
+        }
+        return nullptr;
+    };
+    k.normalize = [](const json &v, std::string &why) -> json {
+        if (!v.is_null() && v != "port" && v != "adapter")
+            why = "expected \"port\", \"adapter\" or null (not in the list)";
+        return v;
+    };
+    // The call takes one entry: one call for each port that changes.
+    k.write = [](const QMX_WWN &w, const json &v) {
+        PortInfo p = portOf(w);
+        auto list = std::make_unique<QMX_FORCE_ISOLATE_LIST>();
+        std::memset(list.get(), 0, sizeof *list);
+        QMX_ISOLATE &e = list->list[0];
+        e.bus = p.bus;
+        e.dev = p.dev;
+        e.func = p.fnc;
+        e.set_opr = v.is_null() ? 2 : 1;
+        e.mode = v == "port" ? 1 : v == "adapter" ? 2 : 0;
+        list->listCnt = 1;
+        check(QMX_SetForceIsolateList(list.get(), 0), "QMX_SetForceIsolateList");
+    };
+    return k;
+}
+
 std::vector<ConfigKey> buildKeys() {
     std::vector<ConfigKey> keys;
     {
@@ -253,6 +303,23 @@ std::vector<ConfigKey> buildKeys() {
         k.normalize = normalizeOnOff;
         k.write = [](const QMX_WWN &, const json &v) {
             check(QMX_SetBindingAutoMapping(QMX_AUTOMAP(v == "on" ? 1 : 0)), "QMX_SetBindingAutoMapping");
+        };
+        keys.push_back(std::move(k));
+    }
+    {
+        // Kept as a driver-wide item; reads 1 when nothing is stored.
+        ConfigKey k;
+        k.name = "isolation_function";
+        k.setCall = "QMX_SetIsolFunc";
+        k.host = true;
+        k.read = [](const QMX_WWN &) -> json {
+            int v = 1;
+            check(QMX_GetIsolFunc(&v), "QMX_GetIsolFunc");
+            return v == 1 ? json("on") : v == 0 ? json("off") : json(nullptr);
+        };
+        k.normalize = normalizeOnOff;
+        k.write = [](const QMX_WWN &, const json &v) {
+            check(QMX_SetIsolFunc(v == "on" ? 1 : 0), "QMX_SetIsolFunc");
         };
         keys.push_back(std::move(k));
     }
@@ -275,6 +342,7 @@ std::vector<ConfigKey> buildKeys() {
                             QMX_SetLimitAlterPath, "QMX_SetLimitAlterPath"));
     keys.push_back(limitKey("offline_path_limit", QMX_GetLimitOfflinePath, "QMX_GetLimitOfflinePath",
                             QMX_SetLimitOfflinePath, "QMX_SetLimitOfflinePath"));
+    keys.push_back(forceIsolateKey());
     keys.push_back(biosKey("hba_bios", QMX_GetHBABiosSetting, "QMX_GetHBABiosSetting",
                            QMX_SetHBABiosSetting, "QMX_SetHBABiosSetting"));
     keys.push_back(biosKey("boot_priority", QMX_GetBootPriority, "QMX_GetBootPriority",

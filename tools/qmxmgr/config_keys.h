@@ -1,8 +1,8 @@
 // The settings a configuration document holds for a port: one row per
 // setting, each reading the stored value, checking a document value and
 // writing it through the exported calls.  Rows come from the parameter table
-// (params.cpp), the multipath environment, the LU limit, alias and BIOS
-// switch calls.
+// (params.cpp), the multipath environment, the LU limit, alias, isolation
+// and BIOS switch calls.
 #pragma once
 
 #include <functional>
