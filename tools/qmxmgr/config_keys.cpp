@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstddef>
 #include <cstring>
+#include <map>
 #include <memory>
 
 #include "params.h"
@@ -240,10 +241,18 @@ ConfigKey luLimitKey(const char *name, QMX_UINT8 QMX_LUID_INFO::*field, long lon
     return k;
 }
 
+// The PCI function of a port.  The port listing is taken once per run (no
+// key of a document changes which ports the host has), so an export of every
+// port makes one discovery, not one per port.
 PortInfo portOf(const QMX_WWN &w) {
-    for (const PortInfo &p : listPorts(false))
-        if (std::memcmp(p.wwn.wwn, w.wwn, 8) == 0) return p;
-    throw UsageError("no port with WWN " + wwnText(w) + " on this host");
+    static const std::map<std::string, PortInfo> ports = [] {
+        std::map<std::string, PortInfo> m;
+        for (const PortInfo &p : listPorts(false)) m.emplace(wwnText(p.wwn), p);
+        return m;
+    }();
+    auto it = ports.find(wwnText(w));
+    if (it == ports.end()) throw UsageError("no port with WWN " + wwnText(w) + " on this host");
+    return it->second;
 }
 
 // The port's entry in the force-isolate list, kept for the next driver load
