@@ -212,11 +212,11 @@ BENCHMARK(BM_AutoSetPersistentBinding)->ArgName("mp")->Arg(0)->Arg(1)->Iteration
 
 void BM_WriteBindInfo(benchmark::State &state) {
     bool fresh = state.range(0) != 0;
+    ConfRestore restore;
     FileFixture file(0);
     if (!file.install()) return state.SkipWithError("config file");
     // The records: this file's own, or those of a file with other target ids.
     FileFixture other(fresh ? kTargetsPerAdapter : 0);
-    std::string save = slurp(kConfFile);
     if (fresh && !other.install()) return state.SkipWithError("config file");
     qmx::binding::clearTables();
     QMX_OpenApiTraceFile();
@@ -252,15 +252,15 @@ void BM_WriteBindInfo(benchmark::State &state) {
     state.counters["records"] = double(records);
     state.counters["file_bytes"] = double(file.text().size());
     if (slurp(kConfFile) != file.text()) state.SkipWithError("the rewrite changed the file");
-    spit(kConfFile, save);
+    qmx::binding::clearTables();
 }
 BENCHMARK(BM_WriteBindInfo)->ArgName("new")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
 // The key list read that the merge starts with (396 bytes a list entry,
 // whatever the item's length): the floor under BM_WriteBindInfo.
 void BM_ReadKeyListOfBindingFile(benchmark::State &state) {
+    ConfRestore restore;
     FileFixture file(0);
-    std::string save = slurp(kConfFile);
     if (!file.install()) return state.SkipWithError("config file");
     int n = 0;
     timeAgainstBare(
@@ -273,13 +273,12 @@ void BM_ReadKeyListOfBindingFile(benchmark::State &state) {
         },
         [&] { return readWhole(kConfFile); });
     state.counters["items"] = double(n);
-    spit(kConfFile, save);
 }
 BENCHMARK(BM_ReadKeyListOfBindingFile)->Unit(benchmark::kMillisecond);
 
 void BM_ReadQmxlddConf(benchmark::State &state) {
+    ConfRestore restore;
     FileFixture file(0);
-    std::string save = slurp(kConfFile);
     if (!file.install()) return state.SkipWithError("config file");
     timeAgainstBare(
         state,
@@ -295,13 +294,12 @@ void BM_ReadQmxlddConf(benchmark::State &state) {
         },
         [&] { return readWhole(kConfFile) && traceLinesBare(kConvertedItems + 2); });
     state.counters["records"] = double(bind_cnt);
-    spit(kConfFile, save);
 }
 BENCHMARK(BM_ReadQmxlddConf)->Unit(benchmark::kMillisecond);
 
 void BM_GetLUPriorityCnt(benchmark::State &state) {
+    ConfRestore restore;
     FileFixture file(0);
-    std::string save = slurp(kConfFile);
     if (!file.install()) return state.SkipWithError("config file");
     int n = -1;
     timeAgainstBare(
@@ -312,7 +310,6 @@ void BM_GetLUPriorityCnt(benchmark::State &state) {
         },
         [&] { return readWhole(kConfFile) && traceLinesBare(kConvertedItems + 8); });
     state.counters["paths"] = double(n);
-    spit(kConfFile, save);
 }
 BENCHMARK(BM_GetLUPriorityCnt)->Unit(benchmark::kMillisecond);
 
