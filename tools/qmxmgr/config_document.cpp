@@ -129,9 +129,7 @@ void checkPort(const std::string &name, const json &port, const std::string &ptr
                Document &d) {
     QMX_WWN w{};
     if (!parseWwn(name, &w)) return pr.add(ptr, "'" + name + "' is not a WWN");
-    bool known = false;
-    for (const PortInfo &p : listPorts(false)) known = known || sameWwn(p.wwn, w);
-    if (!known) return pr.add(ptr, "no port with WWN " + wwnText(w) + " on this host");
+    if (findPort(w) == nullptr) return pr.add(ptr, "no port with WWN " + wwnText(w) + " on this host");
     for (const QMX_WWN &seen : d.ports)
         if (sameWwn(seen, w)) return pr.add(ptr, "port " + wwnText(w) + " given twice");
     d.ports.push_back(w);
@@ -215,7 +213,6 @@ Document readDocument(const std::string &path) {
     // "adapter" entry of the force-isolate list is written (and released)
     // for every function of the adapter.
     std::map<std::pair<int, int>, const Setting *> interrupt, isolate;  // by PCI bus and device
-    std::vector<PortInfo> known = listPorts(false);
     auto conflict = [&](const Setting &s, const Setting &other, const std::string &what) {
         pr.lines.push_back("line " + std::to_string(s.line) + ": " + s.key + " " + what + ": port " +
                            wwnText(s.wwn) + " differs from port " + wwnText(other.wwn));
@@ -223,15 +220,14 @@ Document readDocument(const std::string &path) {
     for (const Setting &s : d.settings) {
         if (s.key != "interrupt_type" && s.key != "force_isolate") continue;
         auto &seen = s.key == "interrupt_type" ? interrupt : isolate;
-        for (const PortInfo &p : known) {
-            if (!sameWwn(p.wwn, s.wwn)) continue;
-            auto [it, fresh] = seen.emplace(std::pair(int(p.bus), int(p.dev)), &s);
-            if (fresh || it->second->value == s.value) continue;
-            if (s.key == "interrupt_type")
-                conflict(s, *it->second, "is one value for every port of an adapter");
-            else if (s.value == "adapter" || it->second->value == "adapter")
-                conflict(s, *it->second, "\"adapter\" is one value for every port of an adapter");
-        }
+        const PortInfo *p = findPort(s.wwn);
+        if (p == nullptr) continue;
+        auto [it, fresh] = seen.emplace(std::pair(int(p->bus), int(p->dev)), &s);
+        if (fresh || it->second->value == s.value) continue;
+        if (s.key == "interrupt_type")
+            conflict(s, *it->second, "is one value for every port of an adapter");
+        else if (s.value == "adapter" || it->second->value == "adapter")
+            conflict(s, *it->second, "\"adapter\" is one value for every port of an adapter");
     }
     if (!pr.lines.empty()) {
         std::string all;

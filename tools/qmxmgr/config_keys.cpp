@@ -5,7 +5,6 @@
 #include <climits>
 #include <cstddef>
 #include <cstring>
-#include <map>
 #include <memory>
 
 #include "params.h"
@@ -165,6 +164,24 @@ ConfigKey limitKey(const char *name, QMX_STATUS (*get)(QMX_WWN, int *, int *), c
     return k;
 }
 
+// A driver-wide on/off switch; both calls read 1 (on) when nothing is stored.
+template <class T>
+ConfigKey hostSwitchKey(const char *name, QMX_STATUS (*get)(T *), const char *getName,
+                        QMX_STATUS (*set)(T), const char *setName) {
+    ConfigKey k;
+    k.name = name;
+    k.setCall = setName;
+    k.host = true;
+    k.read = [get, getName](const QMX_WWN &) -> json {
+        T v = 1;
+        check(get(&v), getName);
+        return v == 1 ? json("on") : v == 0 ? json("off") : json(nullptr);
+    };
+    k.normalize = normalizeOnOff;
+    k.write = [set, setName](const QMX_WWN &, const json &v) { check(set(T(v == "on" ? 1 : 0)), setName); };
+    return k;
+}
+
 // A field of the multipath environment that `QMX_SetOperationEnv` keeps in
 // the driver's configuration as a driver-wide item: read back from that item
 // (the driver's own value, `mp env`, may differ), written by sending the
@@ -241,18 +258,9 @@ ConfigKey luLimitKey(const char *name, QMX_UINT8 QMX_LUID_INFO::*field, long lon
     return k;
 }
 
-// The PCI function of a port.  The port listing is taken once per run (no
-// key of a document changes which ports the host has), so an export of every
-// port makes one discovery, not one per port.
 PortInfo portOf(const QMX_WWN &w) {
-    static const std::map<std::string, PortInfo> ports = [] {
-        std::map<std::string, PortInfo> m;
-        for (const PortInfo &p : listPorts(false)) m.emplace(wwnText(p.wwn), p);
-        return m;
-    }();
-    auto it = ports.find(wwnText(w));
-    if (it == ports.end()) throw UsageError("no port with WWN " + wwnText(w) + " on this host");
-    return it->second;
+    if (const PortInfo *p = findPort(w)) return *p;
+    throw UsageError("no port with WWN " + wwnText(w) + " on this host");
 }
 
 // The port's entry in the force-isolate list, kept for the next driver load
@@ -298,40 +306,12 @@ ConfigKey forceIsolateKey() {
 
 std::vector<ConfigKey> buildKeys() {
     std::vector<ConfigKey> keys;
-    {
-        // Kept in the driver's module options; reads 1 when nothing is stored.
-        ConfigKey k;
-        k.name = "binding_auto_mapping";
-        k.setCall = "QMX_SetBindingAutoMapping";
-        k.host = true;
-        k.read = [](const QMX_WWN &) -> json {
-            QMX_AUTOMAP v = 0;
-            check(QMX_GetBindingAutoMapping(&v), "QMX_GetBindingAutoMapping");
-            return v == 1 ? "on" : "off";
-        };
-        k.normalize = normalizeOnOff;
-        k.write = [](const QMX_WWN &, const json &v) {
-            check(QMX_SetBindingAutoMapping(QMX_AUTOMAP(v == "on" ? 1 : 0)), "QMX_SetBindingAutoMapping");
-        };
-        keys.push_back(std::move(k));
-    }
-    {
-        // Kept as a driver-wide item; reads 1 when nothing is stored.
-        ConfigKey k;
-        k.name = "isolation_function";
-        k.setCall = "QMX_SetIsolFunc";
-        k.host = true;
-        k.read = [](const QMX_WWN &) -> json {
-            int v = 1;
-            check(QMX_GetIsolFunc(&v), "QMX_GetIsolFunc");
-            return v == 1 ? json("on") : v == 0 ? json("off") : json(nullptr);
-        };
-        k.normalize = normalizeOnOff;
-        k.write = [](const QMX_WWN &, const json &v) {
-            check(QMX_SetIsolFunc(v == "on" ? 1 : 0), "QMX_SetIsolFunc");
-        };
-        keys.push_back(std::move(k));
-    }
+    // Kept in the driver's module options, and as a driver-wide item.
+    keys.push_back(hostSwitchKey("binding_auto_mapping", QMX_GetBindingAutoMapping,
+                                 "QMX_GetBindingAutoMapping", QMX_SetBindingAutoMapping,
+                                 "QMX_SetBindingAutoMapping"));
+    keys.push_back(hostSwitchKey("isolation_function", QMX_GetIsolFunc, "QMX_GetIsolFunc",
+                                 QMX_SetIsolFunc, "QMX_SetIsolFunc"));
     for (const EnvItem &e : kEnvItems) keys.push_back(envKey(e));
     keys.push_back(luLimitKey("lu_alter_path", &QMX_LUID_INFO::alter, 8, QMX_SetAlterPath, "QMX_SetAlterPath"));
     keys.push_back(luLimitKey("lu_offline_path", &QMX_LUID_INFO::offline, 8, QMX_SetOfflinePath,

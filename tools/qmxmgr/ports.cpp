@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 
 namespace qmxmgr {
@@ -25,6 +26,17 @@ std::vector<PortInfo> listPorts(bool details) {
     std::optional<std::vector<PortInfo>> &slot = cache[details ? 1 : 0];
     if (!slot) slot = readPorts(details);
     return *slot;
+}
+
+const PortInfo *findPort(const QMX_WWN &wwn) {
+    // Indexed once: a configuration document looks up every port it names.
+    static const std::map<std::string, PortInfo> byWwn = [] {
+        std::map<std::string, PortInfo> m;
+        for (const PortInfo &p : listPorts(false)) m.emplace(wwnText(p.wwn), p);
+        return m;
+    }();
+    auto it = byWwn.find(wwnText(wwn));
+    return it == byWwn.end() ? nullptr : &it->second;
 }
 
 std::vector<PortInfo> readPorts(bool details) {

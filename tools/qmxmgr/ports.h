@@ -28,6 +28,8 @@ struct PortInfo {
 // The ports the driver currently numbers, in discovery order.  With
 // `details` each port's information record is read as well.
 std::vector<PortInfo> listPorts(bool details);
+// The port of that WWN in the listing without details, or null.
+const PortInfo *findPort(const QMX_WWN &wwn);
 
 std::string pciText(const PortInfo &p);   // "03:00.1"
 std::string statusText(uint8_t status);    // "in service", "isolated", ...
