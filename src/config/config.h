@@ -168,6 +168,9 @@ public:
     const std::string *pending() const noexcept { return hasPending_ ? &pending_ : nullptr; }
     // The file's text as a stream: the file itself, or the pending text.
     FILE *open(const char *conf) noexcept;
+    // The descriptor the lock is held on (read only, at offset 0 until read
+    // from), or -1 when the file could not be opened.
+    int fd() const noexcept { return fd_; }
 
 private:
     int fd_ = -1;
@@ -234,6 +237,14 @@ struct ConfText {
 // Reads a file as readKeyFile does (the same trace lines, codes and
 // results) without building a key list: the items view the text read.
 int readConfItems(const char *sizePath, const char *path, ConfText &out) noexcept;
+// Reads a file as readConfItems does (the same trace lines, codes and
+// results) and hands `visit` each item whose key begins with `prefix`, in
+// slot order, instead of keeping a list.  Items are handed over before the
+// line's slots are all counted: a caller keeps what it gathers apart until
+// the result says the read succeeded.
+using ItemVisitor = void (*)(void *ctx, std::string_view key, std::string_view value);
+int visitConfItems(const char *sizePath, const char *path, std::string_view prefix, ItemVisitor visit,
+                   void *ctx) noexcept;
 // flg 0: the driver file, 1: the library file.
 int readKeyList(const ConfStore &store, util_para **key_list, int flg) noexcept;
 

@@ -17,6 +17,10 @@
 #include <string_view>
 #include <unordered_map>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "config/config.h"
 #include "frame/frame.h"
 
@@ -85,85 +89,143 @@ std::string_view firstLine(const char *text, std::size_t len) noexcept {
     return {text, strnlen(text, end)};
 }
 
-// Eight bytes of a line at a time: the bytes of a word that equal a given
-// character are found without a branch per byte (little-endian words; other
-// machines take the byte loops).
-constexpr bool kWordScan = std::endian::native == std::endian::little;
-constexpr uint64_t kOnes = 0x0101010101010101ULL, kLow7 = 0x7f7f7f7f7f7f7f7fULL;
+// The ":" and "=" marks of a line, 64 bytes a block, one bit a byte: the
+// items are then found with bit operations, without a branch per byte.
+constexpr std::size_t kBlock = 64;
+struct Marks {
+    uint64_t colons = 0, eqs = 0;
+};
 
-// The high bit of every byte of `w` that equals `c`, exactly (no borrow
-// from one byte into the next).
-inline uint64_t bytesEqual(uint64_t w, char c) noexcept {
+#if defined(__SSE2__)
+// Sixteen bytes a compare.
+inline Marks marksOf(const char *p) noexcept {
+    const __m128i colon = _mm_set1_epi8(':'), equal = _mm_set1_epi8('=');
+    auto mask = [&](int k, __m128i c) __attribute__((always_inline)) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 16 * k));
+        return uint64_t(uint16_t(_mm_movemask_epi8(_mm_cmpeq_epi8(v, c)))) << (16 * k);
+    };
+    return Marks{mask(0, colon) | mask(1, colon) | mask(2, colon) | mask(3, colon),
+                 mask(0, equal) | mask(1, equal) | mask(2, equal) | mask(3, equal)};
+}
+#else
+// Eight bytes a word: the high bit of every byte of `w` that equals `c`,
+// exactly (no borrow from one byte into the next), gathered into 8 bits.
+inline uint64_t byteMask(const char *p, char c) noexcept {
+    constexpr uint64_t kOnes = 0x0101010101010101ULL, kLow7 = 0x7f7f7f7f7f7f7f7fULL;
+    uint64_t w = 0;
+    for (int k = 0; k < 8; ++k) w |= uint64_t(uint8_t(p[k])) << (8 * k);
     uint64_t x = w ^ (kOnes * uint8_t(c));
-    return ~(((x & kLow7) + kLow7) | x | kLow7);
+    uint64_t high = ~(((x & kLow7) + kLow7) | x | kLow7);
+    // Byte k's high bit to bit k.
+    return ((high >> 7) * 0x0102040810204080ULL) >> 56;
+}
+inline Marks marksOf(const char *p) noexcept {
+    Marks m;
+    for (int k = 0; k < 8; ++k) {
+        m.colons |= byteMask(p + 8 * k, ':') << (8 * k);
+        m.eqs |= byteMask(p + 8 * k, '=') << (8 * k);
+    }
+    return m;
+}
+#endif
+
+// The bits set in `x`, in a few instructions on any machine (a build for
+// the x86-64 baseline would call a library routine for std::popcount).
+inline long bitCount(uint64_t x) noexcept {
+    x -= (x >> 1) & 0x5555555555555555ULL;
+    x = (x & 0x3333333333333333ULL) + ((x >> 2) & 0x3333333333333333ULL);
+    x = (x + (x >> 4)) & 0x0f0f0f0f0f0f0f0fULL;
+    return long((x * 0x0101010101010101ULL) >> 56);
 }
 
-inline uint64_t wordAt(const char *p) noexcept {
-    uint64_t w;
-    std::memcpy(&w, p, 8);
-    return w;
+// Hands `g(base, marks)` the marks of every block of the line in order (the
+// last block's bytes past the end read as zero).
+template <class G>
+void forEachBlock(std::string_view line, G &&g) {
+    const char *p = line.data();
+    const std::size_t n = line.size();
+    std::size_t i = 0;
+    for (; i + kBlock <= n; i += kBlock) g(i, marksOf(p + i));
+    if (i < n) {
+        char tail[kBlock] = {};
+        std::memcpy(tail, p + i, n - i);
+        g(i, marksOf(tail));
+    }
 }
+
+// The result of a walk: whether any text was cut, and the line's item slots
+// (its ":" marks, all of them, also those after the walk ended).
+struct Walk {
+    bool cut = false;
+    long slots = 0;
+};
 
 // Walks the items of a line in slot order as the reader fills its slots:
 // `f(slot, key, value)` with the key and the value cut to what their fields
-// hold.  An item without "=" ends the walk.  True when any text was cut.
-// One pass over the line's ":" and "=" marks.
+// hold, for at most `limit` slots.  An item without "=" ends the walk.  The
+// same pass counts the line's slots, so a reader learns the count (and can
+// refuse the line) without a second pass over the text.
+//
+// The walk steps from ":" to ":" through the block's marks and takes an
+// item's first "=" from them, so that no branch depends on which of the two
+// marks comes next.
 template <class F>
-bool walkItems(std::string_view line, std::size_t slots, F &&f) {
-    bool cut = false;
+Walk walkItems(std::string_view line, std::size_t limit, F &&f) {
+    // Kept in locals apart from the item handler's reach, so that they stay
+    // in registers while it writes.
+    bool cut = false, walking = limit > 0;
+    long slots = 0;
     constexpr std::size_t kNone = std::size_t(-1);
     std::size_t start = 0, eq = kNone, slot = 0;
     const char *p = line.data();
-    const std::size_t n = line.size();
-    // false: the walk ends here.
-    auto mark = [&](std::size_t at) {
-        if (p[at] == '=') {
-            if (eq == kNone) eq = at;
-            return true;
-        }
-        if (eq == kNone) return false;
-        std::size_t keyLen = eq - start, valueLen = at - eq - 1;
-        if (keyLen > kKeyRoom || valueLen > kValueRoom) {
+    // The item from `start` to the ":" at `at`, its "=" at `eqAt`; false:
+    // the walk ends here (no "=", or the last slot filled).
+    auto item = [&](std::size_t eqAt, std::size_t at) __attribute__((always_inline)) {
+        if (eqAt == kNone || eqAt >= at) return false;
+        std::size_t keyLen = eqAt - start, valueLen = at - eqAt - 1;
+        if (keyLen > kKeyRoom || valueLen > kValueRoom) [[unlikely]] {
             cut = true;
             keyLen = std::min(keyLen, kKeyRoom);
             valueLen = std::min(valueLen, kValueRoom);
         }
-        f(slot, std::string_view(p + start, keyLen), std::string_view(p + eq + 1, valueLen));
+        f(slot, std::string_view(p + start, keyLen), std::string_view(p + eqAt + 1, valueLen));
         start = at + 1;
         eq = kNone;
-        return ++slot < slots;
+        return ++slot < limit;
     };
-    if (slots == 0) return false;
-    std::size_t i = 0;
-    if constexpr (kWordScan) {
-        for (; i + 8 <= n; i += 8) {
-            uint64_t w = wordAt(p + i);
-            for (uint64_t m = bytesEqual(w, ':') | bytesEqual(w, '='); m != 0; m &= m - 1)
-                if (!mark(i + std::size_t(std::countr_zero(m) >> 3))) return cut;
+    forEachBlock(line, [&](std::size_t base, Marks m) __attribute__((always_inline)) {
+        slots += bitCount(m.colons);
+        if (!walking) return;
+        for (uint64_t colons = m.colons; colons != 0; colons &= colons - 1) {
+            uint64_t mark = colons & -colons, below = mark - 1;
+            std::size_t at = base + std::size_t(std::countr_zero(mark));
+            // The block's first "=" before this ":", or the ":" itself.
+            std::size_t first = base + std::size_t(std::countr_zero((m.eqs & below) | mark));
+            if (!item(eq != kNone ? eq : first, at)) {
+                walking = false;
+                return;
+            }
+            m.eqs &= ~below;
         }
-    }
-    for (; i < n; ++i)
-        if ((p[i] == ':' || p[i] == '=') && !mark(i)) return cut;
-    return cut;
+        if (eq == kNone && m.eqs != 0) eq = base + std::size_t(std::countr_zero(m.eqs));
+    });
+    return Walk{cut, slots};
+}
+
+// The trace line and code of a line with more item slots than a list may
+// hold; kReadRefused.
+long refuseSlots() noexcept {
+    trace("qmxldd.conf has too many items");
+    setError(QMX_ERR_DATA_FILE);
+    return kReadRefused;
 }
 
 // The item slots of a line; kReadRefused (with its trace line and code 9)
 // when there are more than a list may hold.
 long countSlots(std::string_view line) noexcept {
     long slots = 0;
-    const char *p = line.data();
-    std::size_t i = 0, n = line.size();
-    if constexpr (kWordScan)
-        for (; i + 8 <= n; i += 8)
-            // One high bit a match: their sum gathered in the top byte.
-            slots += long((((bytesEqual(wordAt(p + i), ':') >> 7) * kOnes) >> 56));
-    for (; i < n; ++i) slots += p[i] == ':';
-    if (slots > kMaxKeySlots) {
-        trace("qmxldd.conf has too many items");
-        setError(QMX_ERR_DATA_FILE);
-        return kReadRefused;
-    }
-    return slots;
+    forEachBlock(line, [&](std::size_t, Marks m) { slots += bitCount(m.colons); });
+    return slots > kMaxKeySlots ? refuseSlots() : slots;
 }
 
 }  // namespace
@@ -186,7 +248,7 @@ int parseKeyLine(const char *text, std::size_t len, util_para **key_list) noexce
     bool cut = walkItems(line, std::size_t(slots), [&](std::size_t slot, auto key, auto value) {
         copyText(list[slot].keyword, key);
         copyText(list[slot].value, value);
-    });
+    }).cut;
     if (cut) trace("qmxldd.conf item truncated");
     *key_list = list;
     return int(slots);
@@ -214,7 +276,7 @@ int sizeForRead(const char *sizePath, const char *path, ConfReadGuard &guard, st
     struct stat st;
     if (const std::string *text = guard.pending()) {
         st.st_size = off_t(text->size());
-    } else if (stat(sizePath, &st) != 0) {
+    } else if ((guard.fd() >= 0 ? fstat(guard.fd(), &st) : stat(sizePath, &st)) != 0) {
         sysError("stat", errno);
         return kReadNoFile;
     }
@@ -267,9 +329,9 @@ int readFirstLine(const char *sizePath, const char *path, ReadBuffer &buf, std::
     }
     *opened = true;
     std::size_t got = std::fread(buf.data(), 1, size, fp);
-    // Like fgets, a read error fails the read whatever came before it.
     int err = std::ferror(fp) ? (errno != 0 ? errno : EIO) : 0;
     std::fclose(fp);
+    // Like fgets, a read error fails the read whatever came before it.
     if (err != 0) return readFailed(err);
     if (got == 0) return 0;
     *line = firstLine(buf.data(), got);
@@ -296,25 +358,54 @@ int readConfItems(const char *sizePath, const char *path, ConfText &out) noexcep
     bool opened = false;
     int got = readFirstLine(sizePath, path, out.text, &line, &opened);
     if (got <= 0) return got;
-    long slots = countSlots(line);
-    if (slots < 0) {
-        trace("QMX_Read_qmxlddconf ABEND");
-        return int(slots);
-    }
+    // One pass counts the slots and gathers the items; a line with too many
+    // slots is refused after it (the items gathered so far are dropped).
+    Walk walk;
     try {
-        out.items.reserve(std::size_t(slots));
+        // About one item in 16 bytes of a driver file; the list grows past that.
+        out.items.reserve(std::min<std::size_t>(line.size() / 16 + 1, kMaxKeySlots));
+        walk = walkItems(line, kMaxKeySlots, [&](std::size_t, auto key, auto value) {
+            out.items.push_back(ConfItem{key, value});
+        });
+        if (walk.slots <= kMaxKeySlots) out.items.resize(std::size_t(walk.slots));
     } catch (const std::bad_alloc &) {
+        out.items.clear();
         sysError("malloc", ENOMEM);
         trace("QMX_Read_qmxlddconf ABEND");
         return kReadNoMemory;
     }
+    if (walk.slots > kMaxKeySlots) {
+        out.items.clear();
+        refuseSlots();
+        trace("QMX_Read_qmxlddconf ABEND");
+        return kReadRefused;
+    }
     // The slots after an item without "=" stay empty.
-    bool cut = walkItems(line, std::size_t(slots), [&](std::size_t, auto key, auto value) {
-        out.items.push_back(ConfItem{key, value});
+    if (walk.cut) trace("qmxldd.conf item truncated");
+    return int(walk.slots);
+}
+
+int visitConfItems(const char *sizePath, const char *path, std::string_view prefix, ItemVisitor visit,
+                   void *ctx) noexcept {
+    ReadBuffer buffer;
+    std::string_view line;
+    bool opened = false;
+    int got = readFirstLine(sizePath, path, buffer, &line, &opened);
+    if (got <= 0) return got;
+    Walk walk = walkItems(line, kMaxKeySlots, [&](std::size_t, std::string_view key, std::string_view value) {
+        // Most keys share their first bytes ("qmx"): the prefix's last byte
+        // tells most of them apart before a whole compare.
+        if (key.size() >= prefix.size() && (prefix.empty() || key[prefix.size() - 1] == prefix.back()) &&
+            key.starts_with(prefix))
+            visit(ctx, key, value);
     });
-    out.items.resize(std::size_t(slots));
-    if (cut) trace("qmxldd.conf item truncated");
-    return int(slots);
+    if (walk.slots > kMaxKeySlots) {
+        refuseSlots();
+        trace("QMX_Read_qmxlddconf ABEND");
+        return kReadRefused;
+    }
+    if (walk.cut) trace("qmxldd.conf item truncated");
+    return int(walk.slots);
 }
 
 // ---------------------------------------------------------------------------
@@ -362,7 +453,7 @@ int ConfLookup::read(const char *sizePath, const char *path) noexcept {
             std::string_view text(snap->line);
             snap->cut = walkItems(text, std::size_t(slots), [&](std::size_t, auto key, auto value) {
                 snap->first.emplace(key, value);
-            });
+            }).cut;
             lastSnapshot = std::move(snap);
         }
     } catch (const std::bad_alloc &) {

@@ -77,7 +77,6 @@ const DefaultField kFields[] = {
 #undef QMX_DEFAULT
 
 constexpr std::string_view kRetryPrefix = "qmx_retry_cnt";
-constexpr std::string_view kDriverWide = "qmx_";
 
 // Stores `v` into a field of 1 or 4 bytes, as C assignment narrows it.
 void store(QMX_ALL_DEF_PARAM *p, const DefaultField &f, int v) noexcept {
@@ -105,25 +104,21 @@ void presetDefaults(QMX_ALL_DEF_PARAM *p) noexcept {
     for (int &r : p->retryCnt) r = -1;
 }
 
-void applyDefaults(const ConfItem *list, int count, QMX_ALL_DEF_PARAM *p) noexcept {
-    for (int i = 0; list != nullptr && i < count; ++i) {
-        std::string_view key = keyOf(list[i]);
-        // Only driver-wide keys can match; per-port keys carry a number
-        // after "qmx".
-        if (!key.starts_with(kDriverWide)) continue;
-        int v = atoiText(valueOf(list[i]));
-        if (key.starts_with(kRetryPrefix)) {
-            // The error number follows the prefix; numbers outside the
-            // record's 1000 entries are ignored.
-            int err = atoiText(key.substr(kRetryPrefix.size()));
-            if (err >= 0 && err < QMX_RETRY_CNT_ENTRIES) p->retryCnt[err] = v;
-            continue;
-        }
-        for (const DefaultField &f : kFields) {
-            if (f.key != nullptr && key == f.key) {
-                store(p, f, mapped(f.map, v));
-                break;
-            }
+void applyDefault(QMX_ALL_DEF_PARAM *p, std::string_view key, std::string_view value) noexcept {
+    // Only driver-wide keys can match; per-port keys carry a number after "qmx".
+    if (!key.starts_with(kDriverWide)) return;
+    int v = atoiText(value);
+    if (key.starts_with(kRetryPrefix)) {
+        // The error number follows the prefix; numbers outside the record's
+        // 1000 entries are ignored.
+        int err = atoiText(key.substr(kRetryPrefix.size()));
+        if (err >= 0 && err < QMX_RETRY_CNT_ENTRIES) p->retryCnt[err] = v;
+        return;
+    }
+    for (const DefaultField &f : kFields) {
+        if (f.key != nullptr && key == f.key) {
+            store(p, f, mapped(f.map, v));
+            return;
         }
     }
 }
@@ -162,10 +157,16 @@ QMX_STATUS QMX_GetAllTargetParam(QMX_ALL_DEF_PARAM *altg_param) {
         qmx::hostinfo::presetDefaults(altg_param);
         // The key list reader's read without the list: a file that cannot
         // be opened leaves the defaults as preset, any other failure fails.
-        qmx::ConfText conf;
-        int n = qmx::readConfItems(qmx::kSystemStore.conf, qmx::kSystemStore.conf, conf);
+        // The items fill a copy, given to the caller once the read is whole.
+        QMX_ALL_DEF_PARAM record = *altg_param;
+        int n = qmx::visitConfItems(
+            qmx::kSystemStore.conf, qmx::kSystemStore.conf, qmx::hostinfo::kDriverWide,
+            [](void *ctx, std::string_view key, std::string_view value) {
+                qmx::hostinfo::applyDefault(static_cast<QMX_ALL_DEF_PARAM *>(ctx), key, value);
+            },
+            &record);
         if (n < 0 && n != qmx::kReadNoOpen) return f.fail();
-        qmx::hostinfo::applyDefaults(conf.items.data(), int(conf.items.size()), altg_param);
+        *altg_param = record;
         return f.ok();
     });
 }

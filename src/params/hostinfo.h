@@ -66,8 +66,10 @@ long parseDeviceListing(FILE *fp, QMX_DEVICE_SHOW *out) noexcept;
 // One listing line; true when it was a device line and filled an entry.
 bool parseDeviceLine(const char *line, long lineNo, QMX_DEVICE_SHOW *out) noexcept;
 
-// Presets the defaults record and applies the items of one read to it.
+// Presets the defaults record; applies one item of a read to it.  Only the
+// driver-wide keys (kDriverWide) can change it.
+inline constexpr std::string_view kDriverWide = "qmx_";
 void presetDefaults(QMX_ALL_DEF_PARAM *p) noexcept;
-void applyDefaults(const ConfItem *list, int count, QMX_ALL_DEF_PARAM *p) noexcept;
+void applyDefault(QMX_ALL_DEF_PARAM *p, std::string_view key, std::string_view value) noexcept;
 
 }  // namespace qmx::hostinfo
