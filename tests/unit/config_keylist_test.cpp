@@ -1,5 +1,6 @@
 // Key list reader, port number of a key and adapter number of a WWN.
 #include <cstdlib>
+#include <random>
 
 #include "config_fixture.h"
 
@@ -128,6 +129,39 @@ TEST(KeyLineParse, NulEndsTheLine) {
     ASSERT_NE(list, nullptr);
     EXPECT_STREQ(list[0].keyword, "a");
     std::free(list);
+}
+
+TEST(KeyLineParse, RandomLinesMatchAByteAtATimeReading) {
+    // The reader works on blocks of the line; items straddling block edges,
+    // runs of marks and overlong fields are compared with the plain reading:
+    // every ":" is a slot, items fill them in order up to the first item
+    // without "=", keys and values cut to their fields.
+    constexpr std::size_t kKey = sizeof(util_para::keyword) - 1, kValue = sizeof(util_para::value) - 1;
+    std::mt19937 rng(7);
+    for (int t = 0; t < 3000; ++t) {
+        std::string line;
+        const unsigned colonOdds = 2 + rng() % 300, eqOdds = 2 + rng() % 200;
+        for (std::size_t i = 0, n = rng() % 1200; i < n; ++i)
+            line += rng() % colonOdds == 0 ? ':' : rng() % eqOdds == 0 ? '=' : char('a' + rng() % 3);
+        std::vector<std::string> want;
+        int slots = 0;
+        bool walking = true;
+        for (std::size_t start = 0, at; (at = line.find(':', start)) != std::string::npos; start = at + 1) {
+            ++slots;
+            std::size_t eq = line.find('=', start);
+            if (eq > at) walking = false;
+            if (walking)
+                want.push_back(line.substr(start, std::min(eq - start, kKey)) + "=" +
+                               line.substr(eq + 1, std::min(at - eq - 1, kValue)));
+        }
+        util_para *list = nullptr;
+        ASSERT_EQ(qmx::parseKeyLine(line.data(), line.size(), &list), slots) << line;
+        for (int i = 0; i < slots; ++i) {
+            std::string got = std::string(list[i].keyword) + "=" + list[i].value;
+            ASSERT_EQ(got, std::size_t(i) < want.size() ? want[std::size_t(i)] : "=") << line;
+        }
+        std::free(list);
+    }
 }
 
 TEST(KeyPosition, PortNumberOfKeys) {
