@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include "config/config.h"
 #include "frame/fileio.h"
@@ -26,7 +27,7 @@ constexpr std::size_t kValueMax = sizeof(util_para::value) - 1;
 // The alias-file index of an entry: the number after the three-letter prefix.
 int indexOf(std::string_view key) noexcept { return atoiText(key.size() > 3 ? key.substr(3) : ""); }
 
-bool isWwnEntry(const util_para &p) noexcept { return keyOf(p).find(kWwnTag) != std::string_view::npos; }
+bool isWwnEntry(const ConfItem &p) noexcept { return p.key.find(kWwnTag) != std::string_view::npos; }
 
 // "qmx<index><suffix>"
 struct KeyText {
@@ -58,7 +59,7 @@ WwnKey wwnKey(const QMX_WWN &w) noexcept {
     return k;
 }
 
-std::string_view find(const util_para *list, int count, std::string_view wwn, Kind kind) noexcept {
+std::string_view find(const ConfItem *list, int count, std::string_view wwn, Kind kind) noexcept {
     if (list == nullptr) return {};
     int i = 0;
     while (i < count && !(isWwnEntry(list[i]) && valueOf(list[i]) == wwn)) ++i;
@@ -69,7 +70,7 @@ std::string_view find(const util_para *list, int count, std::string_view wwn, Ki
     return {};
 }
 
-void plan(util_para *list, int count, std::string_view wwn, Kind kind, const char *name,
+void plan(ConfItem *list, int count, std::string_view wwn, Kind kind, const char *name,
           std::size_t len, util_para add[2]) noexcept {
     add[0] = util_para{};
     add[1] = util_para{};
@@ -97,7 +98,7 @@ void plan(util_para *list, int count, std::string_view wwn, Kind kind, const cha
         const KeyText key = keyFor(own, kind.suffix);
         for (int i = 0; i < count; ++i) {
             if (keyOf(list[i]) == key.text) {
-                copyText(list[i].value, value);
+                list[i].value = value;
                 return;
             }
         }
@@ -113,28 +114,31 @@ void plan(util_para *list, int count, std::string_view wwn, Kind kind, const cha
     setEntry(add[1], keyFor(next, kind.suffix).text, value);
 }
 
-void buildText(const util_para *list, int count, util_para *add, int addCount, std::string &out) {
-    auto put = [&](const util_para &p) {
-        out.append(keyOf(p));
+void buildText(const ConfItem *list, int count, util_para *add, int addCount, std::string &out) {
+    auto put = [&](std::string_view key, std::string_view value) {
+        out.append(key);
         out.push_back('=');
-        out.append(valueOf(p));
+        out.append(value);
         out.push_back(':');
     };
     const bool pair = add != nullptr && addCount >= 2;
+    std::size_t size = 0;
+    for (int i = 0; list != nullptr && i < count; ++i) size += list[i].key.size() + list[i].value.size() + 2;
+    out.reserve(size + 2 * (sizeof(util_para::keyword) + sizeof(util_para::value)));
     for (int i = 0; list != nullptr && i < count; ++i) {
-        if (list[i].keyword[0] != '\0') put(list[i]);
+        if (!list[i].key.empty()) put(list[i].key, list[i].value);
         if (pair && add[0].used == 1 && keyOf(add[0]) == keyOf(list[i]) &&
             add[1].keyword[0] != '\0') {
-            put(add[1]);
+            put(keyOf(add[1]), valueOf(add[1]));
             ++add[0].used;
             ++add[1].used;
         }
     }
     for (int i = 0; add != nullptr && i < addCount; ++i)
-        if (add[i].used == 0 && add[i].keyword[0] != '\0') put(add[i]);
+        if (add[i].used == 0 && add[i].keyword[0] != '\0') put(keyOf(add[i]), valueOf(add[i]));
 }
 
-int write(const char *path, util_para *list, int count, util_para *add, int addCount) noexcept {
+int write(const char *path, const ConfItem *list, int count, util_para *add, int addCount) noexcept {
     trace("qmx_WriteAlias START");
     try {
         std::string text;
@@ -164,31 +168,36 @@ int write(const char *path, util_para *list, int count, util_para *add, int addC
 }  // namespace qmx::alias
 
 int qmx_WriteAlias(util_para *keylist, int keylist_cnt, util_para *addlist, int addlist_cnt) {
-    return qmx::alias::write(qmx::kSystemStore.lib, keylist, keylist_cnt, addlist, addlist_cnt);
+    // The list's entries as views of their fields.
+    std::vector<qmx::ConfItem> items;
+    try {
+        for (int i = 0; keylist != nullptr && i < keylist_cnt; ++i)
+            items.push_back(qmx::ConfItem{qmx::keyOf(keylist[i]), qmx::valueOf(keylist[i])});
+    } catch (...) {
+        qmx::trace("qmx_WriteAlias START");
+        qmx::trace("malloc error");
+        qmx::trace("qmx_WriteAlias ABEND");
+        return -1;
+    }
+    return qmx::alias::write(qmx::kSystemStore.lib, items.data(), int(items.size()), addlist, addlist_cnt);
 }
 
 namespace {
 
 using qmx::alias::Kind;
 
-struct FreeList {
-    void operator()(util_para *p) const noexcept { std::free(p); }
-};
-using KeyList = std::unique_ptr<util_para, FreeList>;
-
 // Reads the alias file.  A file that does not exist holds no entries (the
 // reader would report it through the system log as an open failure).  -1
 // when the file cannot be read.  The getters read it into a buffer sized
 // from the driver configuration file, as they always have; a setter, which
 // rewrites the file from what it read, reads it whole (its buffer sized from
-// the alias file itself), so no alias past that size is lost.
-int readAliases(KeyList *list, bool whole) noexcept {
+// the alias file itself), so no alias past that size is lost.  The items
+// view `conf`'s text.
+int readAliases(qmx::ConfText &conf, bool whole) noexcept {
     struct stat st;
     if (stat(qmx::kSystemStore.lib, &st) != 0 && errno == ENOENT) return 0;
-    util_para *raw = nullptr;
-    int n = whole ? qmx::readKeyFile(qmx::kSystemStore.lib, qmx::kSystemStore.lib, &raw)
-                  : QMX_Read_qmxlddconf(&raw, 1);
-    list->reset(raw);
+    int n = qmx::readConfItems(whole ? qmx::kSystemStore.lib : qmx::kSystemStore.conf, qmx::kSystemStore.lib,
+                               conf);
     return n < 0 ? -1 : n;
 }
 
@@ -199,10 +208,10 @@ QMX_STATUS getAlias(const char *name, Kind kind, QMX_WWN wwn, char *aliasname, s
         if (!f.notNull(aliasname, "aliasname", " == NULL")) return f.fail();
         std::memset(aliasname, 0, size);
         const qmx::alias::WwnKey key = qmx::alias::wwnKey(wwn);
-        KeyList list;
-        int n = readAliases(&list, false);
+        qmx::ConfText conf;
+        int n = readAliases(conf, false);
         if (n < 0) return f.fail();
-        std::string_view value = qmx::alias::find(list.get(), n, key.text, kind);
+        std::string_view value = qmx::alias::find(conf.items.data(), n, key.text, kind);
         // strncpy: no terminator when the name fills `size`.
         if (!value.empty()) std::memcpy(aliasname, value.data(), std::min(value.size(), size));
         return f.ok();
@@ -225,13 +234,13 @@ QMX_STATUS setAlias(const char *name, Kind kind, QMX_WWN wwn, char *aliasname, s
             if (c == ':') return f.invalid("Detection of delimiter(:)", "");
         }
         const qmx::alias::WwnKey key = qmx::alias::wwnKey(wwn);
-        KeyList list;
-        int n = readAliases(&list, true);
+        qmx::ConfText conf;
+        int n = readAliases(conf, true);
         if (n < 0) return f.fail();
         util_para add[2];
-        qmx::alias::plan(list.get(), n, key.text, kind, aliasname, size, add);
+        qmx::alias::plan(conf.items.data(), n, key.text, kind, aliasname, size, add);
         // A failed rewrite is not reported to the caller.
-        (void)qmx_WriteAlias(list.get(), n, add, 2);
+        (void)qmx::alias::write(qmx::kSystemStore.lib, conf.items.data(), n, add, 2);
         return f.ok();
     });
 }

@@ -33,23 +33,24 @@ WwnKey wwnKey(const QMX_WWN &w) noexcept;
 
 // The alias of the port whose "-wwn" entry (the first one) holds `wwn`, or
 // an empty view when the port or its alias is not in the list.
-std::string_view find(const util_para *list, int count, std::string_view wwn,
+std::string_view find(const ConfItem *list, int count, std::string_view wwn,
                       Kind kind) noexcept;
 
 // The setter's change: either an existing alias entry of the list is given
 // the name, or add[0..1] receive the new "-wwn" and alias entries (add[0]
 // marked used = 1 when the writer is to place them behind the port's
 // existing "-wwn" entry).  `name` holds at least `len` bytes; at most the
-// value field's 127 characters are kept.
-void plan(util_para *list, int count, std::string_view wwn, Kind kind, const char *name,
+// value field's 127 characters are kept.  A changed entry of the list views
+// `name`, which must outlive the list's use.
+void plan(ConfItem *list, int count, std::string_view wwn, Kind kind, const char *name,
           std::size_t len, util_para add[2]) noexcept;
 
 // The file text the writer produces; marks the added entries it writes.
-void buildText(const util_para *list, int count, util_para *add, int addCount,
+void buildText(const ConfItem *list, int count, util_para *add, int addCount,
                std::string &out);
 
 // The writer on any path.  0 or -1.
-int write(const char *path, util_para *list, int count, util_para *add, int addCount) noexcept;
+int write(const char *path, const ConfItem *list, int count, util_para *add, int addCount) noexcept;
 
 }  // namespace qmx::alias
 
