@@ -1,6 +1,8 @@
 // Key list reader, port number of a key and adapter number of a WWN.
 #include <cstdlib>
 #include <random>
+#include <string>
+#include <vector>
 
 #include "config_fixture.h"
 
@@ -131,28 +133,32 @@ TEST(KeyLineParse, NulEndsTheLine) {
     std::free(list);
 }
 
-TEST(KeyLineParse, RandomLinesMatchAByteAtATimeReading) {
-    // The reader works on blocks of the line; items straddling block edges,
+TEST_F(KeyListRead, RandomLinesMatchAByteAtATimeReading) {
+    // The readers work on blocks of the line; items straddling block edges,
     // runs of marks and overlong fields are compared with the plain reading:
     // every ":" is a slot, items fill them in order up to the first item
-    // without "=", keys and values cut to their fields.
+    // without "=", keys and values cut to their fields.  The item visitor
+    // must hand over exactly the items whose key has its prefix.
     constexpr std::size_t kKey = sizeof(util_para::keyword) - 1, kValue = sizeof(util_para::value) - 1;
+    const char *const prefixes[] = {"a", "ab", "abc_a", "b_"};
     std::mt19937 rng(7);
     for (int t = 0; t < 3000; ++t) {
         std::string line;
         const unsigned colonOdds = 2 + rng() % 300, eqOdds = 2 + rng() % 200;
         for (std::size_t i = 0, n = rng() % 1200; i < n; ++i)
-            line += rng() % colonOdds == 0 ? ':' : rng() % eqOdds == 0 ? '=' : char('a' + rng() % 3);
-        std::vector<std::string> want;
+            line += rng() % colonOdds == 0 ? ':' : rng() % eqOdds == 0 ? '=' : "abc_"[rng() % 4];
+        const std::string prefix = prefixes[t % 4];
+        std::vector<std::string> want, wantVisited;
         int slots = 0;
         bool walking = true;
         for (std::size_t start = 0, at; (at = line.find(':', start)) != std::string::npos; start = at + 1) {
             ++slots;
             std::size_t eq = line.find('=', start);
             if (eq > at) walking = false;
-            if (walking)
-                want.push_back(line.substr(start, std::min(eq - start, kKey)) + "=" +
-                               line.substr(eq + 1, std::min(at - eq - 1, kValue)));
+            if (!walking) continue;
+            std::string key = line.substr(start, std::min(eq - start, kKey));
+            want.push_back(key + "=" + line.substr(eq + 1, std::min(at - eq - 1, kValue)));
+            if (key.starts_with(prefix)) wantVisited.push_back(want.back());
         }
         util_para *list = nullptr;
         ASSERT_EQ(qmx::parseKeyLine(line.data(), line.size(), &list), slots) << line;
@@ -161,6 +167,13 @@ TEST(KeyLineParse, RandomLinesMatchAByteAtATimeReading) {
             ASSERT_EQ(got, std::size_t(i) < want.size() ? want[std::size_t(i)] : "=") << line;
         }
         std::free(list);
+        spit(conf_, line);
+        std::vector<std::string> visited;
+        auto visit = [](void *ctx, std::string_view key, std::string_view value) {
+            static_cast<std::vector<std::string> *>(ctx)->push_back(std::string(key) + "=" + std::string(value));
+        };
+        ASSERT_EQ(qmx::visitConfItems(conf_.c_str(), conf_.c_str(), prefix, visit, &visited), slots) << line;
+        ASSERT_EQ(visited, wantVisited) << prefix << " in " << line;
     }
 }
 
