@@ -3,6 +3,7 @@
 // A configuration file is one line of items "key=value:" written back to
 // back; only the first line counts.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -322,15 +323,36 @@ int readFirstLine(const char *sizePath, const char *path, ReadBuffer &buf, std::
         *line = firstLine(buf.data(), size);
         return 1;
     }
-    FILE *fp = QMX_fopen(const_cast<char *>(path), const_cast<char *>("re"));
-    if (fp == nullptr) {
-        trace("QMX_Read_qmxlddconf ABEND");
-        return kReadNoOpen;
+    std::size_t got = 0;
+    int err = 0;
+    if (guard.fd() >= 0 && std::strcmp(path, sizePath) == 0) {
+        // The driver file is read through the descriptor its lock is held
+        // on: the same text a stream of its own would give, without a
+        // second open.
+        trace("QMX_fopen START");
+        *opened = true;
+        while (got < size) {
+            ssize_t n = ::read(guard.fd(), buf.data() + got, size - got);
+            if (n > 0) {
+                got += std::size_t(n);
+            } else if (n == 0) {
+                break;
+            } else if (errno != EINTR) {
+                err = errno;
+                break;
+            }
+        }
+    } else {
+        FILE *fp = QMX_fopen(const_cast<char *>(path), const_cast<char *>("re"));
+        if (fp == nullptr) {
+            trace("QMX_Read_qmxlddconf ABEND");
+            return kReadNoOpen;
+        }
+        *opened = true;
+        got = std::fread(buf.data(), 1, size, fp);
+        err = std::ferror(fp) ? (errno != 0 ? errno : EIO) : 0;
+        std::fclose(fp);
     }
-    *opened = true;
-    std::size_t got = std::fread(buf.data(), 1, size, fp);
-    int err = std::ferror(fp) ? (errno != 0 ? errno : EIO) : 0;
-    std::fclose(fp);
     // Like fgets, a read error fails the read whatever came before it.
     if (err != 0) return readFailed(err);
     if (got == 0) return 0;
