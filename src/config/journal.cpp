@@ -6,10 +6,11 @@
 // and before its first byte the new text goes to a journal beside the file
 // ("<file>.journal"):
 //
-//   QMXJOURNAL 1 <length> <checksum>\n<the new text: length bytes>
+//   QMXJOURNAL 2 <length> <checksum>\n<the new text: length bytes>
 //
-// (length in decimal, checksum the 64-bit FNV-1a of the text in 16 lower-case
-// hexadecimal digits).  The journal is flushed to disk with its folder before
+// (length in decimal, checksum in 16 lower-case hexadecimal digits: in
+// layout 2 a hash of the text's 8-byte words in four lanes, in layout 1,
+// which is still read, the 64-bit FNV-1a of its bytes).  The journal is flushed to disk with its folder before
 // the file is touched, and removed (the folder flushed again) once the
 // rewritten file is on disk.  The file itself keeps the one-line format
 // older tools read.
@@ -44,16 +45,49 @@ namespace qmx {
 
 namespace {
 
-constexpr const char *kJournalMagic = "QMXJOURNAL 1 ";
+// The layout written; layout 1 journals (left by an older library) are
+// still finished.
+constexpr const char *kJournalMagic = "QMXJOURNAL 2 ";
+constexpr const char *kJournalMagicV1 = "QMXJOURNAL 1 ";
 constexpr std::size_t kMaxHeader = 64;
+constexpr uint64_t kBasis = 0xcbf29ce484222325ULL, kPrime = 0x100000001b3ULL;
 
-uint64_t checksum(std::string_view text) noexcept {
-    uint64_t h = 0xcbf29ce484222325ULL;
+// Layout 1: the 64-bit FNV-1a of the text, a byte at a time (one multiply
+// waiting on the last: some 4 cycles a byte).
+uint64_t checksumV1(std::string_view text) noexcept {
+    uint64_t h = kBasis;
     for (unsigned char c : text) {
         h ^= c;
-        h *= 0x100000001b3ULL;
+        h *= kPrime;
     }
     return h;
+}
+
+// Layout 2: four lanes, each taking every fourth little-endian 8-byte word
+// of the text ((lane ^ word) * prime, then its high bits folded down: a
+// bijection of the lane, so any one changed word changes the result),
+// folded together with the tail bytes and the length.  The lanes' multiplies
+// run side by side: a journal of megabytes is hashed in about a millisecond.
+uint64_t checksum(std::string_view text) noexcept {
+    const auto *p = reinterpret_cast<const unsigned char *>(text.data());
+    const std::size_t n = text.size();
+    auto word = [p](std::size_t at) {
+        uint64_t w = 0;
+        for (int b = 0; b < 8; ++b) w |= uint64_t(p[at + std::size_t(b)]) << (8 * b);
+        return w;
+    };
+    auto step = [](uint64_t lane, uint64_t w) {
+        lane = (lane ^ w) * kPrime;
+        return lane ^ (lane >> 29);
+    };
+    uint64_t lane[4] = {kBasis, kBasis ^ 1, kBasis ^ 2, kBasis ^ 3};
+    std::size_t i = 0;
+    for (; i + 32 <= n; i += 32)
+        for (std::size_t k = 0; k < 4; ++k) lane[k] = step(lane[k], word(i + 8 * k));
+    uint64_t h = kBasis;
+    for (uint64_t l : lane) h = step(h, l);
+    for (; i < n; ++i) h = step(h, p[i]);
+    return step(h, uint64_t(n));
 }
 
 bool lockFile(int fd, int how) noexcept {
@@ -84,7 +118,9 @@ bool readJournal(int fd, std::string &data, FileError *err) {
 bool journalText(std::string_view data, std::string_view *text) noexcept {
     std::size_t magic = std::strlen(kJournalMagic);
     std::size_t nl = data.find('\n');
-    if (nl == std::string_view::npos || nl > kMaxHeader || data.substr(0, magic) != kJournalMagic) return false;
+    if (nl == std::string_view::npos || nl > kMaxHeader) return false;
+    const bool v1 = data.substr(0, magic) == kJournalMagicV1;
+    if (!v1 && data.substr(0, magic) != kJournalMagic) return false;
     std::string header(data.substr(magic, nl - magic));
     unsigned long long length = 0;
     uint64_t sum = 0;
@@ -94,7 +130,7 @@ bool journalText(std::string_view data, std::string_view *text) noexcept {
         return false;
     if (length != data.size() - nl - 1) return false;
     *text = data.substr(nl + 1);
-    return checksum(*text) == sum;
+    return (v1 ? checksumV1(*text) : checksum(*text)) == sum;
 }
 
 // Writes `text` into the file open as `fd`, cut to its size, and flushes it.

@@ -247,6 +247,9 @@ TEST_F(ConfWrite, JournalLeftByACrashIsFinishedOrDroppedBeforeTheRead) {
     qmx::FileError fe;
     ASSERT_TRUE(qmx::writeJournal(conf_.c_str(), fresh, 0644, &fe));
     const std::string whole = slurp(journal);
+    const std::size_t textAt = whole.find('\n') + 1;
+    std::string wordChanged = whole;
+    wordChanged[textAt + 9] ^= 0x20;  // a byte in the text's first 8-byte word
     struct Case {
         const char *why;
         std::string journal;
@@ -255,6 +258,10 @@ TEST_F(ConfWrite, JournalLeftByACrashIsFinishedOrDroppedBeforeTheRead) {
         {"complete", whole, true},
         {"cut short", whole.substr(0, whole.size() - 5), false},
         {"text changed", whole.substr(0, whole.size() - 1) + "!", false},
+        {"word changed", wordChanged, false},
+        // Left by an older library: the byte-wise FNV-1a layout.
+        {"layout 1", "QMXJOURNAL 1 37 cbe0753d5af6bf78\n" + fresh, true},
+        {"layout 1 altered", "QMXJOURNAL 1 37 cbe0753d5af6bf79\n" + fresh, false},
         {"header alone", whole.substr(0, whole.find('\n') + 1), false},
         {"empty", "", false},
     };
