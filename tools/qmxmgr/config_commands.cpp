@@ -65,9 +65,19 @@ int cmdApply(const ConfigOptions &o) {
             std::cout << changes.size() << " change(s), none made (dry run)\n";
             return kExitOk;
         }
-        for (std::size_t i = 0; i < changes.size(); ++i) {
+        for (std::size_t i = 0; i < changes.size();) {
+            // One change, or every change of a key written as one table.
+            const ConfigKey *key = changes[i].key;
+            std::size_t end = i + 1;
+            while (key->writeAll && end < changes.size() && changes[end].key == key) ++end;
             try {
-                changes[i].key->write(changes[i].wwn, changes[i].to);
+                if (key->writeAll) {
+                    std::vector<std::pair<QMX_WWN, json>> rows;
+                    for (std::size_t j = i; j < end; ++j) rows.emplace_back(changes[j].wwn, changes[j].to);
+                    key->writeAll(rows);
+                } else {
+                    key->write(changes[i].wwn, changes[i].to);
+                }
             } catch (const CallError &e) {
                 std::cerr << "qmxmgr: " << changeLine(changes[i]) << ": "
                           << failureLine(e.call(), e.what()) << "\n";
@@ -77,7 +87,7 @@ int cmdApply(const ConfigOptions &o) {
                     std::cerr << "not changed: " << changeLine(changes[j]) << "\n";
                 return kExitFailed;
             }
-            std::cout << "changed " << changeLine(changes[i]) << "\n";
+            for (; i < end; ++i) std::cout << "changed " << changeLine(changes[i]) << "\n";
         }
         std::cout << changes.size() << " change(s) made\n";
         return kExitOk;

@@ -2,10 +2,15 @@
 
 #include <yaml-cpp/yaml.h>
 
+#include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <memory>
+#include <optional>
+#include <set>
 #include <sstream>
 
 #include "config_keys.h"
@@ -133,6 +138,7 @@ void checkPort(const std::string &name, const json &port, const std::string &ptr
     for (const QMX_WWN &seen : d.ports)
         if (sameWwn(seen, w)) return pr.add(ptr, "port " + wwnText(w) + " given twice");
     d.ports.push_back(w);
+    d.portLines[wwnText(w)] = pr.doc.lines.count(ptr) ? pr.doc.lines.at(ptr) : 1;
     if (!port.is_object()) return pr.add(ptr, "port " + name + ": expected a mapping");
     for (const auto &[k, v] : port.items()) {
         // device, adapter_number and current are informative: written by
@@ -178,6 +184,7 @@ Document readDocument(const std::string &path) {
     Parsed p = parse(path);
     Problems pr{p, {}};
     Document d;
+    d.path = path;
     const json &root = p.value;
     if (!root.is_object()) throw DocumentError("line 1: the document is not a mapping");
     for (const auto &[k, v] : root.items())
@@ -211,13 +218,20 @@ Document readDocument(const std::string &path) {
     // interrupt type for every function of the port's adapter, so two
     // functions asking for different types could never both be met; an
     // "adapter" entry of the force-isolate list is written (and released)
-    // for every function of the adapter.
+    // for every function of the adapter; two ports cannot have one number.
     std::map<std::pair<int, int>, const Setting *> interrupt, isolate;  // by PCI bus and device
+    std::map<long long, const Setting *> numbers;
     auto conflict = [&](const Setting &s, const Setting &other, const std::string &what) {
         pr.lines.push_back("line " + std::to_string(s.line) + ": " + s.key + " " + what + ": port " +
                            wwnText(s.wwn) + " differs from port " + wwnText(other.wwn));
     };
     for (const Setting &s : d.settings) {
+        if (s.key == kAdapterNumberKey) {
+            auto [it, fresh] = numbers.emplace(s.value.get<long long>(), &s);
+            if (!fresh)
+                pr.lines.push_back("line " + std::to_string(s.line) + ": adapter_number " + s.value.dump() +
+                                   " is given to port " + wwnText(it->second->wwn) + " too");
+        }
         if (s.key != "interrupt_type" && s.key != "force_isolate") continue;
         auto &seen = s.key == "interrupt_type" ? interrupt : isolate;
         const PortInfo *p = findPort(s.wwn);
@@ -242,24 +256,208 @@ std::string changeLine(const Change &c) {
         return v.is_null() ? std::string("unset") : v.is_string() ? v.get<std::string>() : v.dump();
     };
     return (c.key->host ? "host " : "port " + wwnText(c.wwn) + " ") + c.key->name + ": " +
-           shown(c.from) + " -> " + shown(c.to);
+           shown(c.from) + " -> " + shown(c.to) + (c.drops.empty() ? "" : " (drops " + c.drops + ")");
 }
+
+namespace {
+
+// The adapter numbers of the host and what the document's numbers do to
+// them.  The settings /etc/qmxldd.conf keeps for a port are filed under its
+// number ("qmx<N>_...", "qmxl<N>-..."), and every setting call files them
+// under the number the driver runs the port under now, while the driver
+// takes each port's number from its "qmxl<N>-wwpn" key at its next load.
+// Giving a port a number drops every key of its old number and of the new
+// one (QMX_SetAdapterNumber has no way to move them).
+struct Numbering {
+    std::map<std::string, int> running;     // the driver's number now, by WWN text
+    std::map<std::string, int> configured;  // the file's first binding, by WWN text
+    std::map<int, std::string> holder;      // the WWN text the file binds to a number first
+    std::map<int, std::vector<std::string>> kept;  // "key=value" of each number, its binding aside
+    std::map<std::string, const Setting *> wanted;  // the document's numbers, by WWN text
+    std::set<int> dropped;                  // numbers whose keys the numbering drops
+    std::map<int, std::string> after;       // holder of each number once the numbering is written
+
+    // The number the driver gives the port at its next load, if the file fixes one.
+    std::optional<int> nextNumber(const std::string &w) const {
+        if (auto it = wanted.find(w); it != wanted.end()) return it->second->value.get<int>();
+        if (auto it = configured.find(w); it != configured.end()) return it->second;
+        return std::nullopt;
+    }
+    bool moves(const std::string &w) const {
+        auto it = wanted.find(w);
+        auto c = configured.find(w);
+        return it != wanted.end() && (c == configured.end() || c->second != it->second->value.get<int>());
+    }
+};
+
+// "qmxl<N>-..." or "qmx<N>_...", N printed as "%d" prints it: N, else -1.
+int numberOfKey(const std::string &key, bool *binding) {
+    bool adapter = key.rfind("qmxl", 0) == 0;
+    std::size_t at = adapter ? 4 : key.rfind("qmx", 0) == 0 ? 3 : std::string::npos;
+    if (at == std::string::npos) return -1;
+    std::size_t end = at;
+    while (end < key.size() && std::isdigit(static_cast<unsigned char>(key[end])) && end - at < 4) ++end;
+    if (end == at || end >= key.size() || key[end] != (adapter ? '-' : '_') ||
+        (key[at] == '0' && end - at > 1))
+        return -1;
+    *binding = key.compare(end + 1, std::string::npos, "wwpn") == 0;
+    return std::atoi(key.substr(at, end - at).c_str());
+}
+
+Numbering readNumbering(const Document &d) {
+    Numbering n;
+    for (const Setting &s : d.settings)
+        if (s.key == kAdapterNumberKey) n.wanted[wwnText(s.wwn)] = &s;
+    for (const PortInfo &p : listPorts(false)) n.running[wwnText(p.wwn)] = p.number;
+    for (const auto &[num, w] : configuredNumbers()) {
+        n.configured.emplace(wwnText(w), num);
+        n.holder.emplace(num, wwnText(w));
+    }
+    n.after = n.holder;
+    bool any = false;
+    for (const auto &[w, s] : n.wanted) any = any || n.moves(w);
+    if (!any) return n;  // nothing moves: nothing is dropped
+    util_para *raw = nullptr;
+    int count = QMX_Read_qmxlddconf(&raw, 0);
+    std::unique_ptr<util_para, decltype(&std::free)> list(raw, &std::free);
+    if (count < 0 && count != -2) check(1, "QMX_Read_qmxlddconf");  // -2: no file, nothing kept
+    for (int i = 0; raw != nullptr && i < count; ++i) {
+        std::string key = fieldText(raw[i].keyword, sizeof raw[i].keyword);
+        bool binding = false;
+        int num = numberOfKey(key, &binding);
+        if (num >= 0 && !binding) n.kept[num].push_back(key + "=" + fieldText(raw[i].value, sizeof raw[i].value));
+    }
+    for (const auto &[w, s] : n.wanted) {
+        if (!n.moves(w)) continue;
+        if (auto c = n.configured.find(w); c != n.configured.end()) {
+            n.dropped.insert(c->second);
+            if (auto h = n.after.find(c->second); h != n.after.end() && h->second == w) n.after.erase(h);
+        }
+    }
+    for (const auto &[w, s] : n.wanted)
+        if (n.moves(w)) n.dropped.insert(s->value.get<int>()), n.after[s->value.get<int>()] = w;
+    return n;
+}
+
+std::string joined(const std::vector<std::string> &items) {
+    std::string all;
+    for (const std::string &i : items) all += (all.empty() ? "" : ", ") + i;
+    return all;
+}
+
+// The numbering changes, one row each; a number that would take a setting
+// from a port or drop one unasked is a problem of the document.
+void planNumbers(const Numbering &n, bool prune, std::vector<Change> &changes,
+                 std::vector<std::string> &problems) {
+    const ConfigKey *key = findConfigKey(kAdapterNumberKey);
+    for (const auto &[w, s] : n.wanted) {
+        if (!n.moves(w)) continue;
+        int to = s->value.get<int>();
+        std::string at = "line " + std::to_string(s->line) + ": port " + w + " adapter_number " +
+                         std::to_string(to) + ": ";
+        auto held = n.holder.find(to);
+        if (held != n.holder.end() && held->second != w && !n.moves(held->second)) {
+            // Not reachable through a document when the holder is gone from the host.
+            problems.push_back(at + "number " + std::to_string(to) + " is held by port " + held->second +
+                               (n.running.count(held->second) ? ", which this document does not give another number"
+                                                              : ", which is not on this host (qmxmgr numbering remove frees it)") +
+                               "; taking it drops what /etc/qmxldd.conf keeps for that port under the number");
+            continue;
+        }
+        if (held == n.holder.end()) {
+            bool taken = false;
+            for (const auto &[q, r] : n.running)
+                if (r == to && q != w && !n.configured.count(q) && !n.moves(q)) {
+                    problems.push_back(at + "the driver runs port " + q + " under number " + std::to_string(to) +
+                                       " and the document does not give it another number");
+                    taken = true;
+                }
+            if (taken) continue;
+        }
+        // What the new table drops for this port: its old number's keys, and
+        // the new number's when no other port held it (a holder that moves
+        // away counts them as its own).
+        std::vector<std::string> lost, under;
+        json from = nullptr;
+        auto drop = [&](int num) {
+            auto k = n.kept.find(num);
+            if (k == n.kept.end()) return;
+            lost.insert(lost.end(), k->second.begin(), k->second.end());
+            under.push_back(std::to_string(num));
+        };
+        if (auto c = n.configured.find(w); c != n.configured.end()) {
+            from = c->second;
+            drop(c->second);
+        }
+        if (held == n.holder.end() || held->second == w) drop(to);
+        if (!lost.empty() && !prune) {
+            bool runsUnderIt = n.running.at(w) == to;
+            problems.push_back(at + "this drops what /etc/qmxldd.conf keeps under number" +
+                               (under.size() > 1 ? "s " : " ") + joined(under) + " (" +
+                               joined(lost) + ")" +
+                               (runsUnderIt ? ": apply with --prune to drop it (the settings this document gives "
+                                              "the port are written again under the number)"
+                                            : ", and no setting call can file it under number " + std::to_string(to) +
+                                                  " before the driver runs the port under that number: apply with "
+                                                  "--prune to drop it, reload the driver, then apply the port's "
+                                                  "settings again"));
+        }
+        changes.push_back(Change{s->wwn, key, from, s->value, joined(lost)});
+    }
+}
+
+}  // namespace
 
 std::vector<Change> plan(const Document &d, bool prune) {
     std::map<std::string, const Setting *> wanted;  // by WWN text and key
     for (const Setting &s : d.settings) wanted[wwnText(s.wwn) + " " + s.key] = &s;
-    std::vector<QMX_WWN> scopes = d.ports;
-    if (d.host) scopes.insert(scopes.begin(), QMX_WWN{});
     std::vector<Change> changes;
-    for (const QMX_WWN &w : scopes) {
+    std::vector<std::string> problems;
+    auto consider = [&](const QMX_WWN &w, const ConfigKey &k, bool dropped) {
+        auto it = wanted.find(wwnText(w) + " " + k.name);
+        if (it == wanted.end() && !(prune && k.removable)) return false;
+        json to = it != wanted.end() ? it->second->value : json(nullptr);
+        json from = dropped ? json(nullptr) : k.read(w);
+        if (from == to) return false;
+        changes.push_back(Change{w, &k, from, to, {}});
+        return true;
+    };
+    if (d.host)
+        for (const ConfigKey &k : configKeys())
+            if (k.host) consider(QMX_WWN{}, k, false);
+    Numbering n = readNumbering(d);
+    planNumbers(n, prune, changes, problems);
+    for (const QMX_WWN &w : d.ports) {
+        std::string port = wwnText(w);
+        int now = n.running.at(port);
+        // The settings calls file under the number the driver runs the port
+        // under now: right only when the port keeps that number at the next
+        // load (or, without a number of its own, when no port takes it: the
+        // first setting then binds it to this port).
+        std::optional<int> next = n.nextNumber(port);
+        auto owner = n.after.find(now);
+        bool filedRight = next ? *next == now : owner == n.after.end() || owner->second == port;
         for (const ConfigKey &k : configKeys()) {
-            if (k.host != isAllZeroWwn(w)) continue;
-            auto it = wanted.find(wwnText(w) + " " + k.name);
-            if (it == wanted.end() && !(prune && k.removable)) continue;
-            json to = it != wanted.end() ? it->second->value : json(nullptr);
-            json from = k.read(w);
-            if (from != to) changes.push_back(Change{w, &k, from, to});
+            if (k.host || k.name == kAdapterNumberKey) continue;
+            if (!consider(w, k, k.perNumber && n.dropped.count(now)) || !k.perNumber || filedRight) continue;
+            auto it = wanted.find(port + " " + k.name);
+            int line = it != wanted.end() ? it->second->line : d.portLines.count(port) ? d.portLines.at(port) : 1;
+            problems.push_back("line " + std::to_string(line) + ": port " + port + " " + k.name +
+                               ": would be filed under number " + std::to_string(now) +
+                               ", the driver's number for the port now, but " +
+                               (next ? "the port is numbered " + std::to_string(*next)
+                                     : "number " + std::to_string(now) + " is port " + owner->second + "'s") +
+                               " from the next driver load: apply the adapter numbers alone, reload the "
+                               "driver, then apply the port's settings");
         }
+    }
+    if (!problems.empty()) {
+        auto lineOf = [](const std::string &l) { return std::atoi(l.c_str() + 5); };  // "line N: ..."
+        std::stable_sort(problems.begin(), problems.end(),
+                         [&](const std::string &a, const std::string &b) { return lineOf(a) < lineOf(b); });
+        std::string all;
+        for (const std::string &l : problems) all += (all.empty() ? "" : "\n") + d.path + ": " + l;
+        throw DocumentError(all);
     }
     return changes;
 }
@@ -279,11 +477,14 @@ json exportDocument(const std::vector<std::string> &names, bool withCurrent) {
              {"ports", json::object()}};
     for (const ConfigKey &k : configKeys())
         if (k.host) doc["host"]["settings"][k.name] = k.read(QMX_WWN{});
+    std::map<std::string, int> numbers;  // the first binding of each WWN
+    for (const auto &[num, w] : configuredNumbers()) numbers.emplace(wwnText(w), num);
     for (const PortInfo &p : ports) {
         json port{{"device", p.device}, {"adapter_number", p.number}, {"settings", json::object()}};
         for (const ConfigKey &k : configKeys()) {
             if (k.host) continue;
-            json v = k.read(p.wwn);
+            // One reading of the numbering for every port.
+            json v = k.name != kAdapterNumberKey ? k.read(p.wwn) : numbers.count(wwnText(p.wwn)) ? json(numbers[wwnText(p.wwn)]) : json(nullptr);
             if (!v.is_null()) port["settings"][k.name] = v;
         }
         if (withCurrent) port["current"] = currentValues(p.wwn);

@@ -11,8 +11,9 @@
 //   ports:
 //     "21:00:00:24:ff:00:00:01":
 //       device: "qmxldd0"          # informative, never applied
-//       adapter_number: 0          # informative, never applied
+//       adapter_number: 0          # informative (the driver's number now), never applied
 //       settings:
+//         adapter_number: 0        # the number /etc/qmxldd.conf binds to the port
 //         force_isolate: "port"
 //         queue_depth: 64
 //         connection_type: "auto"
@@ -49,8 +50,10 @@ public:
 };
 
 struct Document {
+    std::string path;            // as given, for the reasons of a refusal
     std::vector<Setting> settings;
     std::vector<QMX_WWN> ports;  // the ports the document names
+    std::map<std::string, int> portLines;  // line of each port, by WWN text
     bool host = false;           // the document has a host section
 };
 
@@ -65,12 +68,17 @@ struct Change {
     QMX_WWN wwn{};
     const ConfigKey *key = nullptr;
     json from, to;
+    std::string drops;  // a new adapter number: the keys it drops ("qmx1_link_speed=8, ...")
 };
 
-// The changes that make the host equal to the document, host first, then
-// port by port in the order of the keys table; with `prune` the removable
-// settings a listed port has but the document omits are removed too.
-// Makes only reading calls.  Throws CallError.
+// The changes that make the host equal to the document: the host's first,
+// then the ports' adapter numbers (one table), then port by port in the
+// order of the keys table; with `prune` the removable settings a listed port
+// has but the document omits are removed too.  The changes are worked out
+// for the host as the numbering will leave it, so apply needs no second
+// look.  A document whose numbering would drop or misfile a stored setting
+// is refused (DocumentError, naming the lines).  Makes only reading calls.
+// Throws CallError.
 std::vector<Change> plan(const Document &d, bool prune);
 
 // "port 21:00:...:50 queue_depth: 32 -> 64" ("unset" for nothing stored).

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstring>
 #include <memory>
+#include <set>
 
 #include "params.h"
 #include "ports.h"
@@ -67,6 +68,7 @@ ConfigKey paramKey(const Param &p) {
     k.setCall = p.setCall;
     k.removable = p.canUnset;
     k.bootFirmware = p.scope == Scope::PortOnly;
+    k.perNumber = !k.bootFirmware;
     k.read = [&p](const QMX_WWN &w) -> json {
         Reading rd;
         check(p.get(w, rd), p.getCall.c_str());
@@ -147,6 +149,7 @@ ConfigKey limitKey(const char *name, QMX_STATUS (*get)(QMX_WWN, int *, int *), c
     k.name = name;
     k.setCall = setName;
     k.removable = true;
+    k.perNumber = true;
     k.read = [get, getName](const QMX_WWN &w) -> json {
         int c = -1, s = -1;
         check(get(w, &c, &s), getName);
@@ -304,6 +307,63 @@ ConfigKey forceIsolateKey() {
     return k;
 }
 
+// The number /etc/qmxldd.conf binds to the port ("qmxl<N>-wwpn"), its
+// device number from the next driver load on.  All numbers change in one
+// QMX_SetAdapterNumber table: a port that moves gives up its old number
+// (which drops every key kept under it), then takes the new one (which drops
+// every key kept under that).  What may be dropped, and which settings can
+// still be written in the same apply, is decided by plan().
+ConfigKey adapterNumberKey() {
+    ConfigKey k;
+    k.name = kAdapterNumberKey;
+    k.setCall = "QMX_SetAdapterNumber";
+    // Neither null nor --prune removes a number: that would drop every
+    // setting kept under it, and the driver would number the port itself.
+    k.removable = false;
+    // The first binding of the WWN in the file, the one the driver takes.
+    auto numberOf = [](const QMX_WWN &w) -> json {
+        for (const auto &[n, bound] : configuredNumbers())
+            if (std::memcmp(bound.wwn, w.wwn, 8) == 0) return n;
+        return nullptr;
+    };
+    k.read = numberOf;
+    k.normalize = [](const json &v, std::string &why) {
+        return normalizeRange(v, 0, QMX_ADAPTERNUMBER_MAX - 1, false, why);
+    };
+    k.writeAll = [numberOf](const std::vector<std::pair<QMX_WWN, json>> &rows) {
+        std::vector<adapterinformation> gone, given;
+        std::set<int> used;
+        for (const auto &[w, v] : rows) {
+            if (!numberOf(w).is_null()) {
+                adapterinformation a{};
+                a.hba_wwn = w;
+                a.set_opr = QMX_ADPNUM_OPR_REMOVE;
+                gone.push_back(a);
+            }
+            adapterinformation a{};
+            a.hba_wwn = w;
+            a.adapternumber = v.get<int>();
+            a.set_opr = QMX_ADPNUM_OPR_ASSIGN;
+            used.insert(a.adapternumber);
+            given.push_back(a);
+        }
+        // A removal finds the port by its WWN, but the call still wants its
+        // entry to carry a number no other entry of the table has.
+        int spare = 0;
+        for (adapterinformation &a : gone) {
+            while (used.count(spare)) ++spare;
+            a.adapternumber = spare++;
+        }
+        gone.insert(gone.end(), given.begin(), given.end());
+        auto table = std::make_unique<QMX_ADAPTERNUMBER>();
+        std::memset(table.get(), 0, sizeof *table);
+        std::copy(gone.begin(), gone.end(), table->portlist);
+        table->portlist_max = QMX_INT32(gone.size());
+        check(QMX_SetAdapterNumber(table.get()), "QMX_SetAdapterNumber");
+    };
+    return k;
+}
+
 std::vector<ConfigKey> buildKeys() {
     std::vector<ConfigKey> keys;
     // Kept in the driver's module options, and as a driver-wide item.
@@ -318,6 +378,7 @@ std::vector<ConfigKey> buildKeys() {
                               "QMX_SetOfflinePath"));
     keys.push_back(luLimitKey("lu_write_retries", &QMX_LUID_INFO::panic, 126, QMX_SetKernelPanicCount,
                               "QMX_SetKernelPanicCount"));
+    keys.push_back(adapterNumberKey());
     keys.push_back(aliasKey("hba_alias", QMX_GetHbaAliasName, "QMX_GetHbaAliasName",
                             QMX_SetHbaAliasName, "QMX_SetHbaAliasName"));
     keys.push_back(aliasKey("port_alias", QMX_GetPortAliasName, "QMX_GetPortAliasName",
@@ -342,6 +403,17 @@ std::vector<ConfigKey> buildKeys() {
 }
 
 }  // namespace
+
+const char *const kAdapterNumberKey = "adapter_number";
+
+std::vector<std::pair<int, QMX_WWN>> configuredNumbers() {
+    auto table = std::make_unique<QMX_ADAPTERNUMBER>();
+    check(QMX_GetAdapterNumber(table.get(), QMX_ADPNUM_MODE_CONFIGURED), "QMX_GetAdapterNumber");
+    std::vector<std::pair<int, QMX_WWN>> out;
+    for (int i = 0; i < std::min<int>(table->portlist_max, QMX_ADAPTERNUMBER_MAX); ++i)
+        out.emplace_back(table->portlist[i].adapternumber, table->portlist[i].hba_wwn);
+    return out;
+}
 
 const std::vector<ConfigKey> &configKeys() {
     static const std::vector<ConfigKey> keys = buildKeys();

@@ -1,12 +1,13 @@
 // The settings a configuration document holds for a port: one row per
 // setting, each reading the stored value, checking a document value and
 // writing it through the exported calls.  Rows come from the parameter table
-// (params.cpp), the multipath environment, the LU limit, alias, isolation
-// and BIOS switch calls.
+// (params.cpp), the multipath environment, the LU limit, alias, isolation,
+// numbering and BIOS switch calls.
 #pragma once
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common.h"
@@ -21,6 +22,10 @@ struct ConfigKey {
     // Kept by the adapter's boot firmware: each read and write runs the BIOS
     // tool, far slower than the settings kept in files.
     bool bootFirmware = false;
+    // Kept in /etc/qmxldd.conf under the port's adapter number ("qmx<N>_..."):
+    // the setting calls file it under the number the driver runs the port
+    // under now, and giving a port another number drops it.
+    bool perNumber = false;
     // The stored value in its document form, null when nothing is stored
     // (or the stored value is none a document could hold).  Throws CallError.
     std::function<json(const QMX_WWN &)> read;
@@ -28,9 +33,21 @@ struct ConfigKey {
     std::function<json(const json &, std::string &why)> normalize;
     // Stores a canonical value (null: removes it).  Throws CallError.
     std::function<void(const QMX_WWN &, const json &)> write;
+    // Kept as one table for every port: when set, apply writes every change
+    // of the key in this one call instead of `write`.  Throws CallError.
+    std::function<void(const std::vector<std::pair<QMX_WWN, json>> &)> writeAll;
 };
 
-// In the order apply writes them: the host's settings first.
+// The row of each port's configured adapter number ("adapter_number"),
+// which plan() handles apart from the other rows.
+extern const char *const kAdapterNumberKey;
+
+// The adapter numbers /etc/qmxldd.conf binds to WWNs, in file order (the
+// driver takes a WWN's first).  Throws CallError.
+std::vector<std::pair<int, QMX_WWN>> configuredNumbers();
+
+// In the order apply writes them: the host's settings first; plan() puts the
+// adapter numbers before every other setting of the ports.
 const std::vector<ConfigKey> &configKeys();
 const ConfigKey *findConfigKey(const std::string &name);
 
