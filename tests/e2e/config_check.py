@@ -9,6 +9,7 @@ import copy
 import glob
 import json
 import os
+import re
 import subprocess
 import sys
 import tempfile
@@ -55,6 +56,32 @@ def stored(state):
             with open(p, "rb") as f:
                 out[p] = f.read()
     return out
+
+
+def reload(state):
+    """The driver loaded again: each port takes the number /etc/qmxldd.conf
+    binds to its WWN first; its boot firmware's settings go with it."""
+    with open(state + "/saved/etc/qmxldd.conf") as f:
+        items = [i.partition("=") for i in f.read().split("\n")[0].split(":")]
+    bound = {}
+    for k, _, v in items:
+        if re.fullmatch(r"qmxl\d+-wwpn", k):
+            bound.setdefault(int(v, 16), int(k[4:-5]))
+    with open(state + "/state.json") as f:
+        st = json.load(f)
+    moved = []
+    for p in st["ports"]:
+        new = bound.get(int(p["wwpn"], 16), p["devno"])
+        moved.append((p["devno"], new))
+        p["devno"] = p["instance"] = new
+    with open(state + "/state.json", "w") as f:
+        json.dump(st, f)
+    for old, new in moved:  # by way of a spare name: numbers may be swapped
+        if os.path.exists(f"{state}/bios/qmxldd{old}.json"):
+            os.rename(f"{state}/bios/qmxldd{old}.json", f"{state}/bios/{new}.moving")
+    for old, new in moved:
+        if os.path.exists(f"{state}/bios/{new}.moving"):
+            os.rename(f"{state}/bios/{new}.moving", f"{state}/bios/qmxldd{new}.json")
 
 
 def bounds(prop):
@@ -131,7 +158,8 @@ with tempfile.TemporaryDirectory() as tmp:
     # past them each is refused, one line per setting, and nothing changes.
     wwn = "21:00:00:11:22:33:44:51"
     docs = {k: {"version": 1, "host": {"settings": {n: bounds(p)[i] for n, p in host_schema.items()}},
-                "ports": {wwn: {"settings": {n: bounds(p)[i] for n, p in settings_schema.items()}}}}
+                "ports": {wwn: {"settings": {n: bounds(p)[i] for n, p in settings_schema.items()
+                                             if k == "bad" or n != "adapter_number"}}}}  # numbers: below
             for i, k in enumerate(["lo", "hi", "bad"])}
     for k in ["lo", "hi"]:
         valid(docs[k], f"bounds {k}")
@@ -172,6 +200,53 @@ with tempfile.TemporaryDirectory() as tmp:
     r = run(state, "diff", doc=partial)
     expect(r.returncode == 2 and "queue_depth" not in r.stdout and "alter_path_limit" in r.stdout
            and "hba_bios" in r.stdout, f"diff after a failing call: {r.stdout}")
+
+# Adapter numbers, on a fresh host: qmx<N>_ keys are filed under the number
+# the driver runs a port under now, and a new number drops what is kept
+# under the old and the new one.  After every step the stored files hold what
+# the steps before left there, and after the reloads each setting is back
+# with its own port.
+P0, P1, P2, P3 = ("21:00:00:11:22:33:44:" + x for x in ("50", "51", "60", "61"))
+swap = {P2: {"adapter_number": 3}, P3: {"adapter_number": 2}}
+with tempfile.TemporaryDirectory() as tmp:
+    state = os.path.join(tmp, "host")
+    os.mkdir(state)
+    run(state, "export")  # the host's files, as the first run leaves them
+    steps = [  # (arguments or "reload", ports' settings, exit status, text in the output)
+        (["apply"], {P2: {"adapter_number": 0}}, 1, "held by port " + P0),
+        (["apply"], {P0: {"queue_depth": 8}, P2: {"adapter_number": 0}}, 1, "held by port " + P0),
+        (["apply"], {P3: {"adapter_number": 7, "queue_depth": 16}}, 1, "numbered 7 from the next driver load"),
+        (["apply"], {P1: {"adapter_number": 9}}, 1, "qmx1_link_speed=8"),
+        (["diff"], swap, 2, "port %s adapter_number: 2 -> 3" % P2),
+        (["apply"], swap, 0, "2 change(s) made"),
+        (["apply"], swap, 0, "no changes"),
+        (["apply"], {P2: {"queue_depth": 16}}, 1, "numbered 3 from the next driver load"),
+        (["apply", "--prune"], {P1: {"adapter_number": 9}}, 0, "drops qmx1_link_speed=8"),
+        ("reload", None, 0, ""),
+        (["apply"], {P2: {"queue_depth": 16}, P1: {"queue_depth": 24}}, 0, "2 change(s) made"),
+    ]
+    for args, ports, status, text in steps:
+        before = stored(state)
+        if args == "reload":
+            reload(state)
+            continue
+        r = run(state, *args, doc=json.dumps({"version": 1, "ports": {w: {"settings": s} for w, s in ports.items()}},
+                                            indent=1))
+        out = r.stdout + r.stderr
+        expect(r.returncode == status and text in out and (status != 1 or re.search(r": line \d+: port ", out)),
+               f"numbers {args} {ports}: status {r.returncode} (want {status}, {text!r}): {out}")
+        if status != 0 or args == ["diff"]:
+            expect(stored(state) == before, f"numbers {args} {ports}: refused or diff, but a file changed")
+    got = json.loads(run(state, "export", "--json").stdout)["ports"]
+    want = {P0: ("qmxldd0", {"adapter_number": 0, "queue_depth": 32}),
+            P1: ("qmxldd9", {"adapter_number": 9, "queue_depth": 24}),
+            P2: ("qmxldd3", {"adapter_number": 3, "queue_depth": 16}),
+            P3: ("qmxldd2", {"adapter_number": 2, "queue_depth": None})}
+    for w, (dev, settings) in want.items():
+        port = got.get(w, {"device": None, "settings": {}})
+        have = {k: port["settings"].get(k) for k in settings}
+        expect(port["device"] == dev and have == settings,
+               f"numbers: after the reloads port {w} is {port['device']} with {have}, want {dev} with {settings}")
 
 for f in failures:
     print("FAIL:", f)
