@@ -133,11 +133,17 @@ void printManpage(const CLI::App &root) {
           "with stable field names.\n"
        << ".PP\n\\fBexport\\fR writes the stored settings of the host (binding "
           "auto-mapping, isolation function, the kept multipath environment fields, the "
-          "driver-wide LU limits) and of the ports (parameters, aliases, path limits, "
-          "force-isolate entry, BIOS switches) as one YAML or "
+          "driver-wide LU limits) and of the ports (configured adapter number, parameters, "
+          "aliases, path limits, force-isolate entry, BIOS switches) as one YAML or "
           "JSON document keyed by WWN; \\fBdiff\\fR shows where the host differs from "
           "such a document and \\fBapply\\fR makes the host equal to it, after checking "
-          "the whole document, changing only what differs.\n"
+          "the whole document, changing only what differs. Adapter numbers are written "
+          "first, in one table. A document is refused before any change when a number "
+          "is kept by a port it does not move away, when a new number would drop settings "
+          "kept under the old or the new number (unless \\-\\-prune), or when it changes a "
+          "setting kept under the number of a port whose number changes before the driver "
+          "reloads (such settings are filed under the driver's current number): apply the "
+          "numbers, reload the driver, then apply the settings.\n"
        << ".SH GLOBAL OPTIONS\n";
     for (const CLI::Option *o : visibleOptions(root))
         os << ".TP\n" << optionSynopsis(*o) << "\n" << roff(o->get_description()) << "\n";
