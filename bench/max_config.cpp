@@ -40,8 +40,10 @@ std::string writeDocument(int depth) {
     int n = 0;
     for (auto &[wwn, port] : doc["ports"].items()) {
         port["settings"] = json::object();
+        // Adapter numbers stay as they are: one port a number.
         for (const qmxmgr::ConfigKey &k : qmxmgr::configKeys())
-            if (!k.host && !k.bootFirmware) port["settings"][k.name] = someValue(k, n);
+            if (!k.host && !k.bootFirmware && k.name != qmxmgr::kAdapterNumberKey)
+                port["settings"][k.name] = someValue(k, n);
         port["settings"]["queue_depth"] = depth;
         ++n;
     }
@@ -50,11 +52,12 @@ std::string writeDocument(int depth) {
     return path;
 }
 
-// The getters the plan of `d` calls, made directly.
+// The getters the plan of `d` calls, made directly (the numbering is read
+// once for every port).
 bool bareReads(const qmxmgr::Document &d) {
     for (const QMX_WWN &w : d.ports)
         for (const qmxmgr::ConfigKey &k : qmxmgr::configKeys())
-            if (!k.host && !k.bootFirmware) k.read(w);
+            if (!k.host && !k.bootFirmware && k.name != qmxmgr::kAdapterNumberKey) k.read(w);
     return true;
 }
 

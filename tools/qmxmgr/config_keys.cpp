@@ -361,6 +361,7 @@ ConfigKey adapterNumberKey() {
         table->portlist_max = QMX_INT32(gone.size());
         check(QMX_SetAdapterNumber(table.get()), "QMX_SetAdapterNumber");
     };
+    k.write = [writeAll = k.writeAll](const QMX_WWN &w, const json &v) { writeAll({{w, v}}); };
     return k;
 }
 
