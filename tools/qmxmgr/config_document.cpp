@@ -359,8 +359,10 @@ void planNumbers(const Numbering &n, bool prune, std::vector<Change> &changes,
         if (held != n.holder.end() && held->second != w && !n.moves(held->second)) {
             // Not reachable through a document when the holder is gone from the host.
             problems.push_back(at + "number " + std::to_string(to) + " is held by port " + held->second +
-                               (n.running.count(held->second) ? ", which this document does not give another number"
-                                                              : ", which is not on this host (qmxmgr numbering remove frees it)") +
+                               (n.running.count(held->second)
+                                    ? ", which this document does not give another number"
+                                    : ", which is not on this host (`qmxmgr numbering remove " + held->second +
+                                          "` frees the number and drops what is kept under it)") +
                                "; taking it drops what /etc/qmxldd.conf keeps for that port under the number");
             continue;
         }
@@ -399,8 +401,9 @@ void planNumbers(const Numbering &n, bool prune, std::vector<Change> &changes,
                                               "the port are written again under the number)"
                                             : ", and no setting call can file it under number " + std::to_string(to) +
                                                   " before the driver runs the port under that number: apply with "
-                                                  "--prune to drop it, reload the driver, then apply the port's "
-                                                  "settings again"));
+                                                  "--prune to drop it (the document keeping the port's other "
+                                                  "settings), reload the driver, then apply its parameters and "
+                                                  "path limits again"));
         }
         changes.push_back(Change{s->wwn, key, from, s->value, joined(lost)});
     }
@@ -447,8 +450,9 @@ std::vector<Change> plan(const Document &d, bool prune) {
                                ", the driver's number for the port now, but " +
                                (next ? "the port is numbered " + std::to_string(*next)
                                      : "number " + std::to_string(now) + " is port " + owner->second + "'s") +
-                               " from the next driver load: apply the adapter numbers alone, reload the "
-                               "driver, then apply the port's settings");
+                               " from the next driver load: leave the port's parameters and path limits out "
+                               "of the document until the driver has been reloaded with the new numbers, then "
+                               "apply them");
         }
     }
     if (!problems.empty()) {

@@ -143,7 +143,7 @@ void printManpage(const CLI::App &root) {
           "kept under the old or the new number (unless \\-\\-prune), or when it changes a "
           "setting kept under the number of a port whose number changes before the driver "
           "reloads (such settings are filed under the driver's current number): apply the "
-          "numbers, reload the driver, then apply the settings.\n"
+          "numbers without them, reload the driver, then apply them.\n"
        << ".SH GLOBAL OPTIONS\n";
     for (const CLI::Option *o : visibleOptions(root))
         os << ".TP\n" << optionSynopsis(*o) << "\n" << roff(o->get_description()) << "\n";
