@@ -2,6 +2,7 @@
 
 #include <yaml-cpp/yaml.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <fstream>
@@ -103,6 +104,75 @@ struct Problems {
 
 bool sameWwn(const QMX_WWN &a, const QMX_WWN &b) { return std::memcmp(a.wwn, b.wwn, 8) == 0; }
 
+// A table setting's value: each entry checked (a problem on the entry's
+// line), no id or unique field given twice; the entries sorted by id.
+bool normalizeList(const ListSpec &spec, const json &v, const std::string &ptr,
+                   const std::string &label, Problems &pr, json &out) {
+    out = nullptr;
+    if (v.is_null()) return true;
+    if (!v.is_array()) {
+        pr.add(ptr, label + ": expected a list of entries");
+        return false;
+    }
+    bool ok = true;
+    std::vector<std::string> fields{spec.id};
+    fields.insert(fields.end(), spec.unique.begin(), spec.unique.end());
+    std::map<std::string, bool> seen;  // field and value
+    std::vector<json> entries;
+    for (std::size_t i = 0; i < v.size(); ++i) {
+        std::string eptr = ptr + "/" + std::to_string(i), why;
+        json e = spec.normalizeEntry(v[i], why);
+        if (!why.empty()) {
+            pr.add(eptr, label + ": " + why);
+            ok = false;
+            continue;
+        }
+        for (const std::string &f : fields)
+            if (e.contains(f) && seen[f + " " + e[f].dump()]) {
+                pr.add(eptr, label + ": " + f + " " + (e[f].is_string() ? e[f].get<std::string>() : e[f].dump()) +
+                                 " given twice");
+                ok = false;
+            } else if (e.contains(f)) {
+                seen[f + " " + e[f].dump()] = true;
+            }
+        entries.push_back(std::move(e));
+    }
+    std::stable_sort(entries.begin(), entries.end(),
+                     [&spec](const json &a, const json &b) { return a[spec.id] < b[spec.id]; });
+    out = json(entries);
+    return ok;
+}
+
+// A table as the host will hold it: the stored entries (none with --prune)
+// with the document's replacing those of the same id; null when empty.
+json mergeList(const ListSpec &spec, const json &stored, const json *wanted, bool prune) {
+    if (wanted != nullptr && wanted->is_null()) return nullptr;
+    std::map<long long, json> byId;
+    if (!prune && stored.is_array())
+        for (const json &e : stored) byId[e[spec.id].get<long long>()] = e;
+    if (wanted != nullptr)
+        for (const json &e : *wanted) byId[e[spec.id].get<long long>()] = e;
+    json out = json::array();
+    for (auto &[id, e] : byId) out.push_back(e);
+    return out.empty() ? json(nullptr) : out;
+}
+
+// An entry without its id, as a change line shows it: "wwpn=0x5006... wwnn=...".
+std::string entryText(const ListSpec &spec, const json &e) {
+    if (e.is_null()) return "none";
+    std::string out;
+    for (const auto &[k, v] : e.items()) {
+        if (k == spec.id) continue;
+        std::string text;
+        if (v.is_array())
+            for (const json &x : v) text += (text.empty() ? "" : ",") + (x.is_string() ? x.get<std::string>() : x.dump());
+        else
+            text = v.is_string() ? v.get<std::string>() : v.dump();
+        out += (out.empty() ? "" : " ") + k + "=" + text;
+    }
+    return out;
+}
+
 // The settings of a port (or of the host, `wwn` all zero).
 void checkSettings(const json &v, const std::string &ptr, const std::string &label,
                    const QMX_WWN &w, Problems &pr, Document &d) {
@@ -116,7 +186,12 @@ void checkSettings(const json &v, const std::string &ptr, const std::string &lab
             continue;
         }
         std::string why;
-        json value = key->normalize(sv, why);
+        json value;
+        if (key->list) {
+            if (!normalizeList(*key->list, sv, sptr, label + " " + sk, pr, value)) continue;
+        } else {
+            value = key->normalize(sv, why);
+        }
         if (!why.empty()) {
             pr.add(sptr, label + " " + sk + ": " + why);
             continue;
@@ -162,6 +237,21 @@ void emit(std::ostream &os, const json &j, int indent) {
         if (v.is_object() && !v.empty()) {
             os << "\n";
             emit(os, v, indent + 2);
+        } else if (v.is_array() && !v.empty() && v[0].is_object()) {
+            // A table: one block entry each, "- " in front of its first field.
+            os << "\n";
+            for (const json &e : v) {
+                std::ostringstream entry;
+                emit(entry, e, indent + 4);
+                std::string text = entry.str();
+                if (text.size() >= std::size_t(indent + 4)) text.replace(std::size_t(indent + 2), 2, "- ");
+                os << text;
+            }
+        } else if (v.is_array()) {
+            std::string items;
+            for (const json &x : v)
+                items += (items.empty() ? "" : ", ") + (x.is_string() ? quoted(x.get<std::string>()) : x.dump());
+            os << " [" << items << "]\n";
         } else if (v.is_object()) {
             os << " {}\n";
         } else if (v.is_string()) {
@@ -178,6 +268,7 @@ Document readDocument(const std::string &path) {
     Parsed p = parse(path);
     Problems pr{p, {}};
     Document d;
+    d.path = path;
     const json &root = p.value;
     if (!root.is_object()) throw DocumentError("line 1: the document is not a mapping");
     for (const auto &[k, v] : root.items())
@@ -237,12 +328,22 @@ Document readDocument(const std::string &path) {
     return d;
 }
 
-std::string changeLine(const Change &c) {
+std::string changeLine(const Change &c, const std::string &prefix) {
     auto shown = [](const json &v) {
         return v.is_null() ? std::string("unset") : v.is_string() ? v.get<std::string>() : v.dump();
     };
-    return (c.key->host ? "host " : "port " + wwnText(c.wwn) + " ") + c.key->name + ": " +
-           shown(c.from) + " -> " + shown(c.to);
+    std::string head = prefix + (c.key->host ? "host " : "port " + wwnText(c.wwn) + " ") + c.key->name;
+    if (!c.key->list) return head + ": " + shown(c.from) + " -> " + shown(c.to);
+    const ListSpec &spec = *c.key->list;
+    std::map<long long, std::pair<json, json>> entries;  // by id: from, to
+    for (const json &e : c.from.is_array() ? c.from : json::array()) entries[e[spec.id].get<long long>()].first = e;
+    for (const json &e : c.to.is_array() ? c.to : json::array()) entries[e[spec.id].get<long long>()].second = e;
+    std::string out;
+    for (const auto &[id, ft] : entries)
+        if (ft.first != ft.second)
+            out += (out.empty() ? "" : "\n") + head + " " + spec.id + " " + std::to_string(id) + ": " +
+                   entryText(spec, ft.first) + " -> " + entryText(spec, ft.second);
+    return out;
 }
 
 std::vector<Change> plan(const Document &d, bool prune) {
@@ -251,15 +352,40 @@ std::vector<Change> plan(const Document &d, bool prune) {
     std::vector<QMX_WWN> scopes = d.ports;
     if (d.host) scopes.insert(scopes.begin(), QMX_WWN{});
     std::vector<Change> changes;
+    std::vector<std::string> refused;
     for (const QMX_WWN &w : scopes) {
+        std::map<std::string, json> tables;  // the port's tables as apply leaves them
         for (const ConfigKey &k : configKeys()) {
             if (k.host != isAllZeroWwn(w)) continue;
             auto it = wanted.find(wwnText(w) + " " + k.name);
             if (it == wanted.end() && !(prune && k.removable)) continue;
             json to = it != wanted.end() ? it->second->value : json(nullptr);
             json from = k.read(w);
+            if (k.list) {
+                const ListSpec &spec = *k.list;
+                to = mergeList(spec, from, it != wanted.end() ? &it->second->value : nullptr, prune);
+                tables[k.name] = to;
+                if (!spec.refersTo.empty() && it != wanted.end() && it->second->value.is_array()) {
+                    // The entries the document gives must name ids the other table has.
+                    auto ref = tables.find(spec.refersTo);
+                    json has = ref != tables.end() ? ref->second : findConfigKey(spec.refersTo)->read(w);
+                    for (const json &e : it->second->value)
+                        if (!has.is_array() || std::none_of(has.begin(), has.end(), [&](const json &h) {
+                                return h[spec.id] == e[spec.id];
+                            }))
+                            refused.push_back(d.path + ": line " + std::to_string(it->second->line) + ": port " +
+                                              wwnText(w) + " " + k.name + " " + spec.id + " " +
+                                              e[spec.id].dump() + ": not in the port's " + spec.refersTo +
+                                              " (neither the document's nor the stored one)");
+                }
+            }
             if (from != to) changes.push_back(Change{w, &k, from, to});
         }
+    }
+    if (!refused.empty()) {
+        std::string all;
+        for (const std::string &l : refused) all += (all.empty() ? "" : "\n") + l;
+        throw DocumentError(all);
     }
     return changes;
 }

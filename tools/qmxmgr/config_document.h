@@ -52,6 +52,7 @@ struct Document {
     std::vector<Setting> settings;
     std::vector<QMX_WWN> ports;  // the ports the document names
     bool host = false;           // the document has a host section
+    std::string path;            // as given, for the messages of plan
 };
 
 // Reads and checks FILE ("-" for standard input) against the ports the
@@ -70,11 +71,14 @@ struct Change {
 // The changes that make the host equal to the document, host first, then
 // port by port in the order of the keys table; with `prune` the removable
 // settings a listed port has but the document omits are removed too.
-// Makes only reading calls.  Throws CallError.
+// Makes only reading calls.  Throws CallError, and DocumentError when a
+// table entry names an id its port's other table will not have.
 std::vector<Change> plan(const Document &d, bool prune);
 
-// "port 21:00:...:50 queue_depth: 32 -> 64" ("unset" for nothing stored).
-std::string changeLine(const Change &c);
+// "port 21:00:...:50 queue_depth: 32 -> 64" ("unset" for nothing stored);
+// a table setting gives one line per entry that differs ("port ... binding
+// target 3: none -> wwpn=0x5006..."), each line led by `prefix`.
+std::string changeLine(const Change &c, const std::string &prefix = "");
 
 // The stored settings of `ports` (every port when empty), read from the host.
 json exportDocument(const std::vector<std::string> &ports, bool withCurrent);

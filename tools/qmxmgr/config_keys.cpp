@@ -4,9 +4,11 @@
 #include <cctype>
 #include <climits>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 
+#include "binding_items.h"
 #include "params.h"
 #include "ports.h"
 
@@ -304,6 +306,102 @@ ConfigKey forceIsolateKey() {
     return k;
 }
 
+// A target's WWN as the binding keeps it: "0x" and the hexadecimal digits
+// without leading zeros, as the library's own binding writes it.  A document
+// may give it that way or as 16 digits with colons.
+bool parseTargetWwn(const json &v, std::string *canonical) {
+    if (!v.is_string()) return false;
+    const std::string &s = v.get_ref<const std::string &>();
+    uint64_t n = 0;
+    if (s.size() > 2 && s.size() <= 18 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X')) {
+        for (std::size_t i = 2; i < s.size(); ++i)
+            if (!std::isxdigit(static_cast<unsigned char>(s[i]))) return false;
+        n = std::stoull(s.substr(2), nullptr, 16);
+    } else {
+        QMX_WWN w{};
+        if (!parseWwn(s, &w)) return false;
+        for (uint8_t b : w.wwn) n = n << 8 | b;
+    }
+    char text[24];
+    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(n));
+    *canonical = text;
+    return n != 0;
+}
+
+// A stored target item: its canonical form, or the text as it stands.
+json storedWwn(const std::string &text) {
+    std::string c;
+    return parseTargetWwn(json(text), &c) ? c : text;
+}
+
+// Checks the fields of a table entry: `id` 0 to 255 and only `fields`;
+// each field's value through `check`.  The entry in canonical field order.
+json normalizeEntryFields(const json &e, const std::vector<std::string> &fields,
+                          const std::function<json(const std::string &, const json &, std::string &)> &check,
+                          std::string &why) {
+    if (!e.is_object() || !e.contains("target")) {
+        why = "expected a mapping with a target";
+        return nullptr;
+    }
+    const json &t = e["target"];
+    if (!t.is_number_integer() || t.get<long long>() < 0 || t.get<long long>() > 255) {
+        why = "target must be 0 to 255";
+        return nullptr;
+    }
+    for (const auto &[k, v] : e.items())
+        if (k != "target" && std::find(fields.begin(), fields.end(), k) == fields.end()) {
+            why = "target " + t.dump() + ": unknown field '" + k + "'";
+            return nullptr;
+        }
+    json out{{"target", t}};
+    for (const std::string &f : fields) {
+        if (!e.contains(f)) continue;
+        json v = check(f, e[f], why);
+        if (!why.empty()) {
+            why = "target " + t.dump() + " " + f + ": " + why;
+            return nullptr;
+        }
+        out[f] = v;
+    }
+    if (out.size() == 1) why = "target " + t.dump() + ": no " + fields[0];
+    return out;
+}
+
+// The port's persistent binding table: which remote port (and node) each
+// target id stands for.
+ConfigKey bindingKey() {
+    static const std::vector<std::string> kFields = {"wwpn", "wwnn"};
+    ConfigKey k;
+    k.name = "binding";
+    k.setCall = "QMX_MakeConfFile";
+    k.removable = true;
+    k.read = [](const QMX_WWN &w) -> json {
+        json list = json::array();
+        for (const auto &[tid, items] : storedTargets(portOf(w).number)) {
+            json e{{"target", tid}};
+            for (const std::string &f : kFields)
+                if (auto it = items.find(f); it != items.end()) e[f] = storedWwn(it->second);
+            if (e.size() > 1) list.push_back(e);
+        }
+        return list.empty() ? json(nullptr) : list;
+    };
+    k.write = [](const QMX_WWN &w, const json &v) {
+        AdapterTargets want;
+        for (const json &e : v.is_array() ? v : json::array())
+            for (const std::string &f : kFields)
+                if (e.contains(f)) want[e["target"].get<int>()][f] = e[f].get<std::string>();
+        storeTargets(portOf(w).number, w, kFields, want);
+    };
+    k.list = ListSpec{"target", {"wwpn"}, "", [](const json &e, std::string &why) {
+        return normalizeEntryFields(e, kFields, [](const std::string &, const json &v, std::string &w) -> json {
+            std::string c;
+            if (!parseTargetWwn(v, &c)) w = "expected a WWN in quotes (\"0x5006...\" or 16 digits with colons)";
+            return c;
+        }, why);
+    }};
+    return k;
+}
+
 std::vector<ConfigKey> buildKeys() {
     std::vector<ConfigKey> keys;
     // Kept in the driver's module options, and as a driver-wide item.
@@ -332,6 +430,7 @@ std::vector<ConfigKey> buildKeys() {
     keys.push_back(limitKey("offline_path_limit", QMX_GetLimitOfflinePath, "QMX_GetLimitOfflinePath",
                             QMX_SetLimitOfflinePath, "QMX_SetLimitOfflinePath"));
     keys.push_back(forceIsolateKey());
+    keys.push_back(bindingKey());
     keys.push_back(biosKey("hba_bios", QMX_GetHBABiosSetting, "QMX_GetHBABiosSetting",
                            QMX_SetHBABiosSetting, "QMX_SetHBABiosSetting"));
     keys.push_back(biosKey("boot_priority", QMX_GetBootPriority, "QMX_GetBootPriority",

@@ -6,12 +6,25 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "common.h"
 
 namespace qmxmgr {
+
+// A setting whose value is a table of the port (one entry per target):
+// entries are keyed by `id` and kept in its ascending order; a document's
+// entries replace the stored entries of the same id and leave the others
+// alone (--prune removes them); differences are reported entry by entry.
+struct ListSpec {
+    std::string id;                   // "target"
+    std::vector<std::string> unique;  // fields no two entries may share
+    std::string refersTo;             // a list setting that must have each entry's id
+    // One entry in its canonical form; sets `why` when it is refused.
+    std::function<json(const json &, std::string &why)> normalizeEntry;
+};
 
 struct ConfigKey {
     std::string name;
@@ -28,6 +41,8 @@ struct ConfigKey {
     std::function<json(const json &, std::string &why)> normalize;
     // Stores a canonical value (null: removes it).  Throws CallError.
     std::function<void(const QMX_WWN &, const json &)> write;
+    // Set for a table-valued setting; `normalize` is then not used.
+    std::optional<ListSpec> list;
 };
 
 // In the order apply writes them: the host's settings first.
