@@ -98,6 +98,7 @@ with tempfile.TemporaryDirectory() as tmp:
         (["diff"], y.stdout, 0, ""),
         (["diff"], example_text, 2, "queue_depth: 32 -> 64"),
         (["diff"], example_text, 2, "binding target 3: none -> wwpn=0x50060e8007c3ab11\n"),
+        (["diff"], example_text, 2, "lu_priority target 0: none -> group=1 attribute=configured(H) priority_luns=[0,1,64]\n"),
         (["apply", "--dry-run"], example_text, 0, "none made (dry run)"),
         (["diff"], example_text, 2, "queue_depth: 32 -> 64"),
         (["apply"], example_text, 0, "change(s) made"),
@@ -126,6 +127,7 @@ with tempfile.TemporaryDirectory() as tmp:
            and port0.get("force_isolate") == "port"
            and port0.get("binding") == [{"target": 0, "wwpn": "0x50060e8007c3ab01", "wwnn": "0x50060e8007c3ab00"},
                                         {"target": 3, "wwpn": "0x50060e8007c3ab11"}]
+           and port0.get("lu_priority") == [{"target": 0, "group": 1, "attribute": "configured(H)", "priority_luns": [0, 1, 64]}]
            and (host["binding_auto_mapping"], host["mp_interval"], host["mp_failback"], host["lu_write_retries"])
            == ("off", 60, "on", 10), f"export after apply: {changed}")
 
@@ -147,6 +149,7 @@ with tempfile.TemporaryDirectory() as tmp:
     r = run(state, "apply", "--prune", doc=json.dumps(pruned))
     expect(r.returncode == 0 and "link_down_time: 15 -> unset" in r.stdout and "force_isolate: port -> unset" in r.stdout
            and "binding target 0: wwpn=0x50060e8007c3ab01 wwnn=0x50060e8007c3ab00 -> none" in r.stdout
+           and "lu_priority target 0: group=1 attribute=configured(H) priority_luns=[0,1,64] -> none" in r.stdout
            and "isolation_function: on -> off" in r.stdout, f"apply --prune: {r.stdout}{r.stderr}")
 
     # Every setting of the host and of a port at its schema bounds is taken;
@@ -177,6 +180,12 @@ with tempfile.TemporaryDirectory() as tmp:
         ('version: 1\nports:\n  "%s":\n    settings:\n      binding:\n        - {target: 1, wwpn: "0x1"}\n'
          '        - {target: 1, wwpn: "0x2"}\n        - {target: 2, wwpn: "0x1"}\n        - {target: 4, wwpn: "0xZ"}\n'
          '        - {target: 5}\n' % wwn, "port %s binding: " % wwn, 4),
+        ('version: 1\nports:\n  "%s":\n    settings:\n      lu_priority:\n        - {target: 0, priority_luns: [256]}\n'
+         '        - {target: 0, group: 1}\n        - {target: 0, group: 1}\n        - {target: 1, attribute: "hot"}\n' % wwn,
+         "port %s lu_priority: " % wwn, 3),
+        ('version: 1\nports:\n  "%s":\n    settings:\n      binding: [{target: 8, wwpn: "0x8"}]\n'
+         '      lu_priority: [{target: 8, group: 1}, {target: 9, group: 1}]\n' % wwn,
+         "line 6: port %s lu_priority target 9: not in the port's binding" % wwn, 1),
     ]
     before = stored(state)
     for doc, text, count in refused:

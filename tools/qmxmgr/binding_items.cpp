@@ -88,6 +88,7 @@ void storeTargets(int adapter, const QMX_WWN &wwn, const std::vector<std::string
     cache.reset();
     KeyList list;
     std::map<std::pair<int, std::string>, bool> done;  // (target, kind) already in the file
+    std::map<int, int> last;                           // target -> its last item in the file
     bool adapterKey = false;
     for (int i = 0; i < list.count; ++i) {
         util_para &p = list.items[i];
@@ -98,7 +99,10 @@ void storeTargets(int adapter, const QMX_WWN &wwn, const std::vector<std::string
             adapterKey = true;
             continue;
         }
-        if (std::find(kinds.begin(), kinds.end(), kind) == kinds.end()) continue;
+        if (std::find(kinds.begin(), kinds.end(), kind) == kinds.end()) {
+            last[t] = i;
+            continue;
+        }
         auto tw = want.find(t);
         auto kw = tw == want.end() ? TargetItems::const_iterator() : tw->second.find(kind);
         if (tw == want.end() || kw == tw->second.end() || done[{t, kind}]) {
@@ -108,32 +112,46 @@ void storeTargets(int adapter, const QMX_WWN &wwn, const std::vector<std::string
         }
         setField(p.value, sizeof p.value, kw->second);
         done[{t, kind}] = true;
+        last[t] = i;
     }
-    std::vector<util_para> added;
-    auto add = [&added](const std::string &key, const std::string &value) {
-        util_para &p = added.emplace_back();
+    // New items follow the last item of their target, so that a target's
+    // items stay together; those of targets without any come at the end.
+    auto item = [](const std::string &key, const std::string &value) {
+        util_para p;
         std::memset(&p, 0, sizeof p);
         setField(p.keyword, sizeof p.keyword, key);
         setField(p.value, sizeof p.value, value);
+        return p;
     };
+    std::map<int, std::vector<util_para>> fresh;  // by target
     char key[64];
     for (const auto &[t, items] : want)
-        for (const std::string &kind : kinds) {
-            auto it = items.find(kind);
-            if (it == items.end() || done[{t, kind}]) continue;
-            if (!adapterKey) {
-                char v[24];
-                std::snprintf(v, sizeof v, "0x%02x%02x%02x%02x%02x%02x%02x%02x", wwn.wwn[0], wwn.wwn[1],
-                              wwn.wwn[2], wwn.wwn[3], wwn.wwn[4], wwn.wwn[5], wwn.wwn[6], wwn.wwn[7]);
-                std::snprintf(key, sizeof key, "qmxl%d-wwpn", adapter);
-                add(key, v);
-                adapterKey = true;
+        for (const std::string &kind : kinds)
+            if (auto it = items.find(kind); it != items.end() && !done[{t, kind}]) {
+                std::snprintf(key, sizeof key, "qmxl%d-tid-%d-%s", adapter, t, kind.c_str());
+                fresh[t].push_back(item(key, it->second));
             }
-            std::snprintf(key, sizeof key, "qmxl%d-tid-%d-%s", adapter, t, kind.c_str());
-            add(key, it->second);
+    std::vector<util_para> out;
+    out.reserve(std::size_t(list.count) + 4 * kinds.size() * want.size() + 1);
+    std::map<int, int> after;  // item index -> target whose new items follow it
+    for (const auto &[t, i] : last) after[i] = t;
+    for (int i = 0; i < list.count; ++i) {
+        out.push_back(list.items[i]);
+        if (auto a = after.find(i); a != after.end() && fresh.count(a->second)) {
+            out.insert(out.end(), fresh[a->second].begin(), fresh[a->second].end());
+            fresh.erase(a->second);
         }
+    }
+    if (!fresh.empty() && !adapterKey) {
+        char v[24];
+        std::snprintf(v, sizeof v, "0x%02x%02x%02x%02x%02x%02x%02x%02x", wwn.wwn[0], wwn.wwn[1], wwn.wwn[2],
+                      wwn.wwn[3], wwn.wwn[4], wwn.wwn[5], wwn.wwn[6], wwn.wwn[7]);
+        std::snprintf(key, sizeof key, "qmxl%d-wwpn", adapter);
+        out.push_back(item(key, v));
+    }
+    for (auto &[t, items] : fresh) out.insert(out.end(), items.begin(), items.end());
     // Plain mode: the items are written as the list has them.
-    if (QMX_MakeConfFile(list.items, list.count, added.data(), int(added.size()), 0) != 0)
+    if (QMX_MakeConfFile(out.data(), int(out.size()), nullptr, 0, 0) != 0)
         throw CallError("QMX_MakeConfFile", QMX_LastErrorCode());
 }
 

@@ -26,8 +26,9 @@ using AdapterTargets = std::map<int, TargetItems>;  // by target id
 const AdapterTargets &storedTargets(int adapter);
 
 // Makes the stored items of `kinds` of adapter `adapter` equal to `want`:
-// values change in place, items `want` lacks are removed, new ones are
-// added after the others (by target, in the order of `kinds`).  Items of
+// values change in place, items `want` lacks are removed, new ones follow
+// the last item of their target (in the order of `kinds`; a target without
+// any comes at the end).  Items of
 // other kinds and other adapters are kept.  When the adapter has no
 // "qmxl<N>-wwpn" item one is added for `wwn`, so that the targets stay with
 // the port.  Throws CallError.

@@ -157,16 +157,18 @@ json mergeList(const ListSpec &spec, const json &stored, const json *wanted, boo
     return out.empty() ? json(nullptr) : out;
 }
 
-// An entry without its id, as a change line shows it: "wwpn=0x5006... wwnn=...".
+// An entry without its id, as a change line shows it: "wwpn=0x5006... wwnn=...",
+// "group=1 attribute=configured priority_luns=[0,5]".
 std::string entryText(const ListSpec &spec, const json &e) {
     if (e.is_null()) return "none";
     std::string out;
     for (const auto &[k, v] : e.items()) {
         if (k == spec.id) continue;
         std::string text;
-        if (v.is_array())
+        if (v.is_array()) {
             for (const json &x : v) text += (text.empty() ? "" : ",") + (x.is_string() ? x.get<std::string>() : x.dump());
-        else
+            text = "[" + text + "]";
+        } else
             text = v.is_string() ? v.get<std::string>() : v.dump();
         out += (out.empty() ? "" : " ") + k + "=" + text;
     }

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <climits>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -363,7 +365,11 @@ json normalizeEntryFields(const json &e, const std::vector<std::string> &fields,
         }
         out[f] = v;
     }
-    if (out.size() == 1) why = "target " + t.dump() + ": no " + fields[0];
+    if (out.size() == 1) {
+        why = "target " + t.dump() + ": no ";
+        for (std::size_t i = 0; i < fields.size(); ++i)
+            why += (i == 0 ? "" : i + 1 == fields.size() ? " or " : ", ") + fields[i];
+    }
     return out;
 }
 
@@ -402,6 +408,112 @@ ConfigKey bindingKey() {
     return k;
 }
 
+// A stored number as the library reads it: hexadecimal after "0x", else decimal.
+bool storedNumber(const std::string &text, long long lo, long long hi, long long *out) {
+    if (text.empty()) return false;
+    char *end = nullptr;
+    errno = 0;
+    unsigned long long v = std::strtoull(text.c_str(), &end, text.rfind("0x", 0) == 0 ? 16 : 10);
+    if (*end != '\0' || errno != 0 || v < static_cast<unsigned long long>(lo) ||
+        v > static_cast<unsigned long long>(hi))
+        return false;
+    *out = static_cast<long long>(v);
+    return true;
+}
+
+// Path attributes as the target's attribute item keeps them (0, 1, 2).
+const char *const kAttributes[] = {"configured", "configured(H)", "unconfigured"};
+
+// The multipath layer's settings of the port's targets: path group, path
+// attribute and the LUNs (0 to 255) whose paths through the target have
+// priority.  The LUNs are kept as four words of 64 bits ("priority0" covers
+// LUNs 0 to 63, LUN 0 its most significant bit), written all four when a
+// target has any.
+ConfigKey luPriorityKey() {
+    static const std::vector<std::string> kKinds = {"gt", "attribute", "priority0", "priority1", "priority2",
+                                                    "priority3"};
+    static const std::vector<std::string> kFields = {"group", "attribute", "priority_luns"};
+    ConfigKey k;
+    k.name = "lu_priority";
+    k.setCall = "QMX_MakeConfFile";
+    k.removable = true;
+    k.read = [](const QMX_WWN &w) -> json {
+        json list = json::array();
+        for (const auto &[tid, items] : storedTargets(portOf(w).number)) {
+            json e{{"target", tid}};
+            long long n = 0;
+            if (auto it = items.find("gt"); it != items.end())
+                e["group"] = storedNumber(it->second, 0, 63, &n) ? json(n) : json(it->second);
+            if (auto it = items.find("attribute"); it != items.end())
+                e["attribute"] = storedNumber(it->second, 0, 2, &n) ? json(kAttributes[n]) : json(it->second);
+            json luns = json::array();
+            bool any = false;
+            for (int word = 0; word < 4; ++word) {
+                auto it = items.find("priority" + std::to_string(word));
+                if (it == items.end()) continue;
+                any = true;
+                char *end = nullptr;
+                uint64_t bits = std::strtoull(it->second.c_str(), &end, 16);
+                for (int b = 0; b < 64; ++b)
+                    if (bits & (0x8000000000000000ull >> b)) luns.push_back(word * 64 + b);
+            }
+            if (any) e["priority_luns"] = luns;
+            if (e.size() > 1) list.push_back(e);
+        }
+        return list.empty() ? json(nullptr) : list;
+    };
+    k.write = [](const QMX_WWN &w, const json &v) {
+        AdapterTargets want;
+        for (const json &e : v.is_array() ? v : json::array()) {
+            TargetItems &items = want[e["target"].get<int>()];
+            if (e.contains("group")) items["gt"] = std::to_string(e["group"].get<int>());
+            if (e.contains("attribute"))
+                for (int a = 0; a < 3; ++a)
+                    if (e["attribute"] == kAttributes[a]) items["attribute"] = "0x0" + std::to_string(a);
+            if (!e.contains("priority_luns")) continue;
+            uint64_t words[4] = {};
+            for (const json &lun : e["priority_luns"]) {
+                int l = lun.get<int>();
+                words[l / 64] |= 0x8000000000000000ull >> (l % 64);
+            }
+            for (int word = 0; word < 4; ++word) {
+                char text[24];
+                std::snprintf(text, sizeof text, "0x%016llx", static_cast<unsigned long long>(words[word]));
+                items["priority" + std::to_string(word)] = text;
+            }
+        }
+        storeTargets(portOf(w).number, w, kKinds, want);
+    };
+    k.list = ListSpec{"target", {}, "binding", [](const json &e, std::string &why) {
+        return normalizeEntryFields(e, kFields, [](const std::string &f, const json &v, std::string &w) -> json {
+            if (f == "group") {
+                if (!v.is_number_integer() || v.get<long long>() < 0 || v.get<long long>() > 63) w = "must be 0 to 63";
+                return v;
+            }
+            if (f == "attribute") {
+                if (std::find(std::begin(kAttributes), std::end(kAttributes), v) == std::end(kAttributes))
+                    w = "expected \"configured\", \"configured(H)\" or \"unconfigured\"";
+                return v;
+            }
+            json luns = json::array();
+            if (!v.is_array()) w = "expected a list of LUNs";
+            for (const json &l : v.is_array() ? v : json::array()) {
+                if (!w.empty()) break;  // the first problem is reported
+                if (!l.is_number_integer() || l.get<long long>() < 0 || l.get<long long>() > 255) {
+                    w = "a LUN must be 0 to 255 (" + l.dump() + ")";
+                } else if (std::find(luns.begin(), luns.end(), l) != luns.end()) {
+                    w = "LUN " + l.dump() + " given twice";
+                } else {
+                    luns.push_back(l);
+                }
+            }
+            std::sort(luns.begin(), luns.end());
+            return luns;
+        }, why);
+    }};
+    return k;
+}
+
 std::vector<ConfigKey> buildKeys() {
     std::vector<ConfigKey> keys;
     // Kept in the driver's module options, and as a driver-wide item.
@@ -431,6 +543,7 @@ std::vector<ConfigKey> buildKeys() {
                             QMX_SetLimitOfflinePath, "QMX_SetLimitOfflinePath"));
     keys.push_back(forceIsolateKey());
     keys.push_back(bindingKey());
+    keys.push_back(luPriorityKey());  // after the binding: it names bound targets
     keys.push_back(biosKey("hba_bios", QMX_GetHBABiosSetting, "QMX_GetHBABiosSetting",
                            QMX_SetHBABiosSetting, "QMX_SetHBABiosSetting"));
     keys.push_back(biosKey("boot_priority", QMX_GetBootPriority, "QMX_GetBootPriority",
