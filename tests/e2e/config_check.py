@@ -139,11 +139,15 @@ with tempfile.TemporaryDirectory() as tmp:
     relative = lambda st, root: {p[len(root):]: v for p, v in st.items()}
     expect(r.returncode == 0 and relative(stored(fresh), fresh) == relative(stored(state), state),
            f"export applied to a fresh host: {r.stdout}{r.stderr}")
-    one = {"version": 1, "ports": {"21:00:00:11:22:33:44:50": {"settings": {
-        "binding": [{"target": 3, "wwpn": "0x50060e8007c3ab12"}]}}}}
-    r = run(fresh, "diff", doc=json.dumps(one))
-    expect(r.returncode == 2 and r.stdout.endswith(" binding target 3: wwpn=0x50060e8007c3ab11 -> wwpn=0x50060e8007c3ab12\n")
-           and r.stdout.count("\n") == 1, f"diff of one binding entry: {r.stdout}{r.stderr}")
+    for entry, status, out, err in [  # one entry against the stored table
+            ({"target": 3, "wwpn": "0x50060e8007c3ab12"}, 2,
+             " binding target 3: wwpn=0x50060e8007c3ab11 -> wwpn=0x50060e8007c3ab12\n", ""),
+            ({"target": 4, "wwpn": "0x50060e8007c3ab11"}, 1, "",
+             "binding: target 3 and 4 would both have wwpn 0x50060e8007c3ab11")]:
+        one = {"version": 1, "ports": {"21:00:00:11:22:33:44:50": {"settings": {"binding": [entry]}}}}
+        r = run(fresh, "diff", doc=json.dumps(one))
+        expect(r.returncode == status and r.stdout.endswith(out) and r.stdout.count("\n") == (status == 2)
+               and err in r.stderr, f"diff of one binding entry {entry}: {r.stdout}{r.stderr}")
     pruned = copy.deepcopy(exported)
     pruned["host"]["settings"]["isolation_function"] = "off"
     r = run(state, "apply", "--prune", doc=json.dumps(pruned))

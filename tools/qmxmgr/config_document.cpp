@@ -367,6 +367,20 @@ std::vector<Change> plan(const Document &d, bool prune) {
                 const ListSpec &spec = *k.list;
                 to = mergeList(spec, from, it != wanted.end() ? &it->second->value : nullptr, prune);
                 tables[k.name] = to;
+                // A stored entry the document leaves alone may hold what one of its entries gives.
+                std::map<std::string, long long> holder;  // field and value -> id
+                for (const json &e : it != wanted.end() && to.is_array() ? to : json::array())
+                    for (const std::string &f : spec.unique) {
+                        if (!e.contains(f)) continue;
+                        auto [h, fresh] = holder.emplace(f + " " + e[f].dump(), e[spec.id].get<long long>());
+                        if (!fresh)
+                            refused.push_back(d.path + ": line " + std::to_string(it->second->line) + ": port " +
+                                              wwnText(w) + " " + k.name + ": " + spec.id + " " +
+                                              std::to_string(h->second) + " and " + e[spec.id].dump() +
+                                              " would both have " + f + " " +
+                                              (e[f].is_string() ? e[f].get<std::string>() : e[f].dump()) +
+                                              " (one of them stored, left alone by the document)");
+                    }
                 if (!spec.refersTo.empty() && it != wanted.end() && it->second->value.is_array()) {
                     // The entries the document gives must name ids the other table has.
                     auto ref = tables.find(spec.refersTo);
