@@ -1,6 +1,5 @@
 // binding (persistent binding, automatic mapping, the BIOS's forced binding)
 // and priority (LU priorities and path control).
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
