@@ -106,7 +106,7 @@ bool sameWwn(const QMX_WWN &a, const QMX_WWN &b) { return std::memcmp(a.wwn, b.w
 
 // A table setting's value: each entry checked (a problem on the entry's
 // line), no id or unique field given twice; the entries sorted by id.
-bool normalizeList(const ListSpec &spec, const json &v, const std::string &ptr,
+bool normalizeList(const TableShape &shape, const json &v, const std::string &ptr,
                    const std::string &label, Problems &pr, json &out) {
     out = nullptr;
     if (v.is_null()) return true;
@@ -115,13 +115,13 @@ bool normalizeList(const ListSpec &spec, const json &v, const std::string &ptr,
         return false;
     }
     bool ok = true;
-    std::vector<std::string> fields{spec.id};
-    fields.insert(fields.end(), spec.unique.begin(), spec.unique.end());
+    std::vector<std::string> fields{shape.id};
+    fields.insert(fields.end(), shape.unique.begin(), shape.unique.end());
     std::map<std::string, bool> seen;  // field and value
     std::vector<json> entries;
     for (std::size_t i = 0; i < v.size(); ++i) {
         std::string eptr = ptr + "/" + std::to_string(i), why;
-        json e = spec.normalizeEntry(v[i], why);
+        json e = shape.normalizeEntry(v[i], why);
         if (!why.empty()) {
             pr.add(eptr, label + ": " + why);
             ok = false;
@@ -138,20 +138,20 @@ bool normalizeList(const ListSpec &spec, const json &v, const std::string &ptr,
         entries.push_back(std::move(e));
     }
     std::stable_sort(entries.begin(), entries.end(),
-                     [&spec](const json &a, const json &b) { return a[spec.id] < b[spec.id]; });
+                     [&shape](const json &a, const json &b) { return a[shape.id] < b[shape.id]; });
     out = json(entries);
     return ok;
 }
 
 // A table as the host will hold it: the stored entries (none with --prune)
 // with the document's replacing those of the same id; null when empty.
-json mergeList(const ListSpec &spec, const json &stored, const json *wanted, bool prune) {
+json mergeList(const TableShape &shape, const json &stored, const json *wanted, bool prune) {
     if (wanted != nullptr && wanted->is_null()) return nullptr;
     std::map<long long, json> byId;
     if (!prune && stored.is_array())
-        for (const json &e : stored) byId[e[spec.id].get<long long>()] = e;
+        for (const json &e : stored) byId[e[shape.id].get<long long>()] = e;
     if (wanted != nullptr)
-        for (const json &e : *wanted) byId[e[spec.id].get<long long>()] = e;
+        for (const json &e : *wanted) byId[e[shape.id].get<long long>()] = e;
     json out = json::array();
     for (auto &[id, e] : byId) out.push_back(e);
     return out.empty() ? json(nullptr) : out;
@@ -159,11 +159,11 @@ json mergeList(const ListSpec &spec, const json &stored, const json *wanted, boo
 
 // An entry without its id, as a change line shows it: "wwpn=0x5006... wwnn=...",
 // "group=1 attribute=configured priority_luns=[0,5]".
-std::string entryText(const ListSpec &spec, const json &e) {
+std::string entryText(const TableShape &shape, const json &e) {
     if (e.is_null()) return "none";
     std::string out;
     for (const auto &[k, v] : e.items()) {
-        if (k == spec.id) continue;
+        if (k == shape.id) continue;
         std::string text;
         if (v.is_array()) {
             for (const json &x : v) text += (text.empty() ? "" : ",") + (x.is_string() ? x.get<std::string>() : x.dump());
@@ -336,15 +336,15 @@ std::string changeLine(const Change &c, const std::string &prefix) {
     };
     std::string head = prefix + (c.key->host ? "host " : "port " + wwnText(c.wwn) + " ") + c.key->name;
     if (!c.key->list) return head + ": " + shown(c.from) + " -> " + shown(c.to);
-    const ListSpec &spec = *c.key->list;
+    const TableShape &shape = *c.key->list;
     std::map<long long, std::pair<json, json>> entries;  // by id: from, to
-    for (const json &e : c.from.is_array() ? c.from : json::array()) entries[e[spec.id].get<long long>()].first = e;
-    for (const json &e : c.to.is_array() ? c.to : json::array()) entries[e[spec.id].get<long long>()].second = e;
+    for (const json &e : c.from.is_array() ? c.from : json::array()) entries[e[shape.id].get<long long>()].first = e;
+    for (const json &e : c.to.is_array() ? c.to : json::array()) entries[e[shape.id].get<long long>()].second = e;
     std::string out;
     for (const auto &[id, ft] : entries)
         if (ft.first != ft.second)
-            out += (out.empty() ? "" : "\n") + head + " " + spec.id + " " + std::to_string(id) + ": " +
-                   entryText(spec, ft.first) + " -> " + entryText(spec, ft.second);
+            out += (out.empty() ? "" : "\n") + head + " " + shape.id + " " + std::to_string(id) + ": " +
+                   entryText(shape, ft.first) + " -> " + entryText(shape, ft.second);
     return out;
 }
 
@@ -364,34 +364,34 @@ std::vector<Change> plan(const Document &d, bool prune) {
             json to = it != wanted.end() ? it->second->value : json(nullptr);
             json from = k.read(w);
             if (k.list) {
-                const ListSpec &spec = *k.list;
-                to = mergeList(spec, from, it != wanted.end() ? &it->second->value : nullptr, prune);
+                const TableShape &shape = *k.list;
+                to = mergeList(shape, from, it != wanted.end() ? &it->second->value : nullptr, prune);
                 tables[k.name] = to;
                 // A stored entry the document leaves alone may hold what one of its entries gives.
                 std::map<std::string, long long> holder;  // field and value -> id
                 for (const json &e : it != wanted.end() && to.is_array() ? to : json::array())
-                    for (const std::string &f : spec.unique) {
+                    for (const std::string &f : shape.unique) {
                         if (!e.contains(f)) continue;
-                        auto [h, fresh] = holder.emplace(f + " " + e[f].dump(), e[spec.id].get<long long>());
+                        auto [h, fresh] = holder.emplace(f + " " + e[f].dump(), e[shape.id].get<long long>());
                         if (!fresh)
                             refused.push_back(d.path + ": line " + std::to_string(it->second->line) + ": port " +
-                                              wwnText(w) + " " + k.name + ": " + spec.id + " " +
-                                              std::to_string(h->second) + " and " + e[spec.id].dump() +
+                                              wwnText(w) + " " + k.name + ": " + shape.id + " " +
+                                              std::to_string(h->second) + " and " + e[shape.id].dump() +
                                               " would both have " + f + " " +
                                               (e[f].is_string() ? e[f].get<std::string>() : e[f].dump()) +
                                               " (one of them stored, left alone by the document)");
                     }
-                if (!spec.refersTo.empty() && it != wanted.end() && it->second->value.is_array()) {
+                if (!shape.refersTo.empty() && it != wanted.end() && it->second->value.is_array()) {
                     // The entries the document gives must name ids the other table has.
-                    auto ref = tables.find(spec.refersTo);
-                    json has = ref != tables.end() ? ref->second : findConfigKey(spec.refersTo)->read(w);
+                    auto ref = tables.find(shape.refersTo);
+                    json has = ref != tables.end() ? ref->second : findConfigKey(shape.refersTo)->read(w);
                     for (const json &e : it->second->value)
                         if (!has.is_array() || std::none_of(has.begin(), has.end(), [&](const json &h) {
-                                return h[spec.id] == e[spec.id];
+                                return h[shape.id] == e[shape.id];
                             }))
                             refused.push_back(d.path + ": line " + std::to_string(it->second->line) + ": port " +
-                                              wwnText(w) + " " + k.name + " " + spec.id + " " +
-                                              e[spec.id].dump() + ": not in the port's " + spec.refersTo +
+                                              wwnText(w) + " " + k.name + " " + shape.id + " " +
+                                              e[shape.id].dump() + ": not in the port's " + shape.refersTo +
                                               " (neither the document's nor the stored one)");
                 }
             }

@@ -398,7 +398,7 @@ ConfigKey bindingKey() {
                 if (e.contains(f)) want[e["target"].get<int>()][f] = e[f].get<std::string>();
         storeTargets(portOf(w).number, w, kFields, want);
     };
-    k.list = ListSpec{"target", {"wwpn"}, "", [](const json &e, std::string &why) {
+    k.list = TableShape{"target", {"wwpn"}, "", [](const json &e, std::string &why) {
         return normalizeEntryFields(e, kFields, [](const std::string &, const json &v, std::string &w) -> json {
             std::string c;
             if (!parseTargetWwn(v, &c)) w = "expected a WWN in quotes (\"0x5006...\" or 16 digits with colons)";
@@ -484,7 +484,7 @@ ConfigKey luPriorityKey() {
         }
         storeTargets(portOf(w).number, w, kKinds, want);
     };
-    k.list = ListSpec{"target", {}, "binding", [](const json &e, std::string &why) {
+    k.list = TableShape{"target", {}, "binding", [](const json &e, std::string &why) {
         return normalizeEntryFields(e, kFields, [](const std::string &f, const json &v, std::string &w) -> json {
             if (f == "group") {
                 if (!v.is_number_integer() || v.get<long long>() < 0 || v.get<long long>() > 63) w = "must be 0 to 63";

@@ -18,7 +18,7 @@ namespace qmxmgr {
 // entries are keyed by `id` and kept in its ascending order; a document's
 // entries replace the stored entries of the same id and leave the others
 // alone (--prune removes them); differences are reported entry by entry.
-struct ListSpec {
+struct TableShape {
     std::string id;                   // "target"
     std::vector<std::string> unique;  // fields no two entries may share
     std::string refersTo;             // a list setting that must have each entry's id
@@ -42,7 +42,7 @@ struct ConfigKey {
     // Stores a canonical value (null: removes it).  Throws CallError.
     std::function<void(const QMX_WWN &, const json &)> write;
     // Set for a table-valued setting; `normalize` is then not used.
-    std::optional<ListSpec> list;
+    std::optional<TableShape> list;
 };
 
 // In the order apply writes them: the host's settings first.
