@@ -21,6 +21,11 @@ using qmxmgr::json;
 
 // A value the key takes: the first of a few candidates it accepts.
 json someValue(const qmxmgr::ConfigKey &k, int port) {
+    // The tables (binding, LU priorities) stay empty: every port's per-port
+    // values already bring the configuration file near its size limit.
+    // Their reads are still timed (a null table on a host without one is no
+    // change).
+    if (k.list) return nullptr;
     const json candidates[] = {1, "on", "auto"};
     for (const json &c : candidates) {
         std::string why;

@@ -87,6 +87,9 @@ def reload(state):
 def bounds(prop):
     """(lowest, highest, a refused value) of a setting's schema."""
     alts = prop.get("anyOf", [prop])
+    if "examples" in prop:  # a table: none, its example, the example one target past the range
+        hi = prop["examples"][0]
+        return [], hi, [dict(hi[0], target=256)]
     for a in alts:
         if a.get("type") == "integer":
             return a["minimum"], a["maximum"], a["maximum"] + 1
@@ -121,6 +124,8 @@ with tempfile.TemporaryDirectory() as tmp:
     steps = [  # (arguments, document, exit status, text in stdout)
         (["diff"], y.stdout, 0, ""),
         (["diff"], example_text, 2, "queue_depth: 32 -> 64"),
+        (["diff"], example_text, 2, "binding target 3: none -> wwpn=0x50060e8007c3ab11\n"),
+        (["diff"], example_text, 2, "lu_priority target 0: none -> group=1 attribute=configured(H) priority_luns=[0,1,64]\n"),
         (["apply", "--dry-run"], example_text, 0, "none made (dry run)"),
         (["diff"], example_text, 2, "queue_depth: 32 -> 64"),
         (["apply"], example_text, 0, "change(s) made"),
@@ -138,7 +143,8 @@ with tempfile.TemporaryDirectory() as tmp:
             trace = run(state, "trace").stdout.splitlines()
             last = [l.split() for l in trace if l.split()[2:3] == trace[-1].split()[2:3]]
             calls = {w[3] for w in last if len(w) > 4 and w[4] == "START"}
-            expect(any(c.startswith("QMX_Get") for c in calls) and not any(c.startswith("QMX_Set") for c in calls),
+            writing = ("QMX_Set", "QMX_MakeConfFile")
+            expect(any(c.startswith("QMX_Get") for c in calls) and not any(c.startswith(writing) for c in calls),
                    f"unchanged apply: calls {sorted(calls)}")
     changed = json.loads(run(state, "export", "--json").stdout)
     port0 = changed["ports"]["21:00:00:11:22:33:44:50"]["settings"]
@@ -146,12 +152,35 @@ with tempfile.TemporaryDirectory() as tmp:
     expect(port0.get("queue_depth") == 64 and port0.get("hba_alias") == "rack4-hba0"
            and port0.get("alter_path_limit") == 2 and "reset_timeout" not in port0
            and port0.get("force_isolate") == "port"
+           and port0.get("binding") == [{"target": 0, "wwpn": "0x50060e8007c3ab01", "wwnn": "0x50060e8007c3ab00"},
+                                        {"target": 3, "wwpn": "0x50060e8007c3ab11"}]
+           and port0.get("lu_priority") == [{"target": 0, "group": 1, "attribute": "configured(H)", "priority_luns": [0, 1, 64]}]
            and (host["binding_auto_mapping"], host["mp_interval"], host["mp_failback"], host["lu_write_retries"])
            == ("off", 60, "on", 10), f"export after apply: {changed}")
+
+    # The export applied to a fresh host leaves the same stored files; a
+    # table entry the document gives replaces that target alone.
+    fresh = os.path.join(tmp, "fresh")
+    os.mkdir(fresh)
+    r = run(fresh, "apply", doc=json.dumps(changed))
+    relative = lambda st, root: {p[len(root):]: v for p, v in st.items()}
+    expect(r.returncode == 0 and relative(stored(fresh), fresh) == relative(stored(state), state),
+           f"export applied to a fresh host: {r.stdout}{r.stderr}")
+    for entry, status, out, err in [  # one entry against the stored table
+            ({"target": 3, "wwpn": "0x50060e8007c3ab12"}, 2,
+             " binding target 3: wwpn=0x50060e8007c3ab11 -> wwpn=0x50060e8007c3ab12\n", ""),
+            ({"target": 4, "wwpn": "0x50060e8007c3ab11"}, 1, "",
+             "binding: target 3 and 4 would both have wwpn 0x50060e8007c3ab11")]:
+        one = {"version": 1, "ports": {"21:00:00:11:22:33:44:50": {"settings": {"binding": [entry]}}}}
+        r = run(fresh, "diff", doc=json.dumps(one))
+        expect(r.returncode == status and r.stdout.endswith(out) and r.stdout.count("\n") == (status == 2)
+               and err in r.stderr, f"diff of one binding entry {entry}: {r.stdout}{r.stderr}")
     pruned = copy.deepcopy(exported)
     pruned["host"]["settings"]["isolation_function"] = "off"
     r = run(state, "apply", "--prune", doc=json.dumps(pruned))
     expect(r.returncode == 0 and "link_down_time: 15 -> unset" in r.stdout and "force_isolate: port -> unset" in r.stdout
+           and "binding target 0: wwpn=0x50060e8007c3ab01 wwnn=0x50060e8007c3ab00 -> none" in r.stdout
+           and "lu_priority target 0: group=1 attribute=configured(H) priority_luns=[0,1,64] -> none" in r.stdout
            and "isolation_function: on -> off" in r.stdout, f"apply --prune: {r.stdout}{r.stderr}")
 
     # Every setting of the host and of a port at its schema bounds is taken;
@@ -180,6 +209,15 @@ with tempfile.TemporaryDirectory() as tmp:
         ('version: 1\nports:\n  "%s": {settings: {force_isolate: "adapter"}}\n'
          '  "21:00:00:11:22:33:44:50": {settings: {force_isolate: "port"}}\n' % wwn,
          "line 4: force_isolate \"adapter\" is one value for every port of an adapter", 1),
+        ('version: 1\nports:\n  "%s":\n    settings:\n      binding:\n        - {target: 1, wwpn: "0x1"}\n'
+         '        - {target: 1, wwpn: "0x2"}\n        - {target: 2, wwpn: "0x1"}\n        - {target: 4, wwpn: "0xZ"}\n'
+         '        - {target: 5}\n' % wwn, "port %s binding: " % wwn, 4),
+        ('version: 1\nports:\n  "%s":\n    settings:\n      lu_priority:\n        - {target: 0, priority_luns: [256]}\n'
+         '        - {target: 0, group: 1}\n        - {target: 0, group: 1}\n        - {target: 1, attribute: "hot"}\n' % wwn,
+         "port %s lu_priority: " % wwn, 3),
+        ('version: 1\nports:\n  "%s":\n    settings:\n      binding: [{target: 8, wwpn: "0x8"}]\n'
+         '      lu_priority: [{target: 8, group: 1}, {target: 9, group: 1}]\n' % wwn,
+         "line 6: port %s lu_priority target 9: not in the port's binding" % wwn, 1),
     ]
     before = stored(state)
     for doc, text, count in refused:

@@ -1,6 +1,5 @@
 // binding (persistent binding, automatic mapping, the BIOS's forced binding)
 // and priority (LU priorities and path control).
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "binding_items.h"
 #include "commands.h"
 #include "ports.h"
 
@@ -50,28 +50,6 @@ struct AdapterItems {
     }
 };
 
-// Splits "qmxl<N>-tid-<T>-<kind>" and "qmxl<N>-wwpn"; false for other keys.
-bool splitKey(const std::string &key, int *adapter, int *tid, std::string *kind) {
-    if (key.rfind("qmxl", 0) != 0) return false;
-    char *end = nullptr;
-    errno = 0;
-    long a = std::strtol(key.c_str() + 4, &end, 10);
-    if (end == key.c_str() + 4 || errno != 0 || a < 0 || a > 0x7fffffff) return false;
-    std::string rest(end);
-    *adapter = int(a);
-    if (rest == "-wwpn") {
-        *tid = -1;
-        return true;
-    }
-    if (rest.rfind("-tid-", 0) != 0) return false;
-    const char *p = rest.c_str() + 5;
-    long t = std::strtol(p, &end, 10);
-    if (end == p || *end != '-' || errno != 0 || t < 0 || t > 0x7fffffff) return false;
-    *tid = int(t);
-    *kind = end + 1;
-    return !kind->empty();
-}
-
 int cmdBindingShow(const BindOptions &o) {
     util_para *raw = nullptr;
     int n = QMX_Read_qmxlddconf(&raw, 0);
@@ -83,7 +61,7 @@ int cmdBindingShow(const BindOptions &o) {
         std::string value = fieldText(raw[i].value, sizeof raw[i].value);
         int a = 0, t = 0;
         std::string kind;
-        if (!splitKey(key, &a, &t, &kind)) continue;
+        if (!splitBindingKey(key, &a, &t, &kind)) continue;
         if (t < 0)
             adapters[a].wwpn = value;
         else

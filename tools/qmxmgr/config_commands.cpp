@@ -61,7 +61,7 @@ int cmdApply(const ConfigOptions &o) {
             return kExitOk;
         }
         if (o.dryRun) {
-            for (const Change &c : changes) std::cout << "would change " << changeLine(c) << "\n";
+            for (const Change &c : changes) std::cout << changeLine(c, "would change ") << "\n";
             std::cout << changes.size() << " change(s), none made (dry run)\n";
             return kExitOk;
         }
@@ -79,15 +79,15 @@ int cmdApply(const ConfigOptions &o) {
                     key->write(changes[i].wwn, changes[i].to);
                 }
             } catch (const CallError &e) {
-                std::cerr << "qmxmgr: " << changeLine(changes[i]) << ": "
+                std::cerr << changeLine(changes[i], "qmxmgr: ") << ": "
                           << failureLine(e.call(), e.what()) << "\n";
                 std::cerr << "qmxmgr: " << i << " change(s) made, " << changes.size() - i
                           << " not made:\n";
                 for (std::size_t j = i; j < changes.size(); ++j)
-                    std::cerr << "not changed: " << changeLine(changes[j]) << "\n";
+                    std::cerr << changeLine(changes[j], "not changed: ") << "\n";
                 return kExitFailed;
             }
-            for (; i < end; ++i) std::cout << "changed " << changeLine(changes[i]) << "\n";
+            for (; i < end; ++i) std::cout << changeLine(changes[i], "changed ") << "\n";
         }
         std::cout << changes.size() << " change(s) made\n";
         return kExitOk;

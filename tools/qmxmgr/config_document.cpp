@@ -108,6 +108,77 @@ struct Problems {
 
 bool sameWwn(const QMX_WWN &a, const QMX_WWN &b) { return std::memcmp(a.wwn, b.wwn, 8) == 0; }
 
+// A table setting's value: each entry checked (a problem on the entry's
+// line), no id or unique field given twice; the entries sorted by id.
+bool normalizeList(const TableShape &shape, const json &v, const std::string &ptr,
+                   const std::string &label, Problems &pr, json &out) {
+    out = nullptr;
+    if (v.is_null()) return true;
+    if (!v.is_array()) {
+        pr.add(ptr, label + ": expected a list of entries");
+        return false;
+    }
+    bool ok = true;
+    std::vector<std::string> fields{shape.id};
+    fields.insert(fields.end(), shape.unique.begin(), shape.unique.end());
+    std::map<std::string, bool> seen;  // field and value
+    std::vector<json> entries;
+    for (std::size_t i = 0; i < v.size(); ++i) {
+        std::string eptr = ptr + "/" + std::to_string(i), why;
+        json e = shape.normalizeEntry(v[i], why);
+        if (!why.empty()) {
+            pr.add(eptr, label + ": " + why);
+            ok = false;
+            continue;
+        }
+        for (const std::string &f : fields)
+            if (e.contains(f) && seen[f + " " + e[f].dump()]) {
+                pr.add(eptr, label + ": " + f + " " + (e[f].is_string() ? e[f].get<std::string>() : e[f].dump()) +
+                                 " given twice");
+                ok = false;
+            } else if (e.contains(f)) {
+                seen[f + " " + e[f].dump()] = true;
+            }
+        entries.push_back(std::move(e));
+    }
+    std::stable_sort(entries.begin(), entries.end(),
+                     [&shape](const json &a, const json &b) { return a[shape.id] < b[shape.id]; });
+    out = json(entries);
+    return ok;
+}
+
+// A table as the host will hold it: the stored entries (none with --prune)
+// with the document's replacing those of the same id; null when empty.
+json mergeList(const TableShape &shape, const json &stored, const json *wanted, bool prune) {
+    if (wanted != nullptr && wanted->is_null()) return nullptr;
+    std::map<long long, json> byId;
+    if (!prune && stored.is_array())
+        for (const json &e : stored) byId[e[shape.id].get<long long>()] = e;
+    if (wanted != nullptr)
+        for (const json &e : *wanted) byId[e[shape.id].get<long long>()] = e;
+    json out = json::array();
+    for (auto &[id, e] : byId) out.push_back(e);
+    return out.empty() ? json(nullptr) : out;
+}
+
+// An entry without its id, as a change line shows it: "wwpn=0x5006... wwnn=...",
+// "group=1 attribute=configured priority_luns=[0,5]".
+std::string entryText(const TableShape &shape, const json &e) {
+    if (e.is_null()) return "none";
+    std::string out;
+    for (const auto &[k, v] : e.items()) {
+        if (k == shape.id) continue;
+        std::string text;
+        if (v.is_array()) {
+            for (const json &x : v) text += (text.empty() ? "" : ",") + (x.is_string() ? x.get<std::string>() : x.dump());
+            text = "[" + text + "]";
+        } else
+            text = v.is_string() ? v.get<std::string>() : v.dump();
+        out += (out.empty() ? "" : " ") + k + "=" + text;
+    }
+    return out;
+}
+
 // The settings of a port (or of the host, `wwn` all zero).
 void checkSettings(const json &v, const std::string &ptr, const std::string &label,
                    const QMX_WWN &w, Problems &pr, Document &d) {
@@ -121,7 +192,12 @@ void checkSettings(const json &v, const std::string &ptr, const std::string &lab
             continue;
         }
         std::string why;
-        json value = key->normalize(sv, why);
+        json value;
+        if (key->list) {
+            if (!normalizeList(*key->list, sv, sptr, label + " " + sk, pr, value)) continue;
+        } else {
+            value = key->normalize(sv, why);
+        }
         if (!why.empty()) {
             pr.add(sptr, label + " " + sk + ": " + why);
             continue;
@@ -168,6 +244,21 @@ void emit(std::ostream &os, const json &j, int indent) {
         if (v.is_object() && !v.empty()) {
             os << "\n";
             emit(os, v, indent + 2);
+        } else if (v.is_array() && !v.empty() && v[0].is_object()) {
+            // A table: one block entry each, "- " in front of its first field.
+            os << "\n";
+            for (const json &e : v) {
+                std::ostringstream entry;
+                emit(entry, e, indent + 4);
+                std::string text = entry.str();
+                if (text.size() >= std::size_t(indent + 4)) text.replace(std::size_t(indent + 2), 2, "- ");
+                os << text;
+            }
+        } else if (v.is_array()) {
+            std::string items;
+            for (const json &x : v)
+                items += (items.empty() ? "" : ", ") + (x.is_string() ? quoted(x.get<std::string>()) : x.dump());
+            os << " [" << items << "]\n";
         } else if (v.is_object()) {
             os << " {}\n";
         } else if (v.is_string()) {
@@ -251,12 +342,23 @@ Document readDocument(const std::string &path) {
     return d;
 }
 
-std::string changeLine(const Change &c) {
+std::string changeLine(const Change &c, const std::string &prefix) {
     auto shown = [](const json &v) {
         return v.is_null() ? std::string("unset") : v.is_string() ? v.get<std::string>() : v.dump();
     };
-    return (c.key->host ? "host " : "port " + wwnText(c.wwn) + " ") + c.key->name + ": " +
-           shown(c.from) + " -> " + shown(c.to) + (c.drops.empty() ? "" : " (drops " + c.drops + ")");
+    std::string head = prefix + (c.key->host ? "host " : "port " + wwnText(c.wwn) + " ") + c.key->name;
+    if (!c.key->list)
+        return head + ": " + shown(c.from) + " -> " + shown(c.to) + (c.drops.empty() ? "" : " (drops " + c.drops + ")");
+    const TableShape &shape = *c.key->list;
+    std::map<long long, std::pair<json, json>> entries;  // by id: from, to
+    for (const json &e : c.from.is_array() ? c.from : json::array()) entries[e[shape.id].get<long long>()].first = e;
+    for (const json &e : c.to.is_array() ? c.to : json::array()) entries[e[shape.id].get<long long>()].second = e;
+    std::string out;
+    for (const auto &[id, ft] : entries)
+        if (ft.first != ft.second)
+            out += (out.empty() ? "" : "\n") + head + " " + shape.id + " " + std::to_string(id) + ": " +
+                   entryText(shape, ft.first) + " -> " + entryText(shape, ft.second);
+    return out;
 }
 
 namespace {
@@ -416,11 +518,45 @@ std::vector<Change> plan(const Document &d, bool prune) {
     for (const Setting &s : d.settings) wanted[wwnText(s.wwn) + " " + s.key] = &s;
     std::vector<Change> changes;
     std::vector<std::string> problems;
+    std::map<std::string, json> tables;  // the port's tables as apply leaves them
+    // The change of one setting, if any; true when there is one.  A table
+    // setting is merged entry by entry, and its entries checked against the
+    // stored entries the document leaves alone and against the table they
+    // name.
     auto consider = [&](const QMX_WWN &w, const ConfigKey &k, bool dropped) {
         auto it = wanted.find(wwnText(w) + " " + k.name);
         if (it == wanted.end() && !(prune && k.removable)) return false;
         json to = it != wanted.end() ? it->second->value : json(nullptr);
         json from = dropped ? json(nullptr) : k.read(w);
+        if (k.list) {
+            const TableShape &shape = *k.list;
+            to = mergeList(shape, from, it != wanted.end() ? &it->second->value : nullptr, prune);
+            tables[k.name] = to;
+            std::map<std::string, long long> holder;  // field and value -> id
+            for (const json &e : it != wanted.end() && to.is_array() ? to : json::array())
+                for (const std::string &f : shape.unique) {
+                    if (!e.contains(f)) continue;
+                    auto [h, fresh] = holder.emplace(f + " " + e[f].dump(), e[shape.id].get<long long>());
+                    if (!fresh)
+                        problems.push_back("line " + std::to_string(it->second->line) + ": port " + wwnText(w) +
+                                           " " + k.name + ": " + shape.id + " " + std::to_string(h->second) +
+                                           " and " + e[shape.id].dump() + " would both have " + f + " " +
+                                           (e[f].is_string() ? e[f].get<std::string>() : e[f].dump()) +
+                                           " (one of them stored, left alone by the document)");
+                }
+            if (!shape.refersTo.empty() && it != wanted.end() && it->second->value.is_array()) {
+                auto ref = tables.find(shape.refersTo);
+                json has = ref != tables.end() ? ref->second : findConfigKey(shape.refersTo)->read(w);
+                for (const json &e : it->second->value)
+                    if (!has.is_array() || std::none_of(has.begin(), has.end(), [&](const json &h) {
+                            return h[shape.id] == e[shape.id];
+                        }))
+                        problems.push_back("line " + std::to_string(it->second->line) + ": port " + wwnText(w) +
+                                           " " + k.name + " " + shape.id + " " + e[shape.id].dump() +
+                                           ": not in the port's " + shape.refersTo +
+                                           " (neither the document's nor the stored one)");
+            }
+        }
         if (from == to) return false;
         changes.push_back(Change{w, &k, from, to, {}});
         return true;
@@ -431,6 +567,7 @@ std::vector<Change> plan(const Document &d, bool prune) {
     Numbering n = readNumbering(d);
     planNumbers(n, prune, changes, problems);
     for (const QMX_WWN &w : d.ports) {
+        tables.clear();
         std::string port = wwnText(w);
         int now = n.running.at(port);
         // The settings calls file under the number the driver runs the port
@@ -450,7 +587,7 @@ std::vector<Change> plan(const Document &d, bool prune) {
                                ", the driver's number for the port now, but " +
                                (next ? "the port is numbered " + std::to_string(*next)
                                      : "number " + std::to_string(now) + " is port " + owner->second + "'s") +
-                               " from the next driver load: leave the port's parameters and path limits out "
+                               " from the next driver load: leave the port's parameters, path limits and tables out "
                                "of the document until the driver has been reloaded with the new numbers, then "
                                "apply them");
         }

@@ -76,13 +76,16 @@ struct Change {
 // order of the keys table; with `prune` the removable settings a listed port
 // has but the document omits are removed too.  The changes are worked out
 // for the host as the numbering will leave it, so apply needs no second
-// look.  A document whose numbering would drop or misfile a stored setting
-// is refused (DocumentError, naming the lines).  Makes only reading calls.
+// look.  A document whose numbering would drop or misfile a stored setting,
+// or whose table entry names an id its port's other table will not have, is
+// refused (DocumentError, naming the lines).  Makes only reading calls.
 // Throws CallError.
 std::vector<Change> plan(const Document &d, bool prune);
 
-// "port 21:00:...:50 queue_depth: 32 -> 64" ("unset" for nothing stored).
-std::string changeLine(const Change &c);
+// "port 21:00:...:50 queue_depth: 32 -> 64" ("unset" for nothing stored);
+// a table setting gives one line per entry that differs ("port ... binding
+// target 3: none -> wwpn=0x5006..."), each line led by `prefix`.
+std::string changeLine(const Change &c, const std::string &prefix = "");
 
 // The stored settings of `ports` (every port when empty), read from the host.
 json exportDocument(const std::vector<std::string> &ports, bool withCurrent);

@@ -2,12 +2,16 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <climits>
 #include <cstddef>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <set>
 
+#include "binding_items.h"
 #include "params.h"
 #include "ports.h"
 
@@ -365,6 +369,214 @@ ConfigKey adapterNumberKey() {
     return k;
 }
 
+// A target's WWN as the binding keeps it: "0x" and the hexadecimal digits
+// without leading zeros, as the library's own binding writes it.  A document
+// may give it that way or as 16 digits with colons.
+bool parseTargetWwn(const json &v, std::string *canonical) {
+    if (!v.is_string()) return false;
+    const std::string &s = v.get_ref<const std::string &>();
+    uint64_t n = 0;
+    if (s.size() > 2 && s.size() <= 18 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X')) {
+        for (std::size_t i = 2; i < s.size(); ++i)
+            if (!std::isxdigit(static_cast<unsigned char>(s[i]))) return false;
+        n = std::stoull(s.substr(2), nullptr, 16);
+    } else {
+        QMX_WWN w{};
+        if (!parseWwn(s, &w)) return false;
+        for (uint8_t b : w.wwn) n = n << 8 | b;
+    }
+    char text[24];
+    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(n));
+    *canonical = text;
+    return n != 0;
+}
+
+// A stored target item: its canonical form, or the text as it stands.
+json storedWwn(const std::string &text) {
+    std::string c;
+    return parseTargetWwn(json(text), &c) ? c : text;
+}
+
+// Checks the fields of a table entry: `id` 0 to 255 and only `fields`;
+// each field's value through `check`.  The entry in canonical field order.
+json normalizeEntryFields(const json &e, const std::vector<std::string> &fields,
+                          const std::function<json(const std::string &, const json &, std::string &)> &check,
+                          std::string &why) {
+    if (!e.is_object() || !e.contains("target")) {
+        why = "expected a mapping with a target";
+        return nullptr;
+    }
+    const json &t = e["target"];
+    if (!t.is_number_integer() || t.get<long long>() < 0 || t.get<long long>() > 255) {
+        why = "target must be 0 to 255";
+        return nullptr;
+    }
+    for (const auto &[k, v] : e.items())
+        if (k != "target" && std::find(fields.begin(), fields.end(), k) == fields.end()) {
+            why = "target " + t.dump() + ": unknown field '" + k + "'";
+            return nullptr;
+        }
+    json out{{"target", t}};
+    for (const std::string &f : fields) {
+        if (!e.contains(f)) continue;
+        json v = check(f, e[f], why);
+        if (!why.empty()) {
+            why = "target " + t.dump() + " " + f + ": " + why;
+            return nullptr;
+        }
+        out[f] = v;
+    }
+    if (out.size() == 1) {
+        why = "target " + t.dump() + ": no ";
+        for (std::size_t i = 0; i < fields.size(); ++i)
+            why += (i == 0 ? "" : i + 1 == fields.size() ? " or " : ", ") + fields[i];
+    }
+    return out;
+}
+
+// The port's persistent binding table: which remote port (and node) each
+// target id stands for.
+ConfigKey bindingKey() {
+    static const std::vector<std::string> kFields = {"wwpn", "wwnn"};
+    ConfigKey k;
+    k.name = "binding";
+    k.setCall = "QMX_MakeConfFile";
+    k.removable = true;
+    k.perNumber = true;  // filed under the adapter number ("qmxl<N>-tid-...")
+    k.read = [](const QMX_WWN &w) -> json {
+        json list = json::array();
+        for (const auto &[tid, items] : storedTargets(portOf(w).number)) {
+            json e{{"target", tid}};
+            for (const std::string &f : kFields)
+                if (auto it = items.find(f); it != items.end()) e[f] = storedWwn(it->second);
+            if (e.size() > 1) list.push_back(e);
+        }
+        return list.empty() ? json(nullptr) : list;
+    };
+    k.write = [](const QMX_WWN &w, const json &v) {
+        AdapterTargets want;
+        for (const json &e : v.is_array() ? v : json::array())
+            for (const std::string &f : kFields)
+                if (e.contains(f)) want[e["target"].get<int>()][f] = e[f].get<std::string>();
+        storeTargets(portOf(w).number, w, kFields, want);
+    };
+    k.list = TableShape{"target", {"wwpn"}, "", [](const json &e, std::string &why) {
+        return normalizeEntryFields(e, kFields, [](const std::string &, const json &v, std::string &w) -> json {
+            std::string c;
+            if (!parseTargetWwn(v, &c)) w = "expected a WWN in quotes (\"0x5006...\" or 16 digits with colons)";
+            return c;
+        }, why);
+    }};
+    return k;
+}
+
+// A stored number as the library reads it: hexadecimal after "0x", else decimal.
+bool storedNumber(const std::string &text, long long lo, long long hi, long long *out) {
+    if (text.empty()) return false;
+    char *end = nullptr;
+    errno = 0;
+    unsigned long long v = std::strtoull(text.c_str(), &end, text.rfind("0x", 0) == 0 ? 16 : 10);
+    if (*end != '\0' || errno != 0 || v < static_cast<unsigned long long>(lo) ||
+        v > static_cast<unsigned long long>(hi))
+        return false;
+    *out = static_cast<long long>(v);
+    return true;
+}
+
+// Path attributes as the target's attribute item keeps them (0, 1, 2).
+const char *const kAttributes[] = {"configured", "configured(H)", "unconfigured"};
+
+// The multipath layer's settings of the port's targets: path group, path
+// attribute and the LUNs (0 to 255) whose paths through the target have
+// priority.  The LUNs are kept as four words of 64 bits ("priority0" covers
+// LUNs 0 to 63, LUN 0 its most significant bit), written all four when a
+// target has any.
+ConfigKey luPriorityKey() {
+    static const std::vector<std::string> kKinds = {"gt", "attribute", "priority0", "priority1", "priority2",
+                                                    "priority3"};
+    static const std::vector<std::string> kFields = {"group", "attribute", "priority_luns"};
+    ConfigKey k;
+    k.name = "lu_priority";
+    k.setCall = "QMX_MakeConfFile";
+    k.removable = true;
+    k.perNumber = true;
+    k.read = [](const QMX_WWN &w) -> json {
+        json list = json::array();
+        for (const auto &[tid, items] : storedTargets(portOf(w).number)) {
+            json e{{"target", tid}};
+            long long n = 0;
+            if (auto it = items.find("gt"); it != items.end())
+                e["group"] = storedNumber(it->second, 0, 63, &n) ? json(n) : json(it->second);
+            if (auto it = items.find("attribute"); it != items.end())
+                e["attribute"] = storedNumber(it->second, 0, 2, &n) ? json(kAttributes[n]) : json(it->second);
+            json luns = json::array();
+            bool any = false;
+            for (int word = 0; word < 4; ++word) {
+                auto it = items.find("priority" + std::to_string(word));
+                if (it == items.end()) continue;
+                any = true;
+                char *end = nullptr;
+                uint64_t bits = std::strtoull(it->second.c_str(), &end, 16);
+                for (int b = 0; b < 64; ++b)
+                    if (bits & (0x8000000000000000ull >> b)) luns.push_back(word * 64 + b);
+            }
+            if (any) e["priority_luns"] = luns;
+            if (e.size() > 1) list.push_back(e);
+        }
+        return list.empty() ? json(nullptr) : list;
+    };
+    k.write = [](const QMX_WWN &w, const json &v) {
+        AdapterTargets want;
+        for (const json &e : v.is_array() ? v : json::array()) {
+            TargetItems &items = want[e["target"].get<int>()];
+            if (e.contains("group")) items["gt"] = std::to_string(e["group"].get<int>());
+            if (e.contains("attribute"))
+                for (int a = 0; a < 3; ++a)
+                    if (e["attribute"] == kAttributes[a]) items["attribute"] = "0x0" + std::to_string(a);
+            if (!e.contains("priority_luns")) continue;
+            uint64_t words[4] = {};
+            for (const json &lun : e["priority_luns"]) {
+                int l = lun.get<int>();
+                words[l / 64] |= 0x8000000000000000ull >> (l % 64);
+            }
+            for (int word = 0; word < 4; ++word) {
+                char text[24];
+                std::snprintf(text, sizeof text, "0x%016llx", static_cast<unsigned long long>(words[word]));
+                items["priority" + std::to_string(word)] = text;
+            }
+        }
+        storeTargets(portOf(w).number, w, kKinds, want);
+    };
+    k.list = TableShape{"target", {}, "binding", [](const json &e, std::string &why) {
+        return normalizeEntryFields(e, kFields, [](const std::string &f, const json &v, std::string &w) -> json {
+            if (f == "group") {
+                if (!v.is_number_integer() || v.get<long long>() < 0 || v.get<long long>() > 63) w = "must be 0 to 63";
+                return v;
+            }
+            if (f == "attribute") {
+                if (std::find(std::begin(kAttributes), std::end(kAttributes), v) == std::end(kAttributes))
+                    w = "expected \"configured\", \"configured(H)\" or \"unconfigured\"";
+                return v;
+            }
+            json luns = json::array();
+            if (!v.is_array()) w = "expected a list of LUNs";
+            for (const json &l : v.is_array() ? v : json::array()) {
+                if (!w.empty()) break;  // the first problem is reported
+                if (!l.is_number_integer() || l.get<long long>() < 0 || l.get<long long>() > 255) {
+                    w = "a LUN must be 0 to 255 (" + l.dump() + ")";
+                } else if (std::find(luns.begin(), luns.end(), l) != luns.end()) {
+                    w = "LUN " + l.dump() + " given twice";
+                } else {
+                    luns.push_back(l);
+                }
+            }
+            std::sort(luns.begin(), luns.end());
+            return luns;
+        }, why);
+    }};
+    return k;
+}
+
 std::vector<ConfigKey> buildKeys() {
     std::vector<ConfigKey> keys;
     // Kept in the driver's module options, and as a driver-wide item.
@@ -394,6 +606,8 @@ std::vector<ConfigKey> buildKeys() {
     keys.push_back(limitKey("offline_path_limit", QMX_GetLimitOfflinePath, "QMX_GetLimitOfflinePath",
                             QMX_SetLimitOfflinePath, "QMX_SetLimitOfflinePath"));
     keys.push_back(forceIsolateKey());
+    keys.push_back(bindingKey());
+    keys.push_back(luPriorityKey());  // after the binding: it names bound targets
     keys.push_back(biosKey("hba_bios", QMX_GetHBABiosSetting, "QMX_GetHBABiosSetting",
                            QMX_SetHBABiosSetting, "QMX_SetHBABiosSetting"));
     keys.push_back(biosKey("boot_priority", QMX_GetBootPriority, "QMX_GetBootPriority",

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,6 +14,18 @@
 #include "common.h"
 
 namespace qmxmgr {
+
+// A setting whose value is a table of the port (one entry per target):
+// entries are keyed by `id` and kept in its ascending order; a document's
+// entries replace the stored entries of the same id and leave the others
+// alone (--prune removes them); differences are reported entry by entry.
+struct TableShape {
+    std::string id;                   // "target"
+    std::vector<std::string> unique;  // fields no two entries may share
+    std::string refersTo;             // a list setting that must have each entry's id
+    // One entry in its canonical form; sets `why` when it is refused.
+    std::function<json(const json &, std::string &why)> normalizeEntry;
+};
 
 struct ConfigKey {
     std::string name;
@@ -36,6 +49,8 @@ struct ConfigKey {
     // Kept as one table for every port: when set, apply writes every change
     // of the key in this one call instead of `write`.  Throws CallError.
     std::function<void(const std::vector<std::pair<QMX_WWN, json>> &)> writeAll;
+    // Set for a table-valued setting; `normalize` is then not used.
+    std::optional<TableShape> list;
 };
 
 // The row of each port's configured adapter number ("adapter_number"),
