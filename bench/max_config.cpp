@@ -7,9 +7,11 @@
 // the BIOS tool (about 0.4 s in the virtual host), which would time the tool.
 #include <unistd.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
+#include "binding_items.h"
 #include "config_document.h"
 #include "config_keys.h"
 #include "max_support.h"
@@ -57,12 +59,13 @@ std::string writeDocument(int depth) {
     return path;
 }
 
-// The getters the plan of `d` calls, made directly (the numbering is read
-// once for every port).
+// The getters the plan of `d` calls, made directly: one for each setting
+// the document gives (the numbering is read once for every port, the
+// binding's target items once for every table).
 bool bareReads(const qmxmgr::Document &d) {
-    for (const QMX_WWN &w : d.ports)
-        for (const qmxmgr::ConfigKey &k : qmxmgr::configKeys())
-            if (!k.host && !k.bootFirmware && k.name != qmxmgr::kAdapterNumberKey) k.read(w);
+    qmxmgr::forgetStoredTargets();
+    for (const qmxmgr::Setting &s : d.settings)
+        if (s.key != qmxmgr::kAdapterNumberKey) qmxmgr::findConfigKey(s.key)->read(s.wwn);
     return true;
 }
 
@@ -120,5 +123,53 @@ void BM_ConfigApplyQueueDepth(benchmark::State &state) {
     for (const std::string &p : paths) ::unlink(p.c_str());
 }
 BENCHMARK(BM_ConfigApplyQueueDepth)->Unit(benchmark::kMillisecond)->Iterations(2);
+
+// diff of a document holding every port's persistent binding table at the
+// size the binding benchmarks build (64 targets a port, port and node WWN:
+// 16384 targets, 32768 items) and its other stored settings as they are:
+// the tables are read once a plan, merged and compared entry by entry.
+void BM_ConfigDiffBindingTables(benchmark::State &state) {
+    discoveredPorts();
+    ConfRestore restore;
+    try {
+        std::string text = slurp(kConfFile);
+        while (!text.empty() && (text.back() == '\n' || text.back() == ':')) text.pop_back();
+        text += ':';
+        char item[96];
+        json plain = qmxmgr::exportDocument({}, false);
+        for (auto &[wwn, port] : plain["ports"].items()) {
+            const int n = port["adapter_number"].get<int>();
+            for (int t = 0; t < 64; ++t)
+                for (const char *kind : {"wwpn", "wwnn"}) {
+                    int len = std::snprintf(item, sizeof item, "qmxl%d-tid-%d-%s=0x50060e80%04x%04x:", n, t, kind,
+                                            unsigned(n), unsigned(t * 2 + (kind[2] == 'n')));
+                    text.append(item, std::size_t(len));
+                }
+        }
+        text += '\n';
+        if (!spit(kConfFile, text)) return state.SkipWithError("cannot write the config file");
+        const std::string path = "/tmp/qmx_bench_config_tables.json";
+        json doc = qmxmgr::exportDocument({}, false);
+        long entries = 0;
+        for (auto &[wwn, port] : doc["ports"].items()) {
+            // As in the other documents, no setting the boot firmware keeps.
+            for (const qmxmgr::ConfigKey &k : qmxmgr::configKeys())
+                if (k.bootFirmware) port["settings"].erase(k.name);
+            entries += long(port["settings"].value("binding", json::array()).size());
+        }
+        spit(path, doc.dump());
+        qmxmgr::Document d = qmxmgr::readDocument(path);
+        timeAgainstBare(
+            state, [&] { return qmxmgr::plan(qmxmgr::readDocument(path), false).empty(); },
+            [&] { return bareReads(d); });
+        state.counters["ports"] = double(d.ports.size());
+        state.counters["binding_entries"] = double(entries);
+        state.counters["conf_bytes"] = double(text.size());
+        ::unlink(path.c_str());
+    } catch (const std::exception &e) {
+        state.SkipWithError(e.what());
+    }
+}
+BENCHMARK(BM_ConfigDiffBindingTables)->Unit(benchmark::kMillisecond)->Iterations(2);
 
 }  // namespace

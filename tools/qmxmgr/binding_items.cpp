@@ -62,6 +62,8 @@ bool splitBindingKey(const std::string &key, int *adapter, int *tid, std::string
     return !kind->empty();
 }
 
+void forgetStoredTargets() { cache.reset(); }
+
 const AdapterTargets &storedTargets(int adapter) {
     if (!cache) {
         KeyList list;

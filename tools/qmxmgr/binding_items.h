@@ -22,8 +22,11 @@ using TargetItems = std::map<std::string, std::string>;
 using AdapterTargets = std::map<int, TargetItems>;  // by target id
 
 // The stored target items of adapter number `adapter`.  The file is read
-// once a run (and again after a write).  Throws CallError.
+// once (and again after a write or forgetStoredTargets()).  Throws CallError.
 const AdapterTargets &storedTargets(int adapter);
+// Makes the next storedTargets() read the file again: each plan and export
+// starts from the file as it is then.
+void forgetStoredTargets();
 
 // Makes the stored items of `kinds` of adapter `adapter` equal to `want`:
 // values change in place, items `want` lacks are removed, new ones follow

@@ -13,6 +13,7 @@
 #include <set>
 #include <sstream>
 
+#include "binding_items.h"
 #include "config_keys.h"
 #include "ports.h"
 
@@ -514,6 +515,7 @@ void planNumbers(const Numbering &n, bool prune, std::vector<Change> &changes,
 }  // namespace
 
 std::vector<Change> plan(const Document &d, bool prune) {
+    forgetStoredTargets();
     std::map<std::string, const Setting *> wanted;  // by WWN text and key
     for (const Setting &s : d.settings) wanted[wwnText(s.wwn) + " " + s.key] = &s;
     std::vector<Change> changes;
@@ -604,6 +606,7 @@ std::vector<Change> plan(const Document &d, bool prune) {
 }
 
 json exportDocument(const std::vector<std::string> &names, bool withCurrent) {
+    forgetStoredTargets();
     std::vector<PortInfo> ports;
     if (names.empty()) {
         ports = listPorts(false);
