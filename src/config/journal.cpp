@@ -32,6 +32,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <bit>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -72,8 +73,9 @@ uint64_t checksum(std::string_view text) noexcept {
     const auto *p = reinterpret_cast<const unsigned char *>(text.data());
     const std::size_t n = text.size();
     auto word = [p](std::size_t at) {
-        uint64_t w = 0;
-        for (int b = 0; b < 8; ++b) w |= uint64_t(p[at + std::size_t(b)]) << (8 * b);
+        uint64_t w;
+        std::memcpy(&w, p + at, sizeof w);
+        if constexpr (std::endian::native == std::endian::big) w = __builtin_bswap64(w);
         return w;
     };
     auto step = [](uint64_t lane, uint64_t w) {
@@ -82,8 +84,12 @@ uint64_t checksum(std::string_view text) noexcept {
     };
     uint64_t lane[4] = {kBasis, kBasis ^ 1, kBasis ^ 2, kBasis ^ 3};
     std::size_t i = 0;
-    for (; i + 32 <= n; i += 32)
-        for (std::size_t k = 0; k < 4; ++k) lane[k] = step(lane[k], word(i + 8 * k));
+    for (; i + 32 <= n; i += 32) {
+        lane[0] = step(lane[0], word(i));
+        lane[1] = step(lane[1], word(i + 8));
+        lane[2] = step(lane[2], word(i + 16));
+        lane[3] = step(lane[3], word(i + 24));
+    }
     uint64_t h = kBasis;
     for (uint64_t l : lane) h = step(h, l);
     for (; i < n; ++i) h = step(h, p[i]);
