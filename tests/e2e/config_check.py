@@ -182,6 +182,8 @@ with tempfile.TemporaryDirectory() as tmp:
            and "binding target 0: wwpn=0x50060e8007c3ab01 wwnn=0x50060e8007c3ab00 -> none" in r.stdout
            and "lu_priority target 0: group=1 attribute=configured(H) priority_luns=[0,1,64] -> none" in r.stdout
            and "isolation_function: on -> off" in r.stdout, f"apply --prune: {r.stdout}{r.stderr}")
+    conf = [v for p, v in stored(state).items() if p.endswith("/qmxldd.conf")]
+    expect(conf and b"-tid-" not in conf[0], f"target items left after --prune: {conf}")
 
     # Every setting of the host and of a port at its schema bounds is taken;
     # past them each is refused, one line per setting, and nothing changes.

@@ -82,7 +82,7 @@ const AdapterTargets &storedTargets(int adapter) {
 }
 
 void storeTargets(int adapter, const QMX_WWN &wwn, const std::vector<std::string> &kinds,
-                  const AdapterTargets &want) {
+                  const AdapterTargets &want, bool dropOthers) {
     if (QMX_ExeclusiveLock(kConfLock) != 0) throw CallError("QMX_ExeclusiveLock", QMX_LastErrorCode());
     struct Unlock {
         ~Unlock() { QMX_ExeclusiveUnlock(kConfLock); }
@@ -101,11 +101,11 @@ void storeTargets(int adapter, const QMX_WWN &wwn, const std::vector<std::string
             adapterKey = true;
             continue;
         }
-        if (std::find(kinds.begin(), kinds.end(), kind) == kinds.end()) {
+        auto tw = want.find(t);
+        if (std::find(kinds.begin(), kinds.end(), kind) == kinds.end() && !(dropOthers && tw == want.end())) {
             last[t] = i;
             continue;
         }
-        auto tw = want.find(t);
         auto kw = tw == want.end() ? TargetItems::const_iterator() : tw->second.find(kind);
         if (tw == want.end() || kw == tw->second.end() || done[{t, kind}]) {
             setField(p.keyword, sizeof p.keyword, "");  // the writer leaves emptied items out

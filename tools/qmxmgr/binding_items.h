@@ -34,8 +34,10 @@ void forgetStoredTargets();
 // any comes at the end).  Items of
 // other kinds and other adapters are kept.  When the adapter has no
 // "qmxl<N>-wwpn" item one is added for `wwn`, so that the targets stay with
-// the port.  Throws CallError.
+// the port.  With `dropOthers`, a target `want` lacks loses its items of
+// every kind (an unbound target keeps no path group or priorities).  Throws
+// CallError.
 void storeTargets(int adapter, const QMX_WWN &wwn, const std::vector<std::string> &kinds,
-                  const AdapterTargets &want);
+                  const AdapterTargets &want, bool dropOthers = false);
 
 }  // namespace qmxmgr

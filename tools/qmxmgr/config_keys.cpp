@@ -458,7 +458,9 @@ ConfigKey bindingKey() {
         for (const json &e : v.is_array() ? v : json::array())
             for (const std::string &f : kFields)
                 if (e.contains(f)) want[e["target"].get<int>()][f] = e[f].get<std::string>();
-        storeTargets(portOf(w).number, w, kFields, want);
+        // A target that leaves the binding takes its path group and
+        // priorities with it.
+        storeTargets(portOf(w).number, w, kFields, want, true);
     };
     k.list = TableShape{"target", {"wwpn"}, "", [](const json &e, std::string &why) {
         return normalizeEntryFields(e, kFields, [](const std::string &, const json &v, std::string &w) -> json {
