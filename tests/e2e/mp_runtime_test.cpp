@@ -236,7 +236,8 @@ TEST_F(MpRuntimeTest, SetPathRefusalsGiveTheirReasonCodes) {
         {EIO, 10, 35, "adapter status is not online"},
         {EIO, 11, 36, "target status is not online"},
         {EIO, 20, 37, "request imcomplete"}, {EBUSY, -1, 38, "BUSY path-delete"},
-        {EIO, 5, 0, nullptr},               {EINVAL, 0, 0, nullptr},
+        {EIO, 5, 0, nullptr},               {EIO, 255, 0, nullptr},
+        {EINVAL, 0, 0, nullptr},
     };
     lupath_status p{};
     p.devno = 0;

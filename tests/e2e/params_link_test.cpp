@@ -71,12 +71,8 @@ TEST_F(LinkSettings, ConnectionTypeOfASharedPartitionedPort) {
     QMX_UINT8 c = 9, s = 9;
     ASSERT_EQ(QMX_GetConnectionType(portWwn(1), &c, &s), 0);
     EXPECT_TRUE(traceHas("QMX_GetConnectionType (MMIO-HG)"));
-    EXPECT_EQ(s, 3);  // option byte 2 reads as loop
-    for (auto [opt, want] : std::vector<std::pair<int, int>>{{0, 1}, {1, 2}, {3, 3}, {255, 3}}) {
-        setEfi(1, 515, opt);
-        ASSERT_EQ(QMX_GetConnectionType(portWwn(1), &c, &s), 0);
-        EXPECT_EQ(s, want) << opt;
-    }
+    EXPECT_EQ(s, 3);  // option byte 2 reads as loop (the other bytes: LinkSettings.EncodingsAndPartitionModes)
+    setEfi(1, 515, 255);
     EXPECT_EQ(toolRuns(), 0);
     // A shared port may not change it.
     for (QMX_UINT8 v : {1, 2, 3}) {
@@ -170,21 +166,9 @@ TEST_F(LinkSettings, PortSpeedOfPartitionedPorts) {
 }
 
 // --------------------------------------------------------------- preferred AL_PA
-TEST_F(LinkSettings, PreferredAlpaIsStoredAsHexByte) {
-    setPrinfoField(0, "pref_alpa", 0x23);
-    EXPECT_EQ(QMX_SetPreferredALPANumber(portWwn(0), 0, 0), 1);
-    EXPECT_EQ(QMX_SetPreferredALPANumber(portWwn(0), 255, 0), 1);
-    EXPECT_EQ(traceCount("preferredalpanumber is invalid value"), 2);
-    ASSERT_EQ(QMX_SetPreferredALPANumber(portWwn(0), 0xEF, 0), 0);
-    EXPECT_NE(readFile(kConf).find("qmx0_preferred_alpa=0xef:"), std::string::npos) << readFile(kConf);
-    QMX_PREFERREDALPA c = 0, s = 0;
-    ASSERT_EQ(QMX_GetPreferredALPANumber(portWwn(0), &c, &s), 0);
-    EXPECT_EQ(c, 0x23);
-    EXPECT_EQ(s, 0xEF);
-    ASSERT_EQ(QMX_SetPreferredALPANumber(portWwn(0), 255, 1), 0);
-    EXPECT_EQ(readFile(kConf).find("qmx0_preferred_alpa"), std::string::npos);
-}
-
+// Stored, read back, refused and deleted as a family member (ParamFamily);
+// the refusal of 0 (ParamsTable.AcceptedValues) and the lower-case stored form
+// (Engine.PreferredAlpaIsOneHexByte) are unit tests.
 // A hand-edited value is read by the two characters after its first two.
 TEST_F(LinkSettings, PreferredAlpaReadsTheTwoDigitsAfterThePrefix) {
     const struct {

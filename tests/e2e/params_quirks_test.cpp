@@ -59,9 +59,6 @@ TEST_F(ParamQuirks, IsolationTypeIsMappedAndUnknownTypesFail) {
                          "Get isolation type illegal value.", "QMX_GetIsolateSetting ABEND"}));
     EXPECT_EQ(c, -1);
     EXPECT_EQ(s, -1);
-    // The setter stores 1 and 2 unchanged.
-    ASSERT_EQ(QMX_SetIsolateSetting(portWwn(1), 2, 0), 0);
-    EXPECT_TRUE(confHasItem("qmx1_isol_type=2"));
 }
 
 TEST_F(ParamQuirks, ScsiResetErrorIsReducedToOnOff) {

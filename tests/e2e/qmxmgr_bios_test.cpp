@@ -13,9 +13,7 @@ using QmxmgrBios = ManagerTest;
 
 TEST_F(QmxmgrBios, BiosShowFromTheAdapterAndFromABackup) {
     ASSERT_EQ(run({"bios", "preconfigure", "1", "on"}).status, 0);
-    Result r = run({"bios", "show", "qmxldd1", "--json"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    qmxsim::json j = parse(r.out);
+    qmxsim::json j = runJson({"bios", "show", "qmxldd1", "--json"});
     EXPECT_EQ(j["source"], "adapter");
     EXPECT_EQ(j["settings"]["pre_configure"], "enabled");
     EXPECT_EQ(j["settings"]["hba_bios"], "disabled");
@@ -25,9 +23,7 @@ TEST_F(QmxmgrBios, BiosShowFromTheAdapterAndFromABackup) {
     mkdir("/tmp/bk", 0755);
     ASSERT_EQ(run({"bios", "backup", "--all", "/tmp/bk"}).status, 0);
     EXPECT_EQ(toolLog("qmxbios").back(), "qmxbios -x -a -o backup -f /tmp/bk");
-    r = run({"bios", "show", "1", "--file", "/tmp/bk/qmxldd0.bios", "--json"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    j = parse(r.out);
+    j = runJson({"bios", "show", "1", "--file", "/tmp/bk/qmxldd0.bios", "--json"});
     EXPECT_EQ(j["source"], "file");
     EXPECT_EQ(j["settings"]["hba_bios"], "disabled");  // 0 in a file
     EXPECT_EQ(j["settings"]["connection_type"], "auto");
@@ -35,7 +31,7 @@ TEST_F(QmxmgrBios, BiosShowFromTheAdapterAndFromABackup) {
 
     // A backup of another adapter model is refused.
     setPortField(2, "device", "0x2533");
-    r = run({"bios", "show", "2", "--file", "/tmp/bk/qmxldd2.bios"});
+    Result r = run({"bios", "show", "2", "--file", "/tmp/bk/qmxldd2.bios"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err.rfind("qmxmgr: QMX_GetBiosData failed: a data file is malformed (reason code 9)", 0), 0u)
         << r.err;
@@ -46,9 +42,7 @@ TEST_F(QmxmgrBios, FirmwareCommands) {
     std::string img(4096, '\0');
     img[36] = 0x12, img[37] = 0x34, img[38] = 0x56, img[39] = 0x78;
     ASSERT_TRUE(writeFile("/tmp/fw.img", img));
-    Result r = run({"firmware", "version", "1", "--image", "/tmp/fw.img", "--json"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    qmxsim::json j = parse(r.out);
+    qmxsim::json j = runJson({"firmware", "version", "1", "--image", "/tmp/fw.img", "--json"});
     EXPECT_EQ(j["running"], "01020304");
     EXPECT_EQ(j["image_version"], "12345678");
     ASSERT_EQ(run({"firmware", "update", "--all", "/tmp/fw.img", "--force"}).status, 0);

@@ -25,9 +25,7 @@ TEST_F(QmxmgrTest, EveryPortFormNamesTheSamePort) {
                            "2100001122334451", "0x2100001122334451", "21:00:00:11:22:33:44:51"};
     for (const char *form : forms) {
         SCOPED_TRACE(form);
-        Result r = run({"get", form, "queue_depth", "--json"});
-        ASSERT_EQ(r.status, 0) << r.err;
-        qmxsim::json j = parse(r.out);
+        qmxsim::json j = runJson({"get", form, "queue_depth", "--json"});
         EXPECT_EQ(j["port"]["device"], "qmxldd1");
         EXPECT_EQ(j["port"]["wwn"], "21:00:00:11:22:33:44:51");
         EXPECT_EQ(j["setting"], 48);
@@ -47,23 +45,9 @@ TEST_F(QmxmgrTest, TextThatIsNoPortIsAUsageError) {
     }
 }
 
-TEST_F(QmxmgrTest, UnknownWwnFailsAndAllZeroWwnOnlyWhereTheDriverWideValueApplies) {
-    Result r = run({"get", "2100001122334499", "queue_depth"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err,
-              "qmxmgr: QMX_GetQueueDepthCount failed: the WWN names no discovered port "
-              "(reason code 4): Invalid WWN\n");
-    EXPECT_EQ(run({"get", "0000000000000000", "queue_depth"}).status, 2);
-    r = run({"set", "00:00:00:00:00:00:00:00", "queue_depth", "12"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(readFile(kConf).find("qmx_queue_depth=12:"), std::string::npos);
-}
-
 // ------------------------------------------------------------------ JSON
 TEST_F(QmxmgrTest, PortsJsonShape) {
-    Result r = run({"ports", "--json"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    qmxsim::json j = parse(r.out);
+    qmxsim::json j = runJson({"ports", "--json"});
     ASSERT_TRUE(j["ports"].is_array());
     ASSERT_EQ(j["ports"].size(), 4u);
     const qmxsim::json &p = j["ports"][2];
@@ -78,7 +62,7 @@ TEST_F(QmxmgrTest, PortsJsonShape) {
     // A host without the driver: what is missing, one line each.
     for (int n = 0; n < 4; ++n) removeDeviceFile(n);
     removeFile(kConf);
-    r = run({"ports"});
+    Result r = run({"ports"});
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, "No ports found.\n");
     EXPECT_EQ(r.err, "qmxmgr: no /dev/qmxldd* device: is the qmxldd driver loaded?\n"
@@ -115,17 +99,13 @@ TEST_F(QmxmgrTest, ShowJsonHasEveryParameterWithCurrentAndSetting) {
 }
 
 TEST_F(QmxmgrTest, NumberingJsonBothSources) {
-    Result cur = run({"numbering", "--json"});
-    ASSERT_EQ(cur.status, 0) << cur.err;
-    qmxsim::json j = parse(cur.out);
+    qmxsim::json j = runJson({"numbering", "--json"});
     EXPECT_EQ(j["source"], "current");
     ASSERT_EQ(j["adapters"].size(), 4u);
     EXPECT_EQ(j["adapters"][3]["device"], "qmxldd3");
 
     ASSERT_TRUE(writeFile(kConf, "qmxl9-wwpn=0x2100000000000099:qmxl0-wwpn=0x2100001122334450:"));
-    Result conf = run({"numbering", "--configured", "--json"});
-    ASSERT_EQ(conf.status, 0) << conf.err;
-    j = parse(conf.out);
+    j = runJson({"numbering", "--configured", "--json"});
     EXPECT_EQ(j["source"], "configured");
     ASSERT_EQ(j["adapters"].size(), 2u);
     EXPECT_EQ(j["adapters"][0]["number"], 9);
@@ -143,16 +123,43 @@ TEST_F(QmxmgrTest, SetUnsetAndDriverWideForms) {
     EXPECT_NE(readFile(kConf).find("qmx_link_down=15:"), std::string::npos);
     ASSERT_EQ(run({"set", "--all-ports", "logging_mode", "on"}).status, 0);
     EXPECT_NE(readFile(kConf).find("qmx_limit_log=1:"), std::string::npos);
+    // The all-zero WWN names the driver-wide value (a getter refuses it).
+    ASSERT_EQ(run({"set", "00:00:00:00:00:00:00:00", "queue_depth", "12"}).status, 0);
+    EXPECT_NE(readFile(kConf).find("qmx_queue_depth=12:"), std::string::npos);
 }
 
-TEST_F(QmxmgrTest, RefusedValueFailsWithOneLineAndChangesNothing) {
+// A refused call: status 1, one line naming the call and its reason, the
+// file unchanged.
+TEST_F(QmxmgrTest, RefusalsExitWithOneAndChangeNothing) {
+    struct Case {
+        std::vector<std::string> args;
+        const char *err;
+        bool whole;  // err is the whole message (else a part of it)
+    } cases[] = {
+        {{"get", "2100001122334499", "queue_depth"},
+         "qmxmgr: QMX_GetQueueDepthCount failed: the WWN names no discovered port (reason code 4): "
+         "Invalid WWN\n",
+         true},
+        {{"set", "qmxldd0", "queue_depth", "999"},
+         "qmxmgr: QMX_SetQueueDepthCount failed: invalid argument (reason code 2): queue is invalid value\n",
+         true},
+        {{"numbering", "set", "3", "qmxldd1", "3", "qmxldd0"},
+         "qmxmgr: QMX_SetAdapterNumber failed: invalid argument (reason code 2): The same key exists.\n",
+         true},
+        {{"numbering", "set", "257", "qmxldd1"}, "Adapter number is invalid value", false},
+    };
     const std::string before = readFile(kConf);
-    Result r = run({"set", "qmxldd0", "queue_depth", "999"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err,
-              "qmxmgr: QMX_SetQueueDepthCount failed: invalid argument (reason code 2): "
-              "queue is invalid value\n");
-    EXPECT_EQ(r.out, "");
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.args[0] + " " + c.args[1]);
+        Result r = run(c.args);
+        EXPECT_EQ(r.status, 1);
+        if (c.whole) {
+            EXPECT_EQ(r.err, c.err);
+        } else {
+            EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
+        }
+        EXPECT_EQ(r.out, "");
+    }
     EXPECT_EQ(readFile(kConf), before);
 }
 
@@ -162,6 +169,7 @@ TEST_F(QmxmgrTest, UsageErrorsExitWithTwo) {
         {"bogus"},
         {"get", "0"},
         {"get", "0", "no_such_parameter"},
+        {"get", "0000000000000000", "queue_depth"},  // the all-zero WWN is no port to read
         {"set", "0", "queue_depth"},
         {"set", "0", "queue_depth", "lots"},
         {"set", "0", "logging_mode", "1"},          // driver-wide only
@@ -196,19 +204,6 @@ TEST_F(QmxmgrTest, HelpOnEveryCommand) {
 }
 
 // ------------------------------------------------------------- numbering
-TEST_F(QmxmgrTest, NumberingRefusalsLeaveTheFileUnchanged) {
-    const std::string before = readFile(kConf);
-    Result dup = run({"numbering", "set", "3", "qmxldd1", "3", "qmxldd0"});
-    EXPECT_EQ(dup.status, 1);
-    EXPECT_EQ(dup.err,
-              "qmxmgr: QMX_SetAdapterNumber failed: invalid argument (reason code 2): "
-              "The same key exists.\n");
-    Result big = run({"numbering", "set", "257", "qmxldd1"});
-    EXPECT_EQ(big.status, 1);
-    EXPECT_NE(big.err.find("Adapter number is invalid value"), std::string::npos);
-    EXPECT_EQ(readFile(kConf), before);
-}
-
 TEST_F(QmxmgrTest, NumberingSetRemoveRebind) {
     ASSERT_EQ(run({"numbering", "set", "7", "21:00:00:11:22:33:44:99"}).status, 0);
     EXPECT_NE(readFile(kConf).find("qmxl7-wwpn=0x2100001122334499:"), std::string::npos);
@@ -238,8 +233,7 @@ TEST_F(QmxmgrTest, TraceIsPrintedOldestFirstAcrossTheRingWrap) {
     EXPECT_EQ(r.out,
               "2026/01/02 03:04:05 4242 oldest-1\n2026/01/02 03:04:05 4242 oldest-2\n"
               "2026/01/02 03:04:05 4242 newest-1\n2026/01/02 03:04:05 4242 newest-2\n");
-    Result last = run({"trace", "--lines", "1", "--json"});
-    qmxsim::json j = parse(last.out);
+    qmxsim::json j = runJson({"trace", "--lines", "1", "--json"});
     ASSERT_EQ(j["lines"].size(), 1u);
     EXPECT_EQ(j["lines"][0], "2026/01/02 03:04:05 4242 newest-2");
     EXPECT_EQ(j["file"], kTraceFile);
@@ -281,9 +275,7 @@ TEST_F(QmxmgrTest, BiosSwitchRunsTheBiosToolAndReportsItsFailure) {
     for (const std::string &l : toolLog("qmxbios"))
         seen |= l.find("-x -d qmxldd1 -p bios=Disable") != std::string::npos;
     EXPECT_TRUE(seen);
-    Result show = run({"-b", "qmxldd1", "bi", "--json"});
-    ASSERT_EQ(show.status, 0) << show.err;
-    EXPECT_EQ(parse(show.out)["hba_bios"], "disabled");
+    EXPECT_EQ(runJson({"-b", "qmxldd1", "bi", "--json"})["hba_bios"], "disabled");
     scriptTool("qmxbios", 3, -1);
     r = run({"-b", "qmxldd0", "bi", "enable"});
     EXPECT_EQ(r.status, 1);
@@ -300,30 +292,22 @@ TEST_F(QmxmgrTest, BindingAndPriorityCommands) {
     ASSERT_TRUE(writeFile(kConf, "qmxl0-wwpn=0x2100001122334450:qmxl0-tid-1-gt=0:"
                                  "qmxl0-tid-1-attribute=0x01:qmxl1-tid-2-gt=0:"
                                  "qmxl1-tid-2-attribute=0x00:"));
-    Result r = run({"priority", "set", "0", "1", "5", "1"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    r = run({"priority", "toggle", "0", "1"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    r = run({"priority", "list", "--json"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    qmxsim::json j = parse(r.out);
+    ASSERT_EQ(run({"priority", "set", "0", "1", "5", "1"}).status, 0);
+    ASSERT_EQ(run({"priority", "toggle", "0", "1"}).status, 0);
+    qmxsim::json j = runJson({"priority", "list", "--json"});
     ASSERT_EQ(j["paths"].size(), 2u);
     EXPECT_EQ(j["paths"][0]["attribute"], 0);
     EXPECT_EQ(j["paths"][0]["priority"][0], "0400000000000000");
     EXPECT_EQ(j["paths"][1]["attribute_text"], "configured(H)");
 
-    r = run({"binding", "show", "--json"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    j = parse(r.out);
+    j = runJson({"binding", "show", "--json"});
     EXPECT_EQ(j["adapters"][0]["wwpn"], "0x2100001122334450");
     EXPECT_EQ(j["adapters"][0]["targets"][0]["priority0"], "0x0400000000000000");
     EXPECT_EQ(j["adapters"][1]["targets"][0]["target"], 2);
 
-    r = run({"binding", "automap", "off"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    r = run({"binding", "automap", "--json"});
-    EXPECT_EQ(parse(r.out)["automap"], false);
-    r = run({"binding", "clear"});
+    ASSERT_EQ(run({"binding", "automap", "off"}).status, 0);
+    EXPECT_EQ(runJson({"binding", "automap", "--json"})["automap"], false);
+    Result r = run({"binding", "clear"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(readFile(kConf), "qmxl0-wwpn=0x2100001122334450:");
 
@@ -378,34 +362,31 @@ TEST_F(QmxmgrTest, DiskconfRecordReportsChangesWithExitStatus3) {
     EXPECT_EQ(removed["pci"], "03:00.1");
     EXPECT_EQ(removed["lus"], 4);
 
-    Result show = run({"diskconf", "show", "--json"});
-    ASSERT_EQ(show.status, 0) << show.err;
-    j = parse(show.out);
+    j = runJson({"diskconf", "show", "--json"});
     EXPECT_EQ(j["check_unmatched"], false);
     EXPECT_EQ(j["adapters"][0]["targets"][1]["lus"].size(), 3u);
     ASSERT_EQ(run({"diskconf", "flag", "on"}).status, 0);
-    EXPECT_EQ(parse(run({"diskconf", "flag", "--json"}).out)["check_unmatched"], true);
+    EXPECT_EQ(runJson({"diskconf", "flag", "--json"})["check_unmatched"], true);
 }
 
 TEST_F(QmxmgrTest, IsolationCommands) {
-    Result set = run({"isolate", "set", "03:00.1", "--mode", "2"});
-    ASSERT_EQ(set.status, 0) << set.err;
-    qmxsim::json list = parse(run({"isolate", "list", "--json"}).out);
+    ASSERT_EQ(run({"isolate", "set", "03:00.1", "--mode", "2"}).status, 0);
+    qmxsim::json list = runJson({"isolate", "list", "--json"});
     ASSERT_EQ(list["entries"].size(), 2u);
     EXPECT_EQ(list["entries"][0]["pci"], "03:00.1");
     EXPECT_EQ(list["entries"][0]["mode"], 2);
     ASSERT_EQ(run({"isolate", "release", "03:00.1"}).status, 0);
-    EXPECT_EQ(parse(run({"isolate", "list", "--json"}).out)["entries"].size(), 0u);
+    EXPECT_EQ(runJson({"isolate", "list", "--json"})["entries"].size(), 0u);
 
     ASSERT_EQ(run({"isolate", "port", "qmxldd2", "on"}).status, 0);
-    qmxsim::json t = parse(run({"trouble", "qmxldd2", "--json"}).out);
+    qmxsim::json t = runJson({"trouble", "qmxldd2", "--json"});
     EXPECT_EQ(t["status"], "isolated");
     EXPECT_EQ(t["timeout_reset"], false);
-    qmxsim::json sfp = parse(run({"sfp", "show", "03:00.0", "--json"}).out);
+    qmxsim::json sfp = runJson({"sfp", "show", "03:00.0", "--json"});
     EXPECT_EQ(sfp["part_number"], "SFP-8G-SW-0001");
     EXPECT_EQ(sfp["hardware_hot_swap"], true);
     ASSERT_EQ(run({"isolation", "off"}).status, 0);
-    EXPECT_EQ(parse(run({"isolation", "--json"}).out)["isolation"], false);
+    EXPECT_EQ(runJson({"isolation", "--json"})["isolation"], false);
 
     // The check-stop state refuses the transceiver isolation with one line.
     setPrinfoField(0, "port_status", 8);
@@ -418,36 +399,35 @@ TEST_F(QmxmgrTest, IsolationCommands) {
 }
 
 TEST_F(QmxmgrTest, MultipathCommandsReadBackWhatTheySet) {
-    Result r = run({"mp", "env", "set", "interval=90", "failback=1", "--keep"});
-    ASSERT_EQ(r.status, 0) << r.err;
+    ASSERT_EQ(run({"mp", "env", "set", "interval=90", "failback=1", "--keep"}).status, 0);
     EXPECT_NE(readFile(kConf).find("qmxmp_interval=90:"), std::string::npos);
-    qmxsim::json env = parse(run({"mp", "env", "--json"}).out);
+    qmxsim::json env = runJson({"mp", "env", "--json"});
     EXPECT_EQ(env["interval"], 90);
     EXPECT_EQ(env["failback"], 1);
     ASSERT_EQ(run({"mp", "env", "unset", "interval"}).status, 0);
     EXPECT_EQ(readFile(kConf).find("qmxmp_interval="), std::string::npos);
-    EXPECT_EQ(parse(run({"mp", "env", "--json"}).out)["interval"], 30);
+    EXPECT_EQ(runJson({"mp", "env", "--json"})["interval"], 30);
     // Values the field cannot take are refused, not sent as "off" or cut.
     for (const char *bad : {"round_robin=2", "alter_path=256", "offline_path=2", "interval=0", "interval=1441"}) {
-        r = run({"mp", "env", "set", bad});
+        Result r = run({"mp", "env", "set", bad});
         EXPECT_EQ(r.status, 2) << bad;
         EXPECT_EQ(lineCount(r.err), 1) << r.err;
     }
 
     ASSERT_EQ(run({"mp", "path", "set", "qmxldd2", "50:00:00:00:00:00:0b:02", "1", "1", "4"}).status, 0);
-    qmxsim::json paths = parse(run({"mp", "paths", "--json"}).out)["paths"];
+    qmxsim::json paths = runJson({"mp", "paths", "--json"})["paths"];
     ASSERT_EQ(paths.size(), 20u);
     EXPECT_EQ(paths[19]["device"], "qmxldd2");
     EXPECT_EQ(paths[19]["status"], 4);
 
     ASSERT_EQ(run({"mp", "limits", "set", "alter_path", "3", "--port", "1"}).status, 0);
-    EXPECT_EQ(parse(run({"mp", "limits", "1", "--json"}).out)["alter_path"], 3);
-    r = run({"mp", "limits", "set", "lu_write_retries", "127"});
+    EXPECT_EQ(runJson({"mp", "limits", "1", "--json"})["alter_path"], 3);
+    Result r = run({"mp", "limits", "set", "lu_write_retries", "127"});
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("QMX_SetKernelPanicCount"), std::string::npos) << r.err;
     EXPECT_EQ(run({"mp", "limits", "set", "no_such", "1"}).status, 2);
-    EXPECT_EQ(parse(run({"mp", "luids", "--json"}).out)["luids"].size(), 6u);
-    EXPECT_EQ(parse(run({"mp", "targets", "--json"}).out)["targets"].size(), 6u);
+    EXPECT_EQ(runJson({"mp", "luids", "--json"})["luids"].size(), 6u);
+    EXPECT_EQ(runJson({"mp", "targets", "--json"})["targets"].size(), 6u);
 }
 
 // ------------------------------------------------------------------- lock
@@ -488,9 +468,7 @@ TEST_F(QmxmgrTest, LockStatusNamesTheHolderAndReleaseSparesALiveOne) {
     for (const Case &c : cases) {
         SCOPED_TRACE(c.why);
         hold(c.holder);
-        Result r = run({"lock", "status", "--json"});
-        ASSERT_EQ(r.status, 0) << r.err;
-        qmxsim::json j = parse(r.out);
+        qmxsim::json j = runJson({"lock", "status", "--json"});
         EXPECT_EQ(j["held"], c.held);
         EXPECT_EQ(j["holder"].is_null(), c.holder == None || c.holder == Bare);
         if (c.holder == Live) {

@@ -12,14 +12,11 @@ TEST_F(QmxmgrHostInfo, AliasSetShowAndRefusal) {
     ASSERT_TRUE(writeFile("/etc/qmxlib.conf", ""));
     ASSERT_EQ(run({"alias", "qmxldd2", "db 01"}).status, 0);
     ASSERT_EQ(run({"alias", "2", "--port", "fabA"}).status, 0);
-    Result r = run({"alias", "21:00:00:11:22:33:44:60", "--json"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    qmxsim::json j = parse(r.out);
+    qmxsim::json j = runJson({"alias", "21:00:00:11:22:33:44:60", "--json"});
     EXPECT_EQ(j["hba_alias"], "db 01");
     EXPECT_EQ(j["port_alias"], "fabA");
-    r = run({"show", "2", "--json"});
-    EXPECT_EQ(parse(r.out)["aliases"]["port"], "fabA");
-    r = run({"alias", "2", "a:b"});
+    EXPECT_EQ(parse(run({"show", "2", "--json"}).out)["aliases"]["port"], "fabA");
+    Result r = run({"alias", "2", "a:b"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "qmxmgr: QMX_SetHbaAliasName failed: invalid argument (reason code 2): "
                      "Detection of delimiter(:)\n");
@@ -29,12 +26,10 @@ TEST_F(QmxmgrHostInfo, AliasSetShowAndRefusal) {
 TEST_F(QmxmgrHostInfo, DefaultsShowOnlyWhatTheFileSetsUnlessAll) {
     ASSERT_TRUE(writeFile("/etc/qmxldd.conf",
                           "qmx_isol_type=0:qmx_retry_cnt12=7:qmx3_queue_depth=9:qmx_preferred_alpa=0x05:"));
-    Result r = run({"defaults", "--json"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    qmxsim::json j = parse(r.out);
+    qmxsim::json j = runJson({"defaults", "--json"});
     EXPECT_EQ(j["settings"], qmxsim::json({{"isolate_type", 2}, {"preferred_alpa", 5}}));
     EXPECT_EQ(j["retry_cnt"], qmxsim::json({{"12", 7}}));
-    j = parse(run({"defaults", "--all", "--json"}).out);
+    j = runJson({"defaults", "--all", "--json"});
     EXPECT_TRUE(j["settings"]["queue_depth"].is_null());
     EXPECT_EQ(j["settings"].size(), 32u);
 }

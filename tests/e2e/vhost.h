@@ -357,5 +357,11 @@ protected:
         EXPECT_FALSE(j.is_discarded()) << text;
         return j;
     }
+    // Runs qmxmgr expecting exit status 0; its output read as JSON.
+    static qmxsim::json runJson(const std::vector<std::string> &args) {
+        Result r = run(args);
+        EXPECT_EQ(r.status, 0) << r.err;
+        return parse(r.out);
+    }
     static int lineCount(const std::string &text) { return int(std::count(text.begin(), text.end(), '\n')); }
 };

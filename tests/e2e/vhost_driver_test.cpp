@@ -186,7 +186,7 @@ struct TargetMap {
 };
 static_assert(sizeof(TargetMap) == 8 + 256 * 24);
 
-TEST_F(VHostDriver, TargetMapStaysWithinTheCallersCapacity) {
+TEST_F(VHostDriver, TargetMapsStayWithinTheCallersCapacity) {
     Device d(0);
     // The PORT_ATTR target list: Channel.PortAttributesListTheTargets.
     auto map = std::make_unique<TargetMap>();
@@ -196,16 +196,13 @@ TEST_F(VHostDriver, TargetMapStaysWithinTheCallersCapacity) {
     ASSERT_EQ(d.call(req(0x12, 32), map.get()), 0);
     EXPECT_EQ(map->target_count, 1u);
     EXPECT_EQ(map->e[1].nodename, 0xEEEEEEEEEEEEEEEEull);  // nothing written past the capacity
-}
-
-TEST_F(VHostDriver, LogicalTargetMapStaysWithinTheCallersCapacity) {
-    Device d(0);
+    // The logical target map alike.
     std::vector<uint8_t> buf(QMX_MP_LGTARGET_SIZE(4), 0xEE);
-    auto *map = reinterpret_cast<qmx_mp_lgtarget *>(buf.data());
-    map->header.entry_count = 1;
-    ASSERT_EQ(d.call(IOCTL_QMX_MP_LGTGTMAP, map), 0);
-    EXPECT_EQ(map->header.lgtarget_count, 1u);
-    EXPECT_EQ(map->entry[0].path_cnt, 1);
+    auto *lg = reinterpret_cast<qmx_mp_lgtarget *>(buf.data());
+    lg->header.entry_count = 1;
+    ASSERT_EQ(d.call(IOCTL_QMX_MP_LGTGTMAP, lg), 0);
+    EXPECT_EQ(lg->header.lgtarget_count, 1u);
+    EXPECT_EQ(lg->entry[0].path_cnt, 1);
     EXPECT_EQ(buf[QMX_MP_LGTARGET_SIZE(1)], 0xEE);  // nothing written past the capacity
 }
 

@@ -84,7 +84,8 @@ TEST_F(VHostState, ChangesOfAnotherProcessAreSeen) {
     EXPECT_EQ(seen, 2);  // the cached copy was refreshed
 }
 
-TEST_F(VHostState, FailedEditLeavesTheStateAsItWas) {
+// A failed edit or read says why; the edit leaves the state as it was.
+TEST_F(VHostState, FailuresAreReportedAndAFailedEditLeavesTheState) {
     qmxsim::StateStore store(dir_);
     ASSERT_TRUE(store.write(json{{"n", 1}}));
     std::string why;
@@ -99,12 +100,9 @@ TEST_F(VHostState, FailedEditLeavesTheStateAsItWas) {
     int seen = 0;
     ASSERT_TRUE(store.read([&](const json &s) { seen = int(s["n"]); }));
     EXPECT_EQ(seen, 1);
-}
-
-TEST_F(VHostState, MissingStateIsReported) {
-    qmxsim::StateStore store(dir_ + "/nothing-here");
-    std::string why;
-    EXPECT_FALSE(store.read([](const json &) {}, &why));
+    qmxsim::StateStore missing(dir_ + "/nothing-here");
+    why.clear();
+    EXPECT_FALSE(missing.read([](const json &) {}, &why));
     EXPECT_FALSE(why.empty());
 }
 

@@ -92,13 +92,8 @@ TEST_F(BiosListing, TitledLineWithoutColonIsUnknownFormat) {
     EXPECT_EQ(val(QMX_CFG_HBA_BIOS), kUnset);
 }
 
-TEST_F(BiosListing, MissingLineKeepsTheValueOfTheEarlierListing) {
-    parse(" HBA BIOS : DISABLE\n BOOT PRIORITY : ENABLE\n");
-    parse(" BOOT PRIORITY : DISABLE\n");
-    EXPECT_EQ(val(QMX_CFG_HBA_BIOS), 2u);
-    EXPECT_EQ(val(QMX_CFG_BOOT_PRIORITY), 2u);
-}
-
+// A listing without a line keeps the earlier listing's value: end to end in
+// BiosApi.ASettingNeverListedReads255AndALaterMissingLineKeepsTheValue.
 TEST_F(BiosListing, BootTableRowsBetweenBorders) {
     parse(" BOOT DEVICE LIST\n" + kBorder + "\n" +
           "  |1   50060e8000000001   0012  ENABLE      |\n"

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "config_fixture.h"
@@ -177,23 +176,8 @@ TEST(NumberingScale, FullRequestOnALargeListMarksExactlyTheNumberedKeys) {
 // ---------------------------------------------------------------------------
 // Helpers
 // ---------------------------------------------------------------------------
-TEST(NumberingHelpers, PathChangeReasons) {
-    int reason = 0;
-    const char *why = nullptr;
-    const std::pair<int, int> table[] = {{0, 30}, {1, 31}, {2, 32}, {3, 33},
-                                         {4, 34}, {10, 35}, {11, 36}, {20, 37}};
-    for (auto [err, code] : table) {
-        ASSERT_TRUE(qmx::numbering::pathChangeReason(err, &reason, &why)) << err;
-        EXPECT_EQ(reason, code);
-    }
-    qmx::numbering::pathChangeReason(20, &reason, &why);
-    EXPECT_STREQ(why, "request imcomplete");
-    qmx::numbering::pathChangeReason(4, &reason, &why);
-    EXPECT_STREQ(why, "not register lgde (no device)");
-    EXPECT_FALSE(qmx::numbering::pathChangeReason(5, &reason, &why));
-    EXPECT_FALSE(qmx::numbering::pathChangeReason(255, &reason, &why));
-}
-
+// The driver's path change codes and their reasons are checked end to end
+// (MpRuntimeTest.SetPathRefusalsGiveTheirReasonCodes).
 TEST(NumberingHelpers, DeviceNumberAndWwnText) {
     EXPECT_EQ(qmx::numbering::deviceNumber("qmxldd0"), 0);
     EXPECT_EQ(qmx::numbering::deviceNumber("qmxldd12"), 12);

@@ -181,7 +181,7 @@ TEST(LinkSettings, EncodingsAndPartitionModes) {
     // bit 6 alone is not a partition mode
     const std::pair<int, int> mlpf[] = {{0x00, 0}, {0x40, 0}, {0x80, 1}, {0xBF, 1}, {0xC0, 2}};
     for (auto [mode, cls] : mlpf) EXPECT_EQ(mlpfClass(uint8_t(mode)), cls) << mode;
-    const std::pair<int, int> toEfi[] = {{1, 0}, {2, 1}, {3, 3}}, fromEfi[] = {{0, 1}, {1, 2}, {2, 3}, {255, 3}};
+    const std::pair<int, int> toEfi[] = {{1, 0}, {2, 1}, {3, 3}}, fromEfi[] = {{0, 1}, {1, 2}, {2, 3}, {3, 3}, {255, 3}};
     for (auto [type, efi] : toEfi) EXPECT_EQ(connectionTypeToEfi(uint8_t(type)), efi) << type;
     for (auto [efi, type] : fromEfi) EXPECT_EQ(connectionTypeFromEfi(uint8_t(efi)), type) << efi;
     const std::pair<uint32_t, int> rates[] = {{100, 1}, {200, 2}, {400, 4}, {800, 8}, {1000, 10}, {1600, 0}, {0, 0}, {150, 0}};

@@ -90,41 +90,6 @@ TEST_F(TraceRing, WrapsAfter4000LinesAndMarkerFollowsNewest) {
     EXPECT_EQ(text(l[3]), "m4");
 }
 
-TEST_F(TraceRing, FileWithoutMarkerIsWrittenFromTheTop) {
-    {
-        std::ofstream out(path_, std::ios::binary);
-        for (int i = 0; i < 5; ++i) out << std::string(120, 'x') << '\n';
-    }
-    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
-    EXPECT_EQ(QMX_G_TraceLineCnt, 0);
-    write("fresh");
-    QMX_CloseApiTraceFile();
-    auto l = lines();
-    ASSERT_EQ(l.size(), 5u);
-    EXPECT_EQ(text(l[0]), "fresh");
-    EXPECT_EQ(text(l[1]), "EndLog");
-    EXPECT_EQ(l[2], std::string(120, 'x'));
-}
-
-TEST_F(TraceRing, MarkerScanCountsReadsOfAtMost131Bytes) {
-    // A 300-character line counts as three reads (131 + 131 + 38 with the
-    // newline); the marker line then starts at byte 301.
-    {
-        std::ofstream out(path_, std::ios::binary);
-        out << std::string(300, 'a') << '\n' << "EndLog" << std::string(114, ' ') << '\n';
-        out << std::string(120, 'z') << '\n';
-    }
-    ASSERT_NE(QMX_OpenApiTraceFile(), nullptr);
-    EXPECT_EQ(QMX_G_TraceLineCnt, 3);
-    write("after");
-    QMX_CloseApiTraceFile();
-    std::string all = slurp(path_);
-    ASSERT_GE(all.size(), 301u + 242u);
-    EXPECT_EQ(all.substr(0, 300), std::string(300, 'a'));
-    EXPECT_NE(all.substr(301, 120).find("after"), std::string::npos);
-    EXPECT_EQ(all.substr(422, 6), "EndLog");
-}
-
 // No child a call runs (BIOS tool, shell command) inherits a stream the
 // trace layer opens: the created trace, the reopened one and QMX_fopen's.
 TEST_F(TraceRing, StreamsAreCloseOnExec) {
@@ -140,7 +105,8 @@ TEST_F(TraceRing, StreamsAreCloseOnExec) {
 // The marker scan agrees with a loop of fgets(132) + strstr("EndLog") where
 // a block search could go wrong: a marker across the 64 KiB block edge or
 // after it, "EndLog" behind a NUL or split between two reads of a long line,
-// inside a message, or nowhere.
+// inside a message, or nowhere; a 300-character line is three reads (131 +
+// 131 + 38), a file without a marker is written from the top.
 TEST_F(TraceRing, MarkerScanMatchesLineReads) {
     auto reference = [](const std::string &t, int *reads) -> long {
         int n = 0;
@@ -170,6 +136,8 @@ TEST_F(TraceRing, MarkerScanMatchesLineReads) {
         std::string(128, 'a') + "EndLog\n" + mark,
         line + "2026/01/01 00:00:00 1 QMX_x EndLog text\n" + mark,
         lines(3) + "EndLo",
+        lines(5),
+        std::string(300, 'a') + "\n" + mark + line,  // the marker line at 301, after 3 reads
     };
     for (const std::string &t : files) {
         {
