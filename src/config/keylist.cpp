@@ -3,7 +3,6 @@
 // A configuration file is one line of items "key=value:" written back to
 // back; only the first line counts.
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -23,6 +22,7 @@
 #endif
 
 #include "config/config.h"
+#include "frame/fileio.h"
 #include "frame/frame.h"
 
 namespace qmx {
@@ -221,6 +221,18 @@ long refuseSlots() noexcept {
     return kReadRefused;
 }
 
+// The result of a read whose walk counted the slots: the slot count, or
+// kReadRefused (its trace lines and code 9) when a list could not hold them.
+int walkResult(const Walk &walk) noexcept {
+    if (walk.slots > kMaxKeySlots) {
+        refuseSlots();
+        trace("QMX_Read_qmxlddconf ABEND");
+        return kReadRefused;
+    }
+    if (walk.cut) trace("qmxldd.conf item truncated");
+    return int(walk.slots);
+}
+
 // The item slots of a line; kReadRefused (with its trace line and code 9)
 // when there are more than a list may hold.
 long countSlots(std::string_view line) noexcept {
@@ -331,17 +343,7 @@ int readFirstLine(const char *sizePath, const char *path, ReadBuffer &buf, std::
         // second open.
         trace("QMX_fopen START");
         *opened = true;
-        while (got < size) {
-            ssize_t n = ::read(guard.fd(), buf.data() + got, size - got);
-            if (n > 0) {
-                got += std::size_t(n);
-            } else if (n == 0) {
-                break;
-            } else if (errno != EINTR) {
-                err = errno;
-                break;
-            }
-        }
+        if (!readAllAt(guard.fd(), buf.data(), size, &got)) err = errno;
     } else {
         FILE *fp = QMX_fopen(const_cast<char *>(path), const_cast<char *>("re"));
         if (fp == nullptr) {
@@ -396,15 +398,9 @@ int readConfItems(const char *sizePath, const char *path, ConfText &out) noexcep
         trace("QMX_Read_qmxlddconf ABEND");
         return kReadNoMemory;
     }
-    if (walk.slots > kMaxKeySlots) {
-        out.items.clear();
-        refuseSlots();
-        trace("QMX_Read_qmxlddconf ABEND");
-        return kReadRefused;
-    }
     // The slots after an item without "=" stay empty.
-    if (walk.cut) trace("qmxldd.conf item truncated");
-    return int(walk.slots);
+    if (walk.slots > kMaxKeySlots) out.items.clear();
+    return walkResult(walk);
 }
 
 int visitConfItems(const char *sizePath, const char *path, std::string_view prefix, ItemVisitor visit,
@@ -421,13 +417,7 @@ int visitConfItems(const char *sizePath, const char *path, std::string_view pref
             key.starts_with(prefix))
             visit(ctx, key, value);
     });
-    if (walk.slots > kMaxKeySlots) {
-        refuseSlots();
-        trace("QMX_Read_qmxlddconf ABEND");
-        return kReadRefused;
-    }
-    if (walk.cut) trace("qmxldd.conf item truncated");
-    return int(walk.slots);
+    return walkResult(walk);
 }
 
 // ---------------------------------------------------------------------------

@@ -158,20 +158,26 @@ template <class Text>
 bool readAllInto(int fd, std::size_t size, Text &text) {
     text.resize(size);
     std::size_t got = 0;
-    while (got < size) {
-        ssize_t r = pread(fd, text.data() + got, size - got, off_t(got));
+    bool ok = readAllAt(fd, text.data(), size, &got);
+    text.resize(got);
+    return ok;
+}
+
+}  // namespace
+
+bool readAllAt(int fd, char *buf, std::size_t size, std::size_t *got) noexcept {
+    *got = 0;
+    while (*got < size) {
+        ssize_t r = pread(fd, buf + *got, size - *got, off_t(*got));
         if (r < 0) {
             if (errno == EINTR) continue;
             return false;
         }
         if (r == 0) break;
-        got += std::size_t(r);
+        *got += std::size_t(r);
     }
-    text.resize(got);
     return true;
 }
-
-}  // namespace
 
 bool readAllAt(int fd, std::size_t size, std::string &text) { return readAllInto(fd, size, text); }
 bool readAllAt(int fd, std::size_t size, BigText &text) { return readAllInto(fd, size, text); }
