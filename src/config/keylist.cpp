@@ -39,7 +39,7 @@ const ConfStore kSystemStore = {
 bool ReadBuffer::reserve(std::size_t size) noexcept {
     if (size <= size_ && data_ != nullptr) return true;
     release();
-    void *p = size < kBigBlockBytes ? ::operator new(size, std::nothrow) : takeBigBlock(size);
+    void *p = size < kBigBlockBytes ? ::operator new(size, kReadAlign, std::nothrow) : takeBigBlock(size);
     if (p == nullptr) return false;
     data_ = static_cast<char *>(p);
     size_ = size;
@@ -49,7 +49,7 @@ bool ReadBuffer::reserve(std::size_t size) noexcept {
 void ReadBuffer::release() noexcept {
     if (data_ == nullptr) return;
     if (size_ < kBigBlockBytes)
-        ::operator delete(data_);
+        ::operator delete(data_, kReadAlign);
     else
         dropBigBlock(data_);
     data_ = nullptr;

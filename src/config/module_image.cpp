@@ -18,6 +18,7 @@
 #include <string_view>
 
 #include "config/config.h"
+#include "frame/bigblock.h"
 #include "frame/fileio.h"
 #include "frame/frame.h"
 
@@ -50,6 +51,14 @@ const EntryDef kChain[6] = {
 };
 constexpr int kConfigEntry = 4;
 constexpr size_t kNameSize = 64;
+
+// A block of `bytes` for a read, aligned as the file helpers' read buffers
+// are (kReadAlign: reads into it run at the copy's full speed), freed with
+// free().
+char *readBlock(size_t bytes) {
+    constexpr size_t align = size_t(qmx::kReadAlign);
+    return static_cast<char *>(std::aligned_alloc(align, (bytes + align - 1) / align * align));
+}
 
 // Reads up to `want` bytes at `off`; returns the count read or -1.
 long readAt(int fd, char *buf, size_t want, off_t off) {
@@ -130,7 +139,7 @@ int search(char *buf, int n) {
 
 int find_table(int fd) {
     qmx::trace("find_table START");
-    auto *buf = static_cast<char *>(std::malloc(size_t(kTableAreaSize)));
+    auto *buf = readBlock(size_t(kTableAreaSize));
     if (buf == nullptr) {
         qmx::sysError("malloc", errno);
         return -1;
@@ -172,7 +181,7 @@ int read_table(Type_tbl *tbl, int fd) {
         return abend();
     }
     if (tbl->data == nullptr) {
-        tbl->data = static_cast<char *>(std::malloc(size_t(kTableAreaSize)));
+        tbl->data = readBlock(size_t(kTableAreaSize));
         if (tbl->data == nullptr) {
             qmx::sysError("malloc", errno);
             return abend();
@@ -255,7 +264,7 @@ int writeConfigFrom(const char *confPath, Type_tbl *tbl, int fd) noexcept {
     // The text is read into a buffer of its own: the table check below
     // reads the area again before it is changed.
     std::unique_ptr<char, decltype(&std::free)> text(
-        static_cast<char *>(std::malloc(size_t(st.st_size) + 1)), &std::free);
+        readBlock(size_t(st.st_size) + 1), &std::free);
     if (!text) {
         sysError("malloc", errno);
         return abend();

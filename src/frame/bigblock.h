@@ -30,6 +30,13 @@ void dropBigBlock(void *block) noexcept;
 // gave (for blocks handed to a caller who frees them with free()).
 void adviseHugePages(void *p, std::size_t bytes) noexcept;
 
+// The alignment of every buffer a file is read into.  The kernel copies a
+// read with string moves, which on some processors run several times slower
+// into a destination that is not aligned to a cache line (a 190 KB read into
+// a block malloc gives, 16 bytes past a page, measured 5x slower than into an
+// aligned one).  Big blocks are aligned so already.
+inline constexpr std::align_val_t kReadAlign{64};
+
 // std::vector allocator over the recycler (operator new below kBigBlockBytes).
 template <class T>
 struct BigAllocator {
@@ -40,13 +47,13 @@ struct BigAllocator {
     T *allocate(std::size_t n) {
         if (n > std::size_t(-1) / sizeof(T)) throw std::bad_alloc();
         std::size_t bytes = n * sizeof(T);
-        void *p = bytes < kBigBlockBytes ? ::operator new(bytes) : takeBigBlock(bytes);
+        void *p = bytes < kBigBlockBytes ? ::operator new(bytes, kReadAlign) : takeBigBlock(bytes);
         if (p == nullptr) throw std::bad_alloc();
         return static_cast<T *>(p);
     }
     void deallocate(T *p, std::size_t n) noexcept {
         if (n * sizeof(T) < kBigBlockBytes)
-            ::operator delete(p);
+            ::operator delete(p, kReadAlign);
         else
             dropBigBlock(p);
     }
