@@ -107,10 +107,16 @@ public:
         }
         return true;
     }
-    static bool write(const std::string &text) { return spit("/opt/kestrel/drivers/hba/bare.conf", text); }
+    static bool write(const std::string &text) {
+        int fd = ::open("/opt/kestrel/drivers/hba/bare.conf", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (fd < 0) return false;
+        bool ok = ::write(fd, text.data(), text.size()) == ssize_t(text.size());
+        return ::close(fd) == 0 && ok;
+    }
+    // The record read (its text kept from the first read, for write()).
     static bool read(std::string &text) {
-        text = slurp(kRecord);
-        return !text.empty();
+        if (text.empty()) text = slurp(kRecord);
+        return !text.empty() && bareReadFile(kRecord);
     }
 
 private:

@@ -37,15 +37,6 @@ std::string aliasFile(int ports) {
     return s;
 }
 
-// The bare I/O of a reader: open, read everything, close.
-bool bareRead(const char *path, std::string &buf) {
-    int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    ssize_t n = ::read(fd, buf.data(), buf.size());
-    ::close(fd);
-    return n >= 0;
-}
-
 // The bare I/O of a whole-file replacement: a new file beside, written,
 // flushed, renamed over the old one.
 bool bareReplace(const char *path, const std::string &text) {
@@ -89,7 +80,6 @@ void BM_AliasGetSet(benchmark::State &state) {
     if (!spit(kConfFile, conf) || !spit(kLibFile, lib)) return state.SkipWithError("cannot write the files");
     QMX_WWN wwn = lastPortWwn();
     char name[64];
-    std::string buf(conf.size() + 1, '\0');
     auto call = [&] {
         char next[] = "hbaXYZ";
         return QMX_GetHbaAliasName(wwn, name, sizeof name) == 0 && QMX_SetHbaAliasName(wwn, next, 6) == 0;
@@ -102,7 +92,7 @@ void BM_AliasGetSet(benchmark::State &state) {
         return state.SkipWithError("cannot prepare the trace ring");
     BareTraceAndRead trace(ring.path(), lines);
     timeAgainstBare(state, call, [&] {
-        return trace.traceOnly() && bareRead(kLibFile, buf) && bareRead(kLibFile, buf) &&
+        return trace.traceOnly() && bareReadFile(kLibFile) && bareReadFile(kLibFile) &&
                bareReplace(kLibFile, lib);
     });
     spit(kConfFile, savedConf);
