@@ -219,18 +219,25 @@ void BM_WriteBindInfo(benchmark::State &state) {
     if (!file.install()) return state.SkipWithError("config file");
     int records = bind_cnt;
     const std::string journal = std::string(kConfFile) + ".journal";
+    auto call = [&] {
+        QMX_OpenApiTraceFile();
+        int rc = QMX_WriteBindInfo();
+        int code = QMX_LastErrorCode();
+        QMX_CloseApiTraceFile();
+        // new:0 rewrites the file and the module refresh refuses its size
+        // (code 10); new:1 stops at the size bound (code 14).
+        return rc == -1 && code == (fresh ? QMX_ERR_SIZE_LIMIT : QMX_ERR_INTERNAL);
+    };
+    // The call's trace lines are part of its bare I/O (one write each).
+    OwnRing ring("qmxbenchBind.txt");
+    int lines = linesOfOneCall(ring.path(), call);
+    if (lines <= 0 || !spit(ring.path(), fullRing(kRingLines / 2)))
+        return state.SkipWithError("cannot prepare the trace ring");
+    BareTraceAndRead trace(ring.path(), lines);
     timeAgainstBare(
-        state,
+        state, call,
         [&] {
-            QMX_OpenApiTraceFile();
-            int rc = QMX_WriteBindInfo();
-            int code = QMX_LastErrorCode();
-            QMX_CloseApiTraceFile();
-            // new:0 rewrites the file and the module refresh refuses its
-            // size (code 10); new:1 stops at the size bound (code 14).
-            return rc == -1 && code == (fresh ? QMX_ERR_SIZE_LIMIT : QMX_ERR_INTERNAL);
-        },
-        [&] {
+            if (!trace.traceOnly()) return false;
             // Read the file; new:0 also writes it back and reads it again
             // for the module refresh.  A rewrite of this file is made safe
             // against a crash by a journal beside it: the new text is
