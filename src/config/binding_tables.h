@@ -61,3 +61,16 @@ char *bindingKeyText(char *out, const __TBLKEY &r);
 // The whole item of a record ("key=value:") as the writer writes it, or
 // nullptr for kinds without a key.
 char *bindingItemText(char *out, const __TBLKEY &r);
+// The same texts for a run of records: the "qmxl<A>-tid-<T>-" text of the
+// last record is kept, since a table's records come grouped by target.
+class BindingTextWriter {
+public:
+    char *key(char *out, const __TBLKEY &r);
+    char *item(char *out, const __TBLKEY &r);
+
+private:
+    bool held_ = false;
+    int adapt_ = 0, target_ = 0;
+    std::size_t len_ = 0;
+    char prefix_[32] = {};  // "qmxl", 11, "-tid-", 11, "-": 32 at most
+};

@@ -315,9 +315,18 @@ void writePort(qmx::BigText &out, int port) {
 
 void writeBindingTables(qmx::BigText &out) {
     int n = bind_cnt < 0 ? 0 : std::min(bind_cnt, BINDMAX);
-    char buf[kBindingTextMax];
-    for (int r = 0; r < n; ++r)
-        if (const char *end = bindingItemText(buf, TBLKEY[r])) out.append(buf, std::size_t(end - buf));
+    // The items are gathered in a block and appended a block at a time.
+    char block[16384];
+    std::size_t used = 0;
+    BindingTextWriter text;
+    for (int r = 0; r < n; ++r) {
+        if (sizeof block - used < kBindingTextMax) {
+            out.append(block, used);
+            used = 0;
+        }
+        if (const char *end = text.item(block + used, TBLKEY[r])) used = std::size_t(end - block);
+    }
+    out.append(block, used);
     int w = wwpn_cnt < 0 ? 0 : std::min(wwpn_cnt, HADAPTMAX);
     for (int i = 0; i < w; ++i) {
         const __WWPN &a = WWPN[i];

@@ -520,13 +520,13 @@ private:
     std::size_t left_ = 0;
 };
 
-// The items of a list by key: every item of a key is found without a scan
-// (open addressing over the item indexes, each slot with its key's hash; an
-// item's later namesakes are chained behind it in list order).
+// The items of a list by key: the first item of a key is found without a
+// scan (open addressing over the item indexes, each slot with its key's
+// hash).
 class KeyIndex {
 public:
     explicit KeyIndex(const qmx::ConfItems &items) : items_(items) {}
-    // The first item with the key, or -1; next() gives the one after it.
+    // The first item with the key, or -1.
     // The index is built at the first lookup that needs it: a first key that
     // is in no item is found missing by one scan (a merge that fails at its
     // first new record never pays for the index).
@@ -546,14 +546,12 @@ public:
         }
         return slots_[slotOf(key, hashOf(key))].first;
     }
-    int next(int i) const { return next_[std::size_t(i)]; }
-    // first(key), trying the item at `guess` before the table: when no key
-    // is held by two items, an item with the key is the only one.  Records
-    // mostly come in the file's order, so the guess (the item after the
-    // last one found) spares a cache miss in the table.
-    int firstNear(string_view key, int guess) {
-        if (unique_ && !slots_.empty() && guess >= 0 && std::size_t(guess) < items_.size() &&
-            items_[std::size_t(guess)].key == key)
+    // An item with the key (not always the first), or -1; the item at
+    // `guess` is tried before the table.  Records mostly come in the file's
+    // order, so the guess (the item after the last one found) spares the
+    // table's lookup, and its building while every guess holds.
+    int anyNear(string_view key, int guess) {
+        if (guess >= 0 && std::size_t(guess) < items_.size() && items_[std::size_t(guess)].key == key)
             return guess;
         return first(key);
     }
@@ -564,24 +562,21 @@ private:
         std::size_t cap = 16;
         while (cap < items.size() * 2) cap <<= 1;
         slots_.assign(cap, Slot{});
-        next_.resize(items.size());
-        // The hashes first (next_ holds them for now), so that the slot of
-        // an item some places ahead can be fetched from memory while the
-        // current one is placed: a large table is mostly cache misses.
+        hashes_.resize(items.size());
+        // The hashes first, so that the slot of an item some places ahead
+        // can be fetched from memory while the current one is placed: a
+        // large table is mostly cache misses.
         const int n = int(items.size());
-        for (int i = 0; i < n; ++i) next_[std::size_t(i)] = int(hashOf(items[std::size_t(i)].key));
+        for (int i = 0; i < n; ++i) hashes_[std::size_t(i)] = hashOf(items[std::size_t(i)].key);
         const std::size_t mask = slots_.size() - 1;
         constexpr int kAhead = 16;
-        // From the last item to the first, each in front of its key's chain:
-        // the chains come out in list order.
+        // From the last item to the first: a key's slot ends up with the
+        // key's first item.
         for (int i = n - 1; i >= 0; --i) {
-            if (i >= kAhead) __builtin_prefetch(&slots_[uint32_t(next_[std::size_t(i - kAhead)]) & mask]);
+            if (i >= kAhead) __builtin_prefetch(&slots_[hashes_[std::size_t(i - kAhead)] & mask]);
             string_view key = items[std::size_t(i)].key;
-            uint32_t hash = uint32_t(next_[std::size_t(i)]);
-            Slot &s = slots_[slotOf(key, hash)];
-            if (s.first >= 0) unique_ = false;
-            next_[std::size_t(i)] = s.first;
-            s = Slot{hash, i};
+            uint32_t hash = hashes_[std::size_t(i)];
+            slots_[slotOf(key, hash)] = Slot{hash, i};
         }
     }
     struct Slot {
@@ -599,9 +594,8 @@ private:
     }
     const qmx::ConfItems &items_;
     bool probed_ = false;
-    bool unique_ = true;  // no key is held by two items
     std::vector<Slot, qmx::BigAllocator<Slot>> slots_;
-    std::vector<int, qmx::BigAllocator<int>> next_;
+    std::vector<uint32_t, qmx::BigAllocator<uint32_t>> hashes_;
 };
 
 }  // namespace
@@ -634,17 +628,27 @@ int QMX_WriteBindInfo(void) {
         constexpr std::size_t kKeyRoom = sizeof(util_para::keyword) - 1;
         constexpr std::size_t kValueRoom = sizeof(util_para::value) - 1;
         char keyText[kBindingTextMax], valueText[kBindingTextMax];
+        BindingTextWriter keyWriter;
         string_view k;
         uint64_t word = 0;
-        int guess = -1;
+        int guess = 0;
         for (int r = 0; r < records; ++r) {
             const __TBLKEY &t = TBLKEY[r];
             // A record of kind 10 or above (or of a kind without a key)
             // reuses the key text and the word of the record before it.
             bool prio = t.npd >= kBindPriority0 && t.npd < kBindPriority0 + 4;
-            if (const char *end = bindingKeyText(keyText, t)) {
+            if (const char *end = keyWriter.key(keyText, t)) {
                 k = string_view(keyText, std::size_t(end - keyText)).substr(0, kKeyRoom);
                 if (prio) word = t.priority[t.npd - kBindPriority0];
+            }
+            // A record whose key the file holds changes nothing that the
+            // rewrite keeps: every record's key is a binding key, and the
+            // rewrite drops the file's binding items for the tables' own
+            // (remake_bind_data 1).  Only new records are gathered, for the
+            // writer's size bound.
+            if (int hit = index.anyNear(k, guess); hit >= 0) {
+                guess = hit + 1;
+                continue;
             }
             string_view v;
             if (prio || (t.npd >= 10 && t.npd <= 13))
@@ -652,13 +656,6 @@ int QMX_WriteBindInfo(void) {
             else
                 v = string_view(t.bind, strnlen(t.bind, sizeof t.bind));
             v = v.substr(0, kValueRoom);
-            int hit = index.firstNear(k, guess);
-            if (hit >= 0) {
-                guess = hit + 1;
-                string_view kept = texts.keep(v);
-                for (int i = hit; i >= 0; i = index.next(i)) items[std::size_t(i)].value = kept;
-                continue;
-            }
             qmx::ConfItem &p = added.emplace_back();
             p.key = texts.keep(k);
             p.value = texts.keep(v);

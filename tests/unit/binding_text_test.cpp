@@ -30,7 +30,13 @@ TEST(BindingText, ItemsAtTheEdgesOfTheirFields) {
         {3, 0, 0, 0, 0, 0, "", nullptr},
         {10, 0, 0, 0, 0, 0, "", nullptr},
         {-5, 0, 0, 0, 0, 0, "", nullptr},
+        {9, 1, 1, 0, 7, 0, "", "qmxl1-tid-1-gt=7:"},
+        {9, 1, 10, 0, 7, 0, "", "qmxl1-tid-10-gt=7:"},
+        {9, 11, 0, 0, 7, 0, "", "qmxl11-tid-0-gt=7:"},
     };
+    // One writer through all the cases, as a table is written: the kept
+    // "qmxl<A>-tid-<T>-" text must follow every change of adapter or target.
+    BindingTextWriter run;
     for (const Case &c : cases) {
         __TBLKEY r{};
         r.npd = c.npd;
@@ -41,14 +47,17 @@ TEST(BindingText, ItemsAtTheEdgesOfTheirFields) {
         if (c.npd >= kBindPriority0 && c.npd < kBindPriority0 + 4)
             r.priority[c.npd - kBindPriority0] = c.priority;
         std::memcpy(r.bind, c.bind, std::min(std::strlen(c.bind), sizeof r.bind));
-        char buf[kBindingTextMax];
-        char *end = bindingItemText(buf, r);
+        char buf[kBindingTextMax], runBuf[kBindingTextMax];
+        char *end = bindingItemText(buf, r), *runEnd = run.item(runBuf, r);
         if (c.want == nullptr) {
             EXPECT_EQ(end, nullptr) << c.npd;
+            EXPECT_EQ(runEnd, nullptr) << c.npd;
             continue;
         }
         ASSERT_NE(end, nullptr) << c.want;
+        ASSERT_NE(runEnd, nullptr) << c.want;
         EXPECT_EQ(std::string(buf, end), c.want);
+        EXPECT_EQ(std::string(runBuf, runEnd), c.want);
     }
 }
 
