@@ -3,12 +3,14 @@
 // The trace file is a ring of fixed 121-byte lines (120 characters and a
 // newline) with an "EndLog" marker line after the newest line, shared by all
 // processes and guarded by an exclusive flock from open to close.
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <string_view>
@@ -31,13 +33,32 @@ constexpr const char *kTraceDir = "/opt/kestrel/drivers/hba";
 // characters and the newline per read.
 constexpr std::size_t kScanChunk = 131;
 
-void writeFixedLine(FILE *fp, const char *text, std::size_t len) {
-    char line[kLineWidth + 1];
+// A line of the ring in `out` (kLineWidth + 1 bytes): `text` cut or padded
+// with blanks, and the newline.
+void fixedLine(char *out, const char *text, std::size_t len) {
     std::size_t n = len < std::size_t(kLineWidth) ? len : std::size_t(kLineWidth);
-    std::memcpy(line, text, n);
-    std::memset(line + n, ' ', kLineWidth - n);
-    line[kLineWidth] = '\n';
-    std::fwrite(line, 1, sizeof line, fp);
+    std::memcpy(out, text, n);
+    std::memset(out + n, ' ', kLineWidth - n);
+    out[kLineWidth] = '\n';
+}
+
+// The ring is written unbuffered, each message's lines with one fwrite (one
+// write): every line must be in the file once its message returns, and a
+// buffered stream would also read the block around each seek first.
+FILE *openRing(const char *path, const char *mode) {
+    FILE *fp = std::fopen(path, mode);
+    if (fp != nullptr) std::setvbuf(fp, nullptr, _IONBF, 0);
+    return fp;
+}
+
+// The process id in every line, asked of the kernel once a process (a
+// forked child asks again).
+pid_t cachedPid = 0;
+void forgetPid() { cachedPid = 0; }
+pid_t tracePid() {
+    static const bool registered = pthread_atfork(nullptr, nullptr, forgetPid) == 0;
+    if (cachedPid == 0 || !registered) cachedPid = getpid();
+    return cachedPid;
 }
 
 void wrapIfFull(FILE *fp);
@@ -207,9 +228,9 @@ FILE *QMX_OpenApiTraceFile(void) {
 
     // Close-on-exec: the tools and shell commands a call runs must not
     // inherit the trace (nor hold its flock after the call closes it).
-    FILE *fp = std::fopen(path, "r+e");
+    FILE *fp = openRing(path, "r+e");
     if (fp == nullptr) {
-        fp = std::fopen(path, "we");
+        fp = openRing(path, "we");
         if (fp == nullptr) return nullptr;
         flock(fileno(fp), LOCK_EX);
         session = TraceSession{};
@@ -275,15 +296,17 @@ FILE *QMX_WriteApiTraceFile(char *message) {
         if (*p == '\n') *p = ' ';
 
     char line[kLineWidth + 64];
-    int n = std::snprintf(line, sizeof line, "%s%d %s", stamp, int(getpid()), first);
+    int n = std::snprintf(line, sizeof line, "%s%d %s", stamp, int(tracePid()), first);
     if (n < 0) n = 0;
     std::size_t used = std::size_t(n) < sizeof line ? std::size_t(n) : sizeof line - 1;
-    writeFixedLine(fp, line, used);
+    char out[2 * (kLineWidth + 1)];
+    fixedLine(out, line, used);
     ++QMX_G_TraceLineCnt;
     if (two) {
-        writeFixedLine(fp, second, std::strlen(second));
+        fixedLine(out + kLineWidth + 1, second, std::strlen(second));
         ++QMX_G_TraceLineCnt;
     }
+    std::fwrite(out, 1, std::size_t(two ? 2 : 1) * (kLineWidth + 1), fp);
     std::fflush(fp);
     return fp;
 }
@@ -293,7 +316,9 @@ int QMX_CloseApiTraceFile(void) {
     if (fp == nullptr) return 0;
     wrapIfFull(fp);
     long marker = std::ftell(fp);
-    writeFixedLine(fp, "EndLog", 6);
+    char out[kLineWidth + 1];
+    fixedLine(out, "EndLog", 6);
+    std::fwrite(out, 1, sizeof out, fp);
     std::fflush(fp);
     rememberMarker(fp, marker);
     flock(fileno(fp), LOCK_UN);
