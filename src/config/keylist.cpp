@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -95,18 +96,18 @@ std::string_view firstLine(const char *text, std::size_t len) noexcept {
 constexpr std::size_t kBlock = 64;
 struct Marks {
     uint64_t colons = 0, eqs = 0;
+    uint64_t tags = 0;  // a filtered walk's: the bytes equal to its tag
 };
 
 #if defined(__SSE2__)
-// Sixteen bytes a compare.
-inline Marks marksOf(const char *p) noexcept {
-    const __m128i colon = _mm_set1_epi8(':'), equal = _mm_set1_epi8('=');
-    auto mask = [&](int k, __m128i c) __attribute__((always_inline)) {
+// The bytes of a block equal to `c`, sixteen bytes a compare.
+inline uint64_t maskOf(const char *p, char c) noexcept {
+    const __m128i cc = _mm_set1_epi8(c);
+    auto mask = [&](int k) __attribute__((always_inline)) {
         __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 16 * k));
-        return uint64_t(uint16_t(_mm_movemask_epi8(_mm_cmpeq_epi8(v, c)))) << (16 * k);
+        return uint64_t(uint16_t(_mm_movemask_epi8(_mm_cmpeq_epi8(v, cc)))) << (16 * k);
     };
-    return Marks{mask(0, colon) | mask(1, colon) | mask(2, colon) | mask(3, colon),
-                 mask(0, equal) | mask(1, equal) | mask(2, equal) | mask(3, equal)};
+    return mask(0) | mask(1) | mask(2) | mask(3);
 }
 #else
 // Eight bytes a word: the high bit of every byte of `w` that equals `c`,
@@ -120,15 +121,15 @@ inline uint64_t byteMask(const char *p, char c) noexcept {
     // Byte k's high bit to bit k.
     return ((high >> 7) * 0x0102040810204080ULL) >> 56;
 }
-inline Marks marksOf(const char *p) noexcept {
-    Marks m;
-    for (int k = 0; k < 8; ++k) {
-        m.colons |= byteMask(p + 8 * k, ':') << (8 * k);
-        m.eqs |= byteMask(p + 8 * k, '=') << (8 * k);
-    }
+// The bytes of a block equal to `c`.
+inline uint64_t maskOf(const char *p, char c) noexcept {
+    uint64_t m = 0;
+    for (int k = 0; k < 8; ++k) m |= byteMask(p + 8 * k, c) << (8 * k);
     return m;
 }
 #endif
+
+inline Marks marksOf(const char *p) noexcept { return Marks{maskOf(p, ':'), maskOf(p, '=')}; }
 
 // The bits set in `x`, in a few instructions on any machine (a build for
 // the x86-64 baseline would call a library routine for std::popcount).
@@ -141,17 +142,30 @@ inline long bitCount(uint64_t x) noexcept {
 
 // Hands `g(base, marks)` the marks of every block of the line in order (the
 // last block's bytes past the end read as zero).
-template <class G>
-void forEachBlock(std::string_view line, G &&g) {
+template <class G, class M = decltype(&marksOf)>
+void forEachBlock(std::string_view line, G &&g, M &&marksAt = &marksOf) {
     const char *p = line.data();
     const std::size_t n = line.size();
     std::size_t i = 0;
-    for (; i + kBlock <= n; i += kBlock) g(i, marksOf(p + i));
+    for (; i + kBlock <= n; i += kBlock) g(i, marksAt(p + i));
     if (i < n) {
         char tail[kBlock] = {};
         std::memcpy(tail, p + i, n - i);
-        g(i, marksOf(tail));
+        g(i, marksAt(tail));
     }
+}
+
+// a + b + carry, and the carry out of the top bit.  With `a` the bytes that
+// are not ":" and `b` marks that are never on a ":", the sum's ":" bits are
+// the ":" whose item (from the ":" before it) holds a mark of `b`, or, for
+// the first one, follows a carry: each run of ones between two ":" that
+// takes a bit overflows into the ":" above it, and no further.
+inline uint64_t addCarry(uint64_t a, uint64_t b, bool carryIn, bool *carryOut) noexcept {
+    uint64_t sum;
+    bool first = __builtin_add_overflow(a, b, &sum);
+    bool second = __builtin_add_overflow(sum, uint64_t(carryIn), &sum);
+    *carryOut = first || second;
+    return sum;
 }
 
 // The result of a walk: whether any text was cut, and the line's item slots
@@ -159,6 +173,15 @@ void forEachBlock(std::string_view line, G &&g) {
 struct Walk {
     bool cut = false;
     long slots = 0;
+};
+
+// A filtered walk's tag: the last character of a key prefix and the
+// prefix's length (1 to 63).  The walk hands over only the items whose key
+// has that character at that place (all that have the prefix, and some
+// others); the rest are counted a block at a time.
+struct Tag {
+    char last = 0;
+    unsigned at = 0;
 };
 
 // Walks the items of a line in slot order as the reader fills its slots:
@@ -170,8 +193,14 @@ struct Walk {
 // The walk steps from ":" to ":" through the block's marks and takes an
 // item's first "=" from them, so that no branch depends on which of the two
 // marks comes next.
-template <class F>
-Walk walkItems(std::string_view line, std::size_t limit, F &&f) {
+//
+// A tagged walk (kTagged) looks at a block's items one by one only where the
+// block asks for it: an item that ends the walk (no "=", or the last slot),
+// an item long enough to be cut, or a tagged key.  Whether each ":" closes
+// an item with an "=" and whether its key is tagged come from the marks by
+// addition (addCarry), for the whole block at once.
+template <bool kTagged, class F>
+Walk walkBlocks(std::string_view line, std::size_t limit, Tag tag, F &&f) {
     // Kept in locals apart from the item handler's reach, so that they stay
     // in registers while it writes.
     bool cut = false, walking = limit > 0;
@@ -194,23 +223,81 @@ Walk walkItems(std::string_view line, std::size_t limit, F &&f) {
         eq = kNone;
         return ++slot < limit;
     };
-    forEachBlock(line, [&](std::size_t base, Marks m) __attribute__((always_inline)) {
-        slots += bitCount(m.colons);
-        if (!walking) return;
-        for (uint64_t colons = m.colons; colons != 0; colons &= colons - 1) {
-            uint64_t mark = colons & -colons, below = mark - 1;
-            std::size_t at = base + std::size_t(std::countr_zero(mark));
-            // The block's first "=" before this ":", or the ":" itself.
-            std::size_t first = base + std::size_t(std::countr_zero((m.eqs & below) | mark));
-            if (!item(eq != kNone ? eq : first, at)) {
-                walking = false;
-                return;
+    // An item no longer than this cannot be cut (its key and value are
+    // shorter than their fields).
+    constexpr std::size_t kShortItem = std::min(kKeyRoom, kValueRoom) + 1;
+    // The line's start counts as a ":" before its first byte.
+    uint64_t lastColons = uint64_t(1) << 63;
+    bool openTagged = false;  // the open item's key is tagged
+    auto marksAt = [&](const char *q) __attribute__((always_inline)) {
+        Marks m = marksOf(q);
+        if constexpr (kTagged) m.tags = maskOf(q, tag.last);
+        return m;
+    };
+    forEachBlock(
+        line,
+        [&](std::size_t base, Marks m) __attribute__((always_inline)) {
+            slots += bitCount(m.colons);
+            if (!walking) return;
+            if constexpr (kTagged) {
+                const uint64_t colons = m.colons;
+                // The tag's byte `tag.at` bytes past a ":".
+                const uint64_t tagged = ((colons << tag.at) | (lastColons >> (64 - tag.at))) & m.tags;
+                lastColons = colons;
+                bool eqOpen;
+                const uint64_t withEq = addCarry(~colons, m.eqs, eq != kNone, &eqOpen) & colons;
+                const uint64_t withTag = addCarry(~colons, tagged, openTagged, &openTagged) & colons;
+                const long closed = bitCount(colons);
+                if ((colons & ~withEq) == 0 && slot + std::size_t(closed) < limit &&
+                    (colons == 0 || base + std::size_t(std::countr_zero(colons)) - start <= kShortItem)) {
+                    const std::size_t first = slot;
+                    for (uint64_t t = withTag; t != 0; t &= t - 1) {
+                        uint64_t mark = t & -t, below = mark - 1, before = colons & below;
+                        std::size_t eqAt;
+                        if (before != 0) {
+                            int q = 63 - std::countl_zero(before);
+                            start = base + std::size_t(q) + 1;
+                            eqAt = base + std::size_t(std::countr_zero(m.eqs & below & ~((uint64_t(2) << q) - 1)));
+                        } else {
+                            eqAt = eq != kNone ? eq : base + std::size_t(std::countr_zero(m.eqs & below));
+                        }
+                        slot = first + std::size_t(bitCount(before));
+                        item(eqAt, base + std::size_t(std::countr_zero(mark)));
+                    }
+                    // The block's last ":" closed its items; the open one
+                    // starts after it.
+                    if (colons != 0) {
+                        int last = 63 - std::countl_zero(colons);
+                        uint64_t after = m.eqs & ~((uint64_t(2) << last) - 1);
+                        start = base + std::size_t(last) + 1;
+                        eq = after != 0 ? base + std::size_t(std::countr_zero(after)) : kNone;
+                        slot = first + std::size_t(closed);
+                    } else if (eq == kNone && m.eqs != 0) {
+                        eq = base + std::size_t(std::countr_zero(m.eqs));
+                    }
+                    return;
+                }
             }
-            m.eqs &= ~below;
-        }
-        if (eq == kNone && m.eqs != 0) eq = base + std::size_t(std::countr_zero(m.eqs));
-    });
+            for (uint64_t colons = m.colons; colons != 0; colons &= colons - 1) {
+                uint64_t mark = colons & -colons, below = mark - 1;
+                std::size_t at = base + std::size_t(std::countr_zero(mark));
+                // The block's first "=" before this ":", or the ":" itself.
+                std::size_t first = base + std::size_t(std::countr_zero((m.eqs & below) | mark));
+                if (!item(eq != kNone ? eq : first, at)) {
+                    walking = false;
+                    return;
+                }
+                m.eqs &= ~below;
+            }
+            if (eq == kNone && m.eqs != 0) eq = base + std::size_t(std::countr_zero(m.eqs));
+        },
+        marksAt);
     return Walk{cut, slots};
+}
+
+template <class F>
+Walk walkItems(std::string_view line, std::size_t limit, F &&f) {
+    return walkBlocks<false>(line, limit, Tag{}, std::forward<F>(f));
 }
 
 // The trace line and code of a line with more item slots than a list may
@@ -410,13 +497,18 @@ int visitConfItems(const char *sizePath, const char *path, std::string_view pref
     bool opened = false;
     int got = readFirstLine(sizePath, path, buffer, &line, &opened);
     if (got <= 0) return got;
-    Walk walk = walkItems(line, kMaxKeySlots, [&](std::size_t, std::string_view key, std::string_view value) {
+    auto take = [&](std::size_t, std::string_view key, std::string_view value) {
         // Most keys share their first bytes ("qmx"): the prefix's last byte
         // tells most of them apart before a whole compare.
         if (key.size() >= prefix.size() && (prefix.empty() || key[prefix.size() - 1] == prefix.back()) &&
             key.starts_with(prefix))
             visit(ctx, key, value);
-    });
+    };
+    // The prefix's last byte tags the keys to look at, when it is no mark.
+    bool tagged = !prefix.empty() && prefix.size() < 64 && prefix.back() != ':' && prefix.back() != '=' &&
+                  prefix.back() != '\0';
+    Walk walk = tagged ? walkBlocks<true>(line, kMaxKeySlots, Tag{prefix.back(), unsigned(prefix.size())}, take)
+                       : walkItems(line, kMaxKeySlots, take);
     return walkResult(walk);
 }
 

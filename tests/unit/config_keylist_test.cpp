@@ -138,24 +138,26 @@ TEST_F(KeyListRead, RandomLinesMatchAByteAtATimeReading) {
     // runs of marks and overlong fields are compared with the plain reading:
     // every ":" is a slot, items fill them in order up to the first item
     // without "=", keys and values cut to their fields.  The item visitor
-    // must hand over exactly the items whose key has its prefix.
+    // must hand over exactly the items whose key has its prefix (some of
+    // them longer than a block's step), and trace a cut item as the reader.
     constexpr std::size_t kKey = sizeof(util_para::keyword) - 1, kValue = sizeof(util_para::value) - 1;
-    const char *const prefixes[] = {"a", "ab", "abc_a", "b_"};
+    const char *const prefixes[] = {"a", "ab", "abc_a", "b_", "a_", "", "abc_abc_abc_abc_abc_a"};
     std::mt19937 rng(7);
     for (int t = 0; t < 3000; ++t) {
         std::string line;
         const unsigned colonOdds = 2 + rng() % 300, eqOdds = 2 + rng() % 200;
         for (std::size_t i = 0, n = rng() % 1200; i < n; ++i)
             line += rng() % colonOdds == 0 ? ':' : rng() % eqOdds == 0 ? '=' : "abc_"[rng() % 4];
-        const std::string prefix = prefixes[t % 4];
+        const std::string prefix = prefixes[t % std::size(prefixes)];
         std::vector<std::string> want, wantVisited;
         int slots = 0;
-        bool walking = true;
+        bool walking = true, cut = false;
         for (std::size_t start = 0, at; (at = line.find(':', start)) != std::string::npos; start = at + 1) {
             ++slots;
             std::size_t eq = line.find('=', start);
             if (eq > at) walking = false;
             if (!walking) continue;
+            cut = cut || eq - start > kKey || at - eq - 1 > kValue;
             std::string key = line.substr(start, std::min(eq - start, kKey));
             want.push_back(key + "=" + line.substr(eq + 1, std::min(at - eq - 1, kValue)));
             if (key.starts_with(prefix)) wantVisited.push_back(want.back());
@@ -168,12 +170,16 @@ TEST_F(KeyListRead, RandomLinesMatchAByteAtATimeReading) {
         }
         std::free(list);
         spit(conf_, line);
+        QMX_CloseApiTraceFile();
+        unlink(tracePath_.c_str());
+        QMX_OpenApiTraceFile();
         std::vector<std::string> visited;
         auto visit = [](void *ctx, std::string_view key, std::string_view value) {
             static_cast<std::vector<std::string> *>(ctx)->push_back(std::string(key) + "=" + std::string(value));
         };
         ASSERT_EQ(qmx::visitConfItems(conf_.c_str(), conf_.c_str(), prefix, visit, &visited), slots) << line;
         ASSERT_EQ(visited, wantVisited) << prefix << " in " << line;
+        ASSERT_EQ(traced("qmxldd.conf item truncated"), cut) << line;
     }
 }
 
