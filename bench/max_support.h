@@ -52,30 +52,25 @@ inline bool spit(const std::string &path, const std::string &text) {
 // with string moves, which on some processors run several times slower into
 // a destination 16 bytes past a cache line (where malloc's large blocks
 // start); the bare I/O is the cheapest read of the bytes, so it reads where
-// the copy runs at full speed.  Grown on demand, kept for the process.
-inline char *bareReadBuffer(std::size_t bytes) {
-    struct Buffer {
-        char *data = nullptr;
-        std::size_t size = 0;
-    };
-    static Buffer buf;
-    if (bytes > buf.size) {
-        ::operator delete(buf.data, std::align_val_t{64});
-        buf.data = static_cast<char *>(::operator new(bytes, std::align_val_t{64}));
-        buf.size = bytes;
-        std::memset(buf.data, 0, bytes);  // faulted in once, outside the timing
-    }
-    return buf.data;
-}
+// the copy runs at full speed.  Made and faulted in before any benchmark
+// runs, kept for the process.
+inline constexpr std::size_t kBareRoom = std::size_t(32) << 20;
+inline char *const bareReadBuffer = [] {
+    auto *buf = static_cast<char *>(::operator new(kBareRoom, std::align_val_t{64}));
+    std::memset(buf, 0, kBareRoom);
+    return buf;
+}();
 
-// The bare read of a whole file (shorter than `room`): open, one read,
-// close.
-inline bool bareReadFile(const char *path, std::size_t room = std::size_t(32) << 20) {
+// The bare read of a whole file: open, reads of the buffer's size until a
+// short one (one read for a file shorter than the buffer), close.
+inline bool bareReadFile(const char *path) {
     int fd = ::open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return false;
-    ssize_t n = ::read(fd, bareReadBuffer(room), room);
+    ssize_t n;
+    while ((n = ::read(fd, bareReadBuffer, kBareRoom)) == ssize_t(kBareRoom)) {
+    }
     ::close(fd);
-    return n >= 0 && std::size_t(n) < room;
+    return n >= 0;
 }
 
 // The configuration file as the scenario left it, put back when the
@@ -182,7 +177,7 @@ public:
                        ssize_t(marker_.size());
         return ::close(fd) == 0 && ok;
     }
-    bool readConf() { return bareReadFile(kConfFile, std::size_t(1) << 20); }
+    bool readConf() { return bareReadFile(kConfFile); }
 
 private:
     std::string path_, line_, marker_;
