@@ -19,11 +19,9 @@
 // ratio ("x_bare").
 #include <fcntl.h>
 #include <sys/ioctl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -31,6 +29,7 @@
 #include <vector>
 
 #include "config/binding_tables.h"
+#include "frame/bigblock.h"
 #include "max_support.h"
 #include "multipath/binding.h"
 #include "qmxldd_ioctl.h"
@@ -266,10 +265,7 @@ bool bareList(long items) {
     std::size_t bytes = std::size_t(items) * sizeof(util_para);
     auto *list = static_cast<char *>(std::calloc(std::size_t(items), sizeof(util_para)));
     if (list == nullptr) return false;
-    constexpr std::uintptr_t huge = std::uintptr_t(2) << 20;
-    std::uintptr_t at = reinterpret_cast<std::uintptr_t>(list);
-    std::uintptr_t from = (at + huge - 1) & ~(huge - 1), to = (at + bytes) & ~(huge - 1);
-    if (to > from) madvise(reinterpret_cast<void *>(from), to - from, MADV_HUGEPAGE);
+    qmx::adviseHugePages(list, bytes);
     for (std::size_t i = 0; i < bytes; i += 4096) static_cast<volatile char *>(list)[i] = 1;
     std::free(list);
     return true;

@@ -10,10 +10,10 @@
 //
 // (length in decimal, checksum in 16 lower-case hexadecimal digits: in
 // layout 2 a hash of the text's 8-byte words in four lanes, in layout 1,
-// which is still read, the 64-bit FNV-1a of its bytes).  The journal is flushed to disk with its folder before
-// the file is touched, and removed (the folder flushed again) once the
-// rewritten file is on disk.  The file itself keeps the one-line format
-// older tools read.
+// which is still read, the 64-bit FNV-1a of its bytes).  The journal is
+// flushed to disk with its folder before the file is touched, and removed
+// (the folder flushed again) once the rewritten file is on disk.  The file
+// itself keeps the one-line format older tools read.
 //
 // A journal found later was left by a crash: a complete one (length and
 // checksum right) is finished, i.e. its text written into the file, before

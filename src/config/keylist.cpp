@@ -244,8 +244,10 @@ Walk walkBlocks(std::string_view line, std::size_t limit, Tag tag, F &&f) {
                 // The tag's byte `tag.at` bytes past a ":".
                 const uint64_t tagged = ((colons << tag.at) | (lastColons >> (64 - tag.at))) & m.tags;
                 lastColons = colons;
-                bool eqOpen;
-                const uint64_t withEq = addCarry(~colons, m.eqs, eq != kNone, &eqOpen) & colons;
+                // (The "=" chain's carry out is not kept: `eq` below holds
+                // the open item's "=".)
+                bool eqCarry;
+                const uint64_t withEq = addCarry(~colons, m.eqs, eq != kNone, &eqCarry) & colons;
                 const uint64_t withTag = addCarry(~colons, tagged, openTagged, &openTagged) & colons;
                 const long closed = bitCount(colons);
                 if ((colons & ~withEq) == 0 && slot + std::size_t(closed) < limit &&
@@ -345,13 +347,11 @@ int parseKeyLine(const char *text, std::size_t len, util_para **key_list) noexce
     // Every page of the list is written: huge pages fault far fewer times.
     if (std::size_t(slots) * sizeof(util_para) >= kBigBlockBytes)
         adviseHugePages(list, std::size_t(slots) * sizeof(util_para));
-    bool cut = walkItems(line, std::size_t(slots), [&](std::size_t slot, auto key, auto value) {
+    *key_list = list;
+    return walkResult(walkItems(line, std::size_t(slots), [&](std::size_t slot, auto key, auto value) {
         copyText(list[slot].keyword, key);
         copyText(list[slot].value, value);
-    }).cut;
-    if (cut) trace("qmxldd.conf item truncated");
-    *key_list = list;
-    return int(slots);
+    }));
 }
 
 namespace {
