@@ -232,11 +232,24 @@ private:
 using ConfItems = std::vector<ConfItem, BigAllocator<ConfItem>>;
 struct ConfText {
     ReadBuffer text;
+    std::string_view line;  // the line read, in `text`
     ConfItems items;
+    bool gathered = true;  // `items` holds the line's items
 };
 // Reads a file as readKeyFile does (the same trace lines, codes and
 // results) without building a key list: the items view the text read.
 int readConfItems(const char *sizePath, const char *path, ConfText &out) noexcept;
+// Reads a file as readConfItems does (the same trace lines, codes and
+// result), looking for one key instead of gathering the items: *slot is the
+// first slot whose key is `key`, or -1.  The items are gathered later by
+// gatherConfItems (or never: a caller that finds it needs no list does not
+// pay for one).
+int probeConfItems(const char *sizePath, const char *path, std::string_view key, ConfText &out,
+                   int *slot) noexcept;
+// Gathers the items of a probed read as readConfItems would have (no trace
+// line; a read already gathered is left as it is).  False when memory runs
+// out.
+bool gatherConfItems(ConfText &out) noexcept;
 // Reads a file as readConfItems does (the same trace lines, codes and
 // results) and hands `visit` each item whose key begins with `prefix`, in
 // slot order, instead of keeping a list.  Items are handed over before the
@@ -281,6 +294,11 @@ int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
 // makeConfFile of the items of a read (readConfItems).
 int makeConfFileFromItems(const ConfStore &store, ConfItem *key_list, int key_list_max,
                           ConfItem *add_list, int add_list_max, int remake_bind_data) noexcept;
+// makeConfFileFromItems of a probed read (probeConfItems), whose items are
+// gathered only once the size check has passed: a refused rewrite never
+// needs them.
+int makeConfFileFromRead(const ConfStore &store, ConfText &read, int key_list_max, ConfItem *add_list,
+                         int add_list_max, int remake_bind_data) noexcept;
 
 // ---------------------------------------------------------------------------
 // Parameter engine.

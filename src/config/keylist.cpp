@@ -21,6 +21,23 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+#define QMX_MARKS_AVX2 1
+#endif
+
+// The walks over a line's bytes are built for the x86-64 baseline and for
+// the x86-64-v2 and -v3 levels, and the loader picks the best the processor
+// has: the same code, with popcnt for the bit counts, BMI's bit scans and
+// the VEX forms of the compares.  Everything a walk calls is inlined into
+// it (kWalk), so each build of it runs with its level's instructions
+// throughout.
+#if defined(__x86_64__) && defined(__GNUC__) && defined(__ELF__)
+#define QMX_WALK_LEVELS __attribute__((target_clones("arch=x86-64-v3", "arch=x86-64-v2", "default")))
+#else
+#define QMX_WALK_LEVELS
+#endif
+#define QMX_INLINE __attribute__((always_inline)) inline
 
 #include "config/config.h"
 #include "frame/fileio.h"
@@ -97,11 +114,12 @@ constexpr std::size_t kBlock = 64;
 struct Marks {
     uint64_t colons = 0, eqs = 0;
     uint64_t tags = 0;  // a filtered walk's: the bytes equal to its tag
+    uint64_t ends = 0;  // newlines and NULs: the first ends the line
 };
 
 #if defined(__SSE2__)
 // The bytes of a block equal to `c`, sixteen bytes a compare.
-inline uint64_t maskOf(const char *p, char c) noexcept {
+QMX_INLINE uint64_t maskOf(const char *p, char c) noexcept {
     const __m128i cc = _mm_set1_epi8(c);
     auto mask = [&](int k) __attribute__((always_inline)) {
         __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 16 * k));
@@ -112,7 +130,7 @@ inline uint64_t maskOf(const char *p, char c) noexcept {
 #else
 // Eight bytes a word: the high bit of every byte of `w` that equals `c`,
 // exactly (no borrow from one byte into the next), gathered into 8 bits.
-inline uint64_t byteMask(const char *p, char c) noexcept {
+QMX_INLINE uint64_t byteMask(const char *p, char c) noexcept {
     constexpr uint64_t kOnes = 0x0101010101010101ULL, kLow7 = 0x7f7f7f7f7f7f7f7fULL;
     uint64_t w = 0;
     for (int k = 0; k < 8; ++k) w |= uint64_t(uint8_t(p[k])) << (8 * k);
@@ -122,37 +140,103 @@ inline uint64_t byteMask(const char *p, char c) noexcept {
     return ((high >> 7) * 0x0102040810204080ULL) >> 56;
 }
 // The bytes of a block equal to `c`.
-inline uint64_t maskOf(const char *p, char c) noexcept {
+QMX_INLINE uint64_t maskOf(const char *p, char c) noexcept {
     uint64_t m = 0;
     for (int k = 0; k < 8; ++k) m |= byteMask(p + 8 * k, c) << (8 * k);
     return m;
 }
 #endif
 
-inline Marks marksOf(const char *p) noexcept { return Marks{maskOf(p, ':'), maskOf(p, '=')}; }
+// The marks of `count` whole blocks from `p`, one Marks a block into `out`;
+// the tags only when `tag` is not 0.
+using MarkKernel = void (*)(const char *p, std::size_t count, char tag, Marks *out) noexcept;
 
-// The bits set in `x`, in a few instructions on any machine (a build for
-// the x86-64 baseline would call a library routine for std::popcount).
-inline long bitCount(uint64_t x) noexcept {
-    x -= (x >> 1) & 0x5555555555555555ULL;
-    x = (x & 0x3333333333333333ULL) + ((x >> 2) & 0x3333333333333333ULL);
-    x = (x + (x >> 4)) & 0x0f0f0f0f0f0f0f0fULL;
-    return long((x * 0x0101010101010101ULL) >> 56);
+void marksOf(const char *p, std::size_t count, char tag, Marks *out) noexcept {
+    for (std::size_t j = 0; j < count; ++j, p += kBlock) {
+        out[j].colons = maskOf(p, ':');
+        out[j].eqs = maskOf(p, '=');
+        out[j].tags = tag != 0 ? maskOf(p, tag) : 0;
+        out[j].ends = maskOf(p, '\n') | maskOf(p, '\0');
+    }
 }
 
-// Hands `g(base, marks)` the marks of every block of the line in order (the
-// last block's bytes past the end read as zero).
-template <class G, class M = decltype(&marksOf)>
-void forEachBlock(std::string_view line, G &&g, M &&marksAt = &marksOf) {
-    const char *p = line.data();
-    const std::size_t n = line.size();
-    std::size_t i = 0;
-    for (; i + kBlock <= n; i += kBlock) g(i, marksAt(p + i));
-    if (i < n) {
-        char tail[kBlock] = {};
-        std::memcpy(tail, p + i, n - i);
-        g(i, marksAt(tail));
+#if defined(QMX_MARKS_AVX2)
+// marksOf with 32-byte compares, on processors that have them.  (Written
+// without helpers: code called from here is not built for AVX2.)
+__attribute__((target("avx2"))) void marksOfAvx2(const char *p, std::size_t count, char tag, Marks *out) noexcept {
+    const __m256i colon = _mm256_set1_epi8(':'), eq = _mm256_set1_epi8('='), tg = _mm256_set1_epi8(tag);
+    const __m256i nl = _mm256_set1_epi8('\n'), nul = _mm256_setzero_si256();
+    for (std::size_t j = 0; j < count; ++j, p += kBlock) {
+        const __m256i lo = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p));
+        const __m256i hi = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p + 32));
+        out[j].colons = uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(lo, colon)))) |
+                        uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(hi, colon)))) << 32;
+        out[j].eqs = uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(lo, eq)))) |
+                     uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(hi, eq)))) << 32;
+        out[j].tags = tag != 0 ? uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(lo, tg)))) |
+                                     uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(hi, tg)))) << 32
+                               : 0;
+        out[j].ends =
+            uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_or_si256(_mm256_cmpeq_epi8(lo, nl), _mm256_cmpeq_epi8(lo, nul))))) |
+            uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_or_si256(_mm256_cmpeq_epi8(hi, nl), _mm256_cmpeq_epi8(hi, nul)))))
+                << 32;
     }
+}
+#endif
+
+// The kernel for this processor, chosen once.
+MarkKernel markKernel() noexcept {
+#if defined(QMX_MARKS_AVX2)
+    static const MarkKernel kernel = __builtin_cpu_supports("avx2") ? &marksOfAvx2 : &marksOf;
+    return kernel;
+#else
+    return &marksOf;
+#endif
+}
+
+// The bits set in `x`: one instruction where the walk's level has it, a
+// library routine in the baseline build.
+QMX_INLINE long bitCount(uint64_t x) noexcept { return long(__builtin_popcountll(x)); }
+
+// Hands `g(base, marks)` the marks of every block of the first line of
+// `text` in order, with the tags of `tag` when it is not 0, and returns the
+// line's length: the line ends at the first newline or NUL (the block that
+// holds it is handed over with no marks from there on), or with the text.
+// The marks are made a run of blocks at a time, and finding the line's end
+// takes no pass of its own.
+template <class G>
+QMX_INLINE std::size_t forEachBlock(std::string_view text, char tag, G &&g) {
+    constexpr std::size_t kRun = 64;
+    const MarkKernel kernel = markKernel();
+    Marks marks[kRun];
+    auto last = [&](std::size_t base, Marks m) __attribute__((always_inline)) {
+        const uint64_t before = (m.ends & -m.ends) - 1;
+        m.colons &= before;
+        m.eqs &= before;
+        m.tags &= before;
+        g(base, m);
+        return base + std::size_t(std::countr_zero(m.ends));
+    };
+    const char *p = text.data();
+    const std::size_t n = text.size(), whole = n / kBlock;
+    for (std::size_t b = 0; b < whole;) {
+        const std::size_t count = std::min(kRun, whole - b);
+        kernel(p + b * kBlock, count, tag, marks);
+        for (std::size_t j = 0; j < count; ++j) {
+            if (marks[j].ends != 0) [[unlikely]]
+                return last((b + j) * kBlock, marks[j]);
+            g((b + j) * kBlock, marks[j]);
+        }
+        b += count;
+    }
+    if (std::size_t i = whole * kBlock; i < n) {
+        // The bytes past the text read as NUL: they end the line.
+        alignas(kBlock) char tail[kBlock] = {};
+        std::memcpy(tail, p + i, n - i);
+        kernel(tail, 1, tag, marks);
+        return last(i, marks[0]);
+    }
+    return n;
 }
 
 // a + b + carry, and the carry out of the top bit.  With `a` the bytes that
@@ -160,7 +244,7 @@ void forEachBlock(std::string_view line, G &&g, M &&marksAt = &marksOf) {
 // the ":" whose item (from the ":" before it) holds a mark of `b`, or, for
 // the first one, follows a carry: each run of ones between two ":" that
 // takes a bit overflows into the ":" above it, and no further.
-inline uint64_t addCarry(uint64_t a, uint64_t b, bool carryIn, bool *carryOut) noexcept {
+QMX_INLINE uint64_t addCarry(uint64_t a, uint64_t b, bool carryIn, bool *carryOut) noexcept {
     uint64_t sum;
     bool first = __builtin_add_overflow(a, b, &sum);
     bool second = __builtin_add_overflow(sum, uint64_t(carryIn), &sum);
@@ -173,6 +257,7 @@ inline uint64_t addCarry(uint64_t a, uint64_t b, bool carryIn, bool *carryOut) n
 struct Walk {
     bool cut = false;
     long slots = 0;
+    std::size_t length = 0;  // the line's
 };
 
 // A filtered walk's tag: the last character of a key prefix and the
@@ -184,7 +269,8 @@ struct Tag {
     unsigned at = 0;
 };
 
-// Walks the items of a line in slot order as the reader fills its slots:
+// Walks the items of the first line of `text` (see forEachBlock; the walk
+// tells the line's length) in slot order as the reader fills its slots:
 // `f(slot, key, value)` with the key and the value cut to what their fields
 // hold, for at most `limit` slots.  An item without "=" ends the walk.  The
 // same pass counts the line's slots, so a reader learns the count (and can
@@ -200,14 +286,14 @@ struct Tag {
 // an item with an "=" and whether its key is tagged come from the marks by
 // addition (addCarry), for the whole block at once.
 template <bool kTagged, class F>
-Walk walkBlocks(std::string_view line, std::size_t limit, Tag tag, F &&f) {
+QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F &&f) {
     // Kept in locals apart from the item handler's reach, so that they stay
     // in registers while it writes.
     bool cut = false, walking = limit > 0;
     long slots = 0;
     constexpr std::size_t kNone = std::size_t(-1);
     std::size_t start = 0, eq = kNone, slot = 0;
-    const char *p = line.data();
+    const char *p = text.data();
     // The item from `start` to the ":" at `at`, its "=" at `eqAt`; false:
     // the walk ends here (no "=", or the last slot filled).
     auto item = [&](std::size_t eqAt, std::size_t at) __attribute__((always_inline)) {
@@ -229,13 +315,8 @@ Walk walkBlocks(std::string_view line, std::size_t limit, Tag tag, F &&f) {
     // The line's start counts as a ":" before its first byte.
     uint64_t lastColons = uint64_t(1) << 63;
     bool openTagged = false;  // the open item's key is tagged
-    auto marksAt = [&](const char *q) __attribute__((always_inline)) {
-        Marks m = marksOf(q);
-        if constexpr (kTagged) m.tags = maskOf(q, tag.last);
-        return m;
-    };
-    forEachBlock(
-        line,
+    const std::size_t length = forEachBlock(
+        text, kTagged ? tag.last : '\0',
         [&](std::size_t base, Marks m) __attribute__((always_inline)) {
             slots += bitCount(m.colons);
             if (!walking) return;
@@ -292,13 +373,12 @@ Walk walkBlocks(std::string_view line, std::size_t limit, Tag tag, F &&f) {
                 m.eqs &= ~below;
             }
             if (eq == kNone && m.eqs != 0) eq = base + std::size_t(std::countr_zero(m.eqs));
-        },
-        marksAt);
-    return Walk{cut, slots};
+        });
+    return Walk{cut, slots, length};
 }
 
 template <class F>
-Walk walkItems(std::string_view line, std::size_t limit, F &&f) {
+QMX_INLINE Walk walkItems(std::string_view line, std::size_t limit, F &&f) {
     return walkBlocks<false>(line, limit, Tag{}, std::forward<F>(f));
 }
 
@@ -322,12 +402,60 @@ int walkResult(const Walk &walk) noexcept {
     return int(walk.slots);
 }
 
+QMX_WALK_LEVELS long slotsOf(std::string_view line) noexcept {
+    long slots = 0;
+    forEachBlock(line, '\0', [&](std::size_t, Marks m) __attribute__((always_inline)) { slots += bitCount(m.colons); });
+    return slots;
+}
+
 // The item slots of a line; kReadRefused (with its trace line and code 9)
 // when there are more than a list may hold.
 long countSlots(std::string_view line) noexcept {
-    long slots = 0;
-    forEachBlock(line, [&](std::size_t, Marks m) { slots += bitCount(m.colons); });
+    long slots = slotsOf(line);
     return slots > kMaxKeySlots ? refuseSlots() : slots;
+}
+
+// The walks of the readers, each built for every level.
+
+// A key list's slots filled from the line.
+QMX_WALK_LEVELS Walk fillList(std::string_view line, std::size_t slots, util_para *list) noexcept {
+    return walkItems(line, slots, [&](std::size_t slot, auto key, auto value) __attribute__((always_inline)) {
+        copyText(list[slot].keyword, key);
+        copyText(list[slot].value, value);
+    });
+}
+
+// The line's items, one per filled slot.
+QMX_WALK_LEVELS Walk gatherWalk(std::string_view line, ConfItems &items) {
+    return walkItems(line, kMaxKeySlots, [&](std::size_t, auto key, auto value) __attribute__((always_inline)) {
+        items.push_back(ConfItem{key, value});
+    });
+}
+
+// The first slot whose key is `key` (in *slot, -1 if none); the key is one a
+// tagged walk can look for (see probeConfItems).
+QMX_WALK_LEVELS Walk probeWalk(std::string_view line, std::string_view key, int *slot) noexcept {
+    return walkBlocks<true>(line, kMaxKeySlots, Tag{key.back(), unsigned(key.size())},
+                            [&](std::size_t at, std::string_view k, std::string_view) __attribute__((always_inline)) {
+                                if (*slot < 0 && k == key) *slot = int(at);
+                            });
+}
+
+// Hands `visit` the items whose key begins with `prefix`.
+QMX_WALK_LEVELS Walk visitWalk(std::string_view line, std::string_view prefix, ItemVisitor visit,
+                               void *ctx) noexcept {
+    auto take = [&](std::size_t, std::string_view key, std::string_view value) __attribute__((always_inline)) {
+        // Most keys share their first bytes ("qmx"): the prefix's last byte
+        // tells most of them apart before a whole compare.
+        if (key.size() >= prefix.size() && (prefix.empty() || key[prefix.size() - 1] == prefix.back()) &&
+            key.starts_with(prefix))
+            visit(ctx, key, value);
+    };
+    // The prefix's last byte tags the keys to look at, when it is no mark.
+    bool tagged = !prefix.empty() && prefix.size() < 64 && prefix.back() != ':' && prefix.back() != '=' &&
+                  prefix.back() != '\0';
+    return tagged ? walkBlocks<true>(line, kMaxKeySlots, Tag{prefix.back(), unsigned(prefix.size())}, take)
+                  : walkItems(line, kMaxKeySlots, take);
 }
 
 }  // namespace
@@ -336,7 +464,8 @@ int parseKeyLine(const char *text, std::size_t len, util_para **key_list) noexce
     if (key_list == nullptr) return kReadNoFile;
     *key_list = nullptr;
     if (text == nullptr) return 0;
-    std::string_view line = firstLine(text, len);
+    // The walks end at the line's end themselves.
+    std::string_view line(text, len);
     long slots = countSlots(line);
     if (slots <= 0) return int(slots);
     auto *list = static_cast<util_para *>(std::calloc(std::size_t(slots), sizeof(util_para)));
@@ -348,10 +477,7 @@ int parseKeyLine(const char *text, std::size_t len, util_para **key_list) noexce
     if (std::size_t(slots) * sizeof(util_para) >= kBigBlockBytes)
         adviseHugePages(list, std::size_t(slots) * sizeof(util_para));
     *key_list = list;
-    return walkResult(walkItems(line, std::size_t(slots), [&](std::size_t slot, auto key, auto value) {
-        copyText(list[slot].keyword, key);
-        copyText(list[slot].value, value);
-    }));
+    return walkResult(fillList(line, std::size_t(slots), list));
 }
 
 namespace {
@@ -399,13 +525,14 @@ int readFailed(int err) noexcept {
     return kReadIoError;
 }
 
-// The first line of a file as one fgets into a buffer of its size plus one
-// would read it: at most the size's bytes, up to a newline or a NUL.  The
-// text is read into `buf` (grown when too short); 1 with the line in *line,
-// or the read's result (0 or below) when it ends here.  *opened tells
-// whether the file was opened.
-int readFirstLine(const char *sizePath, const char *path, ReadBuffer &buf, std::string_view *line,
-                  bool *opened) noexcept {
+// The text whose first line one fgets into a buffer of the size plus one
+// would read: at most the size's bytes (the line ends there, or at the first
+// newline or NUL, which the walks and firstLine find).  The text is read
+// into `buf` (grown when too short); 1 with the text in *text, or the read's
+// result (0 or below) when it ends here.  *opened tells whether the file was
+// opened.
+int readText(const char *sizePath, const char *path, ReadBuffer &buf, std::string_view *text,
+             bool *opened) noexcept {
     *opened = false;
     ConfReadGuard guard;
     std::size_t size = 0;
@@ -415,11 +542,11 @@ int readFirstLine(const char *sizePath, const char *path, ReadBuffer &buf, std::
         sysError("malloc", ENOMEM);
         return kReadNoMemory;
     }
-    if (const std::string *text = guard.pending(); text != nullptr && std::strcmp(path, sizePath) == 0) {
+    if (const std::string *pending = guard.pending(); pending != nullptr && std::strcmp(path, sizePath) == 0) {
         // The journal's text stands for the file's (see journal.cpp).
         *opened = true;
-        std::memcpy(buf.data(), text->data(), size);
-        *line = firstLine(buf.data(), size);
+        std::memcpy(buf.data(), pending->data(), size);
+        *text = std::string_view(buf.data(), size);
         return 1;
     }
     std::size_t got = 0;
@@ -445,7 +572,7 @@ int readFirstLine(const char *sizePath, const char *path, ReadBuffer &buf, std::
     // Like fgets, a read error fails the read whatever came before it.
     if (err != 0) return readFailed(err);
     if (got == 0) return 0;
-    *line = firstLine(buf.data(), got);
+    *text = std::string_view(buf.data(), got);
     return 1;
 }
 
@@ -456,38 +583,104 @@ int readKeyFile(const char *sizePath, const char *path, util_para **key_list) no
     ReadBuffer buf;
     std::string_view line;
     bool opened = false;
-    int got = readFirstLine(sizePath, key_list == nullptr ? nullptr : path, buf, &line, &opened);
+    int got = readText(sizePath, key_list == nullptr ? nullptr : path, buf, &line, &opened);
     if (got <= 0) return got;
     int result = parseKeyLine(line.data(), line.size(), key_list);
     if (result < 0) trace("QMX_Read_qmxlddconf ABEND");
     return result;
 }
 
-int readConfItems(const char *sizePath, const char *path, ConfText &out) noexcept {
+namespace {
+
+// The items of the first line of `out.line` into `out.items`, one per slot,
+// as a key list read fills its slots; `out.line` is then that line, and
+// the walk's count and cut are in *walk.
+void gatherItems(ConfText &out, Walk *walk) {
     out.items.clear();
-    std::string_view line;
+    // About one item in 16 bytes of a driver file; the list grows past that.
+    out.items.reserve(std::min<std::size_t>(out.line.size() / 16 + 1, kMaxKeySlots));
+    *walk = gatherWalk(out.line, out.items);
+    out.line = out.line.substr(0, walk->length);
+    // The slots after an item without "=" stay empty; a line with too many
+    // slots is refused after the walk (the items gathered so far dropped).
+    if (walk->slots <= kMaxKeySlots)
+        out.items.resize(std::size_t(walk->slots));
+    else
+        out.items.clear();
+    out.gathered = true;
+}
+
+// The first steps of readConfItems: the read into `out.text`, the text read
+// in `out.line` (its first line once walked); 1, or the read's result when
+// it ends here.
+int readConfLine(const char *sizePath, const char *path, ConfText &out) noexcept {
+    out.items.clear();
+    out.line = {};
+    out.gathered = true;
     bool opened = false;
-    int got = readFirstLine(sizePath, path, out.text, &line, &opened);
+    int got = readText(sizePath, path, out.text, &out.line, &opened);
+    return got;
+}
+
+int gatherFailed(ConfText &out) noexcept {
+    out.items.clear();
+    sysError("malloc", ENOMEM);
+    trace("QMX_Read_qmxlddconf ABEND");
+    return kReadNoMemory;
+}
+
+}  // namespace
+
+int readConfItems(const char *sizePath, const char *path, ConfText &out) noexcept {
+    int got = readConfLine(sizePath, path, out);
     if (got <= 0) return got;
-    // One pass counts the slots and gathers the items; a line with too many
-    // slots is refused after it (the items gathered so far are dropped).
     Walk walk;
     try {
-        // About one item in 16 bytes of a driver file; the list grows past that.
-        out.items.reserve(std::min<std::size_t>(line.size() / 16 + 1, kMaxKeySlots));
-        walk = walkItems(line, kMaxKeySlots, [&](std::size_t, auto key, auto value) {
-            out.items.push_back(ConfItem{key, value});
-        });
-        if (walk.slots <= kMaxKeySlots) out.items.resize(std::size_t(walk.slots));
+        gatherItems(out, &walk);
+    } catch (const std::bad_alloc &) {
+        return gatherFailed(out);
+    }
+    return walkResult(walk);
+}
+
+int probeConfItems(const char *sizePath, const char *path, std::string_view key, ConfText &out,
+                   int *slot) noexcept {
+    *slot = -1;
+    int got = readConfLine(sizePath, path, out);
+    if (got <= 0) return got;
+    // A key the tagged walk cannot look for is looked for in the gathered items.
+    if (key.empty() || key.size() >= 64 || key.back() == ':' || key.back() == '=' || key.back() == '\0') {
+        Walk walk;
+        try {
+            gatherItems(out, &walk);
+        } catch (const std::bad_alloc &) {
+            return gatherFailed(out);
+        }
+        for (std::size_t i = 0; i < out.items.size(); ++i)
+            if (out.items[i].key == key) {
+                *slot = int(i);
+                break;
+            }
+        return walkResult(walk);
+    }
+    out.gathered = false;
+    Walk walk = probeWalk(out.line, key, slot);
+    out.line = out.line.substr(0, walk.length);
+    int result = walkResult(walk);
+    if (result < 0) *slot = -1;
+    return result;
+}
+
+bool gatherConfItems(ConfText &out) noexcept {
+    if (out.gathered) return true;
+    try {
+        Walk walk;
+        gatherItems(out, &walk);
+        return true;
     } catch (const std::bad_alloc &) {
         out.items.clear();
-        sysError("malloc", ENOMEM);
-        trace("QMX_Read_qmxlddconf ABEND");
-        return kReadNoMemory;
+        return false;
     }
-    // The slots after an item without "=" stay empty.
-    if (walk.slots > kMaxKeySlots) out.items.clear();
-    return walkResult(walk);
 }
 
 int visitConfItems(const char *sizePath, const char *path, std::string_view prefix, ItemVisitor visit,
@@ -495,21 +688,9 @@ int visitConfItems(const char *sizePath, const char *path, std::string_view pref
     ReadBuffer buffer;
     std::string_view line;
     bool opened = false;
-    int got = readFirstLine(sizePath, path, buffer, &line, &opened);
+    int got = readText(sizePath, path, buffer, &line, &opened);
     if (got <= 0) return got;
-    auto take = [&](std::size_t, std::string_view key, std::string_view value) {
-        // Most keys share their first bytes ("qmx"): the prefix's last byte
-        // tells most of them apart before a whole compare.
-        if (key.size() >= prefix.size() && (prefix.empty() || key[prefix.size() - 1] == prefix.back()) &&
-            key.starts_with(prefix))
-            visit(ctx, key, value);
-    };
-    // The prefix's last byte tags the keys to look at, when it is no mark.
-    bool tagged = !prefix.empty() && prefix.size() < 64 && prefix.back() != ':' && prefix.back() != '=' &&
-                  prefix.back() != '\0';
-    Walk walk = tagged ? walkBlocks<true>(line, kMaxKeySlots, Tag{prefix.back(), unsigned(prefix.size())}, take)
-                       : walkItems(line, kMaxKeySlots, take);
-    return walkResult(walk);
+    return walkResult(visitWalk(line, prefix, visit, ctx));
 }
 
 // ---------------------------------------------------------------------------
@@ -539,8 +720,9 @@ int ConfLookup::read(const char *sizePath, const char *path) noexcept {
     snap_.reset();
     opened_ = cut_ = false;
     std::string_view line;
-    int got = readFirstLine(sizePath, path, readBuffer, &line, &opened_);
+    int got = readText(sizePath, path, readBuffer, &line, &opened_);
     if (got <= 0) return got;
+    line = firstLine(line.data(), line.size());
     try {
         if (!lastSnapshot || lastSnapshot->line != line) {
             lastSnapshot.reset();

@@ -20,6 +20,7 @@
 #include <functional>
 #include <memory>
 #include <new>
+#include <type_traits>
 #include <unordered_map>
 #include <vector>
 
@@ -447,9 +448,10 @@ void buildText(Item *key_list, int key_list_max, Item *add_list, int add_list_ma
     }
 }
 
+// `lazy`: a probed read whose items are gathered after the size check.
 template <class Item>
 int makeFile(const ConfStore &store, Item *key_list, int key_list_max, Item *add_list,
-             int add_list_max, int remake_bind_data) noexcept {
+             int add_list_max, int remake_bind_data, ConfText *lazy = nullptr) noexcept {
     // An inner failure that the calling operation survived (reported only
     // by its reason code) is kept across a successful rewrite.
     const int earlier = QMX_LastErrorCode();
@@ -480,6 +482,12 @@ int makeFile(const ConfStore &store, Item *key_list, int key_list_max, Item *add
                 trace("qmxldd.conf filesize over 100012 written.");
                 setError(QMX_ERR_SIZE_LIMIT);
                 return abend();
+            }
+        }
+        if constexpr (std::is_same_v<Item, ConfItem>) {
+            if (lazy != nullptr) {
+                if (!gatherConfItems(*lazy)) throw std::bad_alloc();
+                key_list = lazy->items.data();
             }
         }
         // Opened without truncating: the old text stays in place while the
@@ -596,6 +604,11 @@ int makeConfFile(const ConfStore &store, util_para *key_list, int key_list_max,
 int makeConfFileFromItems(const ConfStore &store, ConfItem *key_list, int key_list_max,
                           ConfItem *add_list, int add_list_max, int remake_bind_data) noexcept {
     return makeFile(store, key_list, key_list_max, add_list, add_list_max, remake_bind_data);
+}
+
+int makeConfFileFromRead(const ConfStore &store, ConfText &read, int key_list_max, ConfItem *add_list,
+                         int add_list_max, int remake_bind_data) noexcept {
+    return makeFile(store, read.items.data(), key_list_max, add_list, add_list_max, remake_bind_data, &read);
 }
 
 }  // namespace qmx

@@ -606,10 +606,24 @@ int QMX_WriteBindInfo(void) {
         qmx::trace("QMX_WriteBindInfo ABEND");
         return -1;
     };
-    // The items are read as views of the file's text (the key list reader's
-    // trace lines, codes and items), not copied into a key list.
+    int records = std::clamp(bind_cnt, 0, BINDMAX);
+    // A key list field holds 262 key and 127 value characters.
+    constexpr std::size_t kKeyRoom = sizeof(util_para::keyword) - 1;
+    constexpr std::size_t kValueRoom = sizeof(util_para::value) - 1;
+    char keyText[kBindingTextMax], valueText[kBindingTextMax];
+    // The first record's key is looked for while the file is read (the key
+    // list reader's trace lines, codes and count), before any item view is
+    // made: a merge whose first record is new to a file already past the
+    // writer's bound is refused without them.
+    string_view firstKey;
+    if (records > 0) {
+        BindingTextWriter w;
+        if (const char *end = w.key(keyText, TBLKEY[0]))
+            firstKey = string_view(keyText, std::size_t(end - keyText)).substr(0, kKeyRoom);
+    }
     qmx::ConfText conf;
-    int n = qmx::readConfItems(kConfPath, kConfPath, conf);
+    int firstHit = -1;
+    int n = qmx::probeConfItems(kConfPath, kConfPath, firstKey, conf, &firstHit);
     if (n < 0) return abend();
     qmx::ConfItems &items = conf.items;
     // The writer refuses new items once the file's size plus theirs passes
@@ -620,14 +634,12 @@ int QMX_WriteBindInfo(void) {
     long sizeSum = stat(kConfPath, &st) == 0 ? long(st.st_size) + 1 : 0;
     try {
         KeyIndex index(items);
-        int records = std::clamp(bind_cnt, 0, BINDMAX);
+        // Room for as many new items as the bound leaves (a binding item is
+        // at least 16 bytes), not one per record: a file near or past the
+        // bound takes few before the writer refuses.
         qmx::ConfItems added;
-        added.reserve(std::size_t(records));
+        added.reserve(std::size_t(std::min(long(records), std::max((qmx::kConfSizeLimit - sizeSum) / 16 + 1, 1L))));
         TextStore texts;
-        // A key list field holds 262 key and 127 value characters.
-        constexpr std::size_t kKeyRoom = sizeof(util_para::keyword) - 1;
-        constexpr std::size_t kValueRoom = sizeof(util_para::value) - 1;
-        char keyText[kBindingTextMax], valueText[kBindingTextMax];
         BindingTextWriter keyWriter;
         string_view k;
         uint64_t word = 0;
@@ -646,7 +658,14 @@ int QMX_WriteBindInfo(void) {
             // rewrite drops the file's binding items for the tables' own
             // (remake_bind_data 1).  Only new records are gathered, for the
             // writer's size bound.
-            if (int hit = index.anyNear(k, guess); hit >= 0) {
+            int hit;
+            if (r == 0) {
+                hit = firstHit;
+            } else {
+                if (!qmx::gatherConfItems(conf)) throw std::bad_alloc();
+                hit = index.anyNear(k, guess);
+            }
+            if (hit >= 0) {
                 guess = hit + 1;
                 continue;
             }
@@ -662,8 +681,7 @@ int QMX_WriteBindInfo(void) {
             sizeSum += long(p.key.size() + 1 + p.value.size());
             if (sizeSum > qmx::kConfSizeLimit) break;
         }
-        if (qmx::makeConfFileFromItems(qmx::kSystemStore, items.data(), n, added.data(),
-                                       int(added.size()), 1) != 0)
+        if (qmx::makeConfFileFromRead(qmx::kSystemStore, conf, n, added.data(), int(added.size()), 1) != 0)
             return abend();
     } catch (const std::bad_alloc &) {
         qmx::sysError("malloc", ENOMEM);
