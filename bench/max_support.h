@@ -146,8 +146,9 @@ inline std::string fullRing(int marker) {
 }
 
 // The bare I/O of a traced call that reads the configuration file: one
-// trace open, `lines` lines and the marker appended in the middle of a full
-// ring (a scratch copy, so the call's own ring is not disturbed), close;
+// trace open with its read of the ring up to the marker, `lines` lines and
+// the marker appended in the middle of a full ring (a scratch copy, so the
+// call's own ring is not disturbed), close;
 // then one read of the whole configuration file.  The trace flushes every
 // message it writes, so each line is a write of its own here too: for a
 // call of thousands of lines (BM_GetPassChangeThreshold) those writes are
@@ -163,11 +164,15 @@ public:
     }
     ~BareTraceAndRead() { ::unlink(path_.c_str()); }
     bool operator()() { return traceOnly() && readConf(); }
-    // The trace part alone (open, the lines, the marker, close).
+    // The trace part alone (open, the ring's lines up to its marker, the
+    // lines, the marker, close).
     bool traceOnly() {
         int fd = ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
         if (fd < 0) return false;
-        bool ok = true;
+        // An open finds where to go on by reading the ring up to its marker
+        // (no file says where it stands): here one read of those lines.
+        const std::size_t scan = std::size_t(kRingLines / 2 + 1) * kLineBytes;
+        bool ok = ::pread(fd, bareReadBuffer, scan, 0) == ssize_t(scan);
         int at = kRingLines / 2;
         for (int left = lines_; left > 0 && ok; --left) {
             ok = ::pwrite(fd, line_.data(), line_.size(), off_t(at) * kLineBytes) == ssize_t(line_.size());
