@@ -241,9 +241,10 @@ struct ConfText {
 int readConfItems(const char *sizePath, const char *path, ConfText &out) noexcept;
 // Reads a file as readConfItems does (the same trace lines, codes and
 // result), looking for one key instead of gathering the items: *slot is the
-// first slot whose key is `key`, or -1.  The items are gathered later by
-// gatherConfItems (or never: a caller that finds it needs no list does not
-// pay for one).
+// first slot whose key is `key`, or -1.  A key found is taken to mean that
+// the items are needed: they are gathered at once.  Otherwise they are
+// gathered later by gatherConfItems, or never (a caller that finds it needs
+// no list does not pay for one).
 int probeConfItems(const char *sizePath, const char *path, std::string_view key, ConfText &out,
                    int *slot) noexcept;
 // Gathers the items of a probed read as readConfItems would have (no trace

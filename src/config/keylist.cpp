@@ -15,6 +15,7 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 
@@ -203,7 +204,8 @@ QMX_INLINE long bitCount(uint64_t x) noexcept { return long(__builtin_popcountll
 // line's length: the line ends at the first newline or NUL (the block that
 // holds it is handed over with no marks from there on), or with the text.
 // The marks are made a run of blocks at a time, and finding the line's end
-// takes no pass of its own.
+// takes no pass of its own.  `g` returning false stops the walk (kStopped).
+constexpr std::size_t kStopped = std::size_t(-1);
 template <class G>
 QMX_INLINE std::size_t forEachBlock(std::string_view text, char tag, G &&g) {
     constexpr std::size_t kRun = 64;
@@ -214,8 +216,7 @@ QMX_INLINE std::size_t forEachBlock(std::string_view text, char tag, G &&g) {
         m.colons &= before;
         m.eqs &= before;
         m.tags &= before;
-        g(base, m);
-        return base + std::size_t(std::countr_zero(m.ends));
+        return g(base, m) ? base + std::size_t(std::countr_zero(m.ends)) : kStopped;
     };
     const char *p = text.data();
     const std::size_t n = text.size(), whole = n / kBlock;
@@ -225,7 +226,7 @@ QMX_INLINE std::size_t forEachBlock(std::string_view text, char tag, G &&g) {
         for (std::size_t j = 0; j < count; ++j) {
             if (marks[j].ends != 0) [[unlikely]]
                 return last((b + j) * kBlock, marks[j]);
-            g((b + j) * kBlock, marks[j]);
+            if (!g((b + j) * kBlock, marks[j])) return kStopped;
         }
         b += count;
     }
@@ -258,6 +259,7 @@ struct Walk {
     bool cut = false;
     long slots = 0;
     std::size_t length = 0;  // the line's
+    bool stopped = false;    // by the item handler: the rest not walked
 };
 
 // A filtered walk's tag: the last character of a key prefix and the
@@ -272,7 +274,8 @@ struct Tag {
 // Walks the items of the first line of `text` (see forEachBlock; the walk
 // tells the line's length) in slot order as the reader fills its slots:
 // `f(slot, key, value)` with the key and the value cut to what their fields
-// hold, for at most `limit` slots.  An item without "=" ends the walk.  The
+// hold, for at most `limit` slots; an `f` that returns false stops the walk
+// there (slots and cut then stand for the part walked).  An item without "=" ends the walk.  The
 // same pass counts the line's slots, so a reader learns the count (and can
 // refuse the line) without a second pass over the text.
 //
@@ -289,7 +292,7 @@ template <bool kTagged, class F>
 QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F &&f) {
     // Kept in locals apart from the item handler's reach, so that they stay
     // in registers while it writes.
-    bool cut = false, walking = limit > 0;
+    bool cut = false, walking = limit > 0, stopped = false;
     long slots = 0;
     constexpr std::size_t kNone = std::size_t(-1);
     std::size_t start = 0, eq = kNone, slot = 0;
@@ -304,7 +307,13 @@ QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F 
             keyLen = std::min(keyLen, kKeyRoom);
             valueLen = std::min(valueLen, kValueRoom);
         }
-        f(slot, std::string_view(p + start, keyLen), std::string_view(p + eqAt + 1, valueLen));
+        const std::string_view key(p + start, keyLen), value(p + eqAt + 1, valueLen);
+        if constexpr (std::is_void_v<std::invoke_result_t<F &, std::size_t, std::string_view, std::string_view>>) {
+            f(slot, key, value);
+        } else if (!f(slot, key, value)) {
+            stopped = true;
+            return false;
+        }
         start = at + 1;
         eq = kNone;
         return ++slot < limit;
@@ -319,7 +328,7 @@ QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F 
         text, kTagged ? tag.last : '\0',
         [&](std::size_t base, Marks m) __attribute__((always_inline)) {
             slots += bitCount(m.colons);
-            if (!walking) return;
+            if (!walking) return true;
             if constexpr (kTagged) {
                 const uint64_t colons = m.colons;
                 // The tag's byte `tag.at` bytes past a ":".
@@ -345,7 +354,7 @@ QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F 
                             eqAt = eq != kNone ? eq : base + std::size_t(std::countr_zero(m.eqs & below));
                         }
                         slot = first + std::size_t(bitCount(before));
-                        item(eqAt, base + std::size_t(std::countr_zero(mark)));
+                        if (!item(eqAt, base + std::size_t(std::countr_zero(mark))) && stopped) return false;
                     }
                     // The block's last ":" closed its items; the open one
                     // starts after it.
@@ -358,7 +367,7 @@ QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F 
                     } else if (eq == kNone && m.eqs != 0) {
                         eq = base + std::size_t(std::countr_zero(m.eqs));
                     }
-                    return;
+                    return true;
                 }
             }
             for (uint64_t colons = m.colons; colons != 0; colons &= colons - 1) {
@@ -368,13 +377,14 @@ QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F 
                 std::size_t first = base + std::size_t(std::countr_zero((m.eqs & below) | mark));
                 if (!item(eq != kNone ? eq : first, at)) {
                     walking = false;
-                    return;
+                    return !stopped;
                 }
                 m.eqs &= ~below;
             }
             if (eq == kNone && m.eqs != 0) eq = base + std::size_t(std::countr_zero(m.eqs));
+            return true;
         });
-    return Walk{cut, slots, length};
+    return Walk{cut, slots, length, stopped};
 }
 
 template <class F>
@@ -404,7 +414,10 @@ int walkResult(const Walk &walk) noexcept {
 
 QMX_WALK_LEVELS long slotsOf(std::string_view line) noexcept {
     long slots = 0;
-    forEachBlock(line, '\0', [&](std::size_t, Marks m) __attribute__((always_inline)) { slots += bitCount(m.colons); });
+    forEachBlock(line, '\0', [&](std::size_t, Marks m) __attribute__((always_inline)) {
+        slots += bitCount(m.colons);
+        return true;
+    });
     return slots;
 }
 
@@ -432,12 +445,14 @@ QMX_WALK_LEVELS Walk gatherWalk(std::string_view line, ConfItems &items) {
     });
 }
 
-// The first slot whose key is `key` (in *slot, -1 if none); the key is one a
-// tagged walk can look for (see probeConfItems).
+// The first slot whose key is `key` (in *slot, -1 if none); the walk stops
+// there.  The key is one a tagged walk can look for (see probeConfItems).
 QMX_WALK_LEVELS Walk probeWalk(std::string_view line, std::string_view key, int *slot) noexcept {
     return walkBlocks<true>(line, kMaxKeySlots, Tag{key.back(), unsigned(key.size())},
                             [&](std::size_t at, std::string_view k, std::string_view) __attribute__((always_inline)) {
-                                if (*slot < 0 && k == key) *slot = int(at);
+                                if (k != key) return true;
+                                *slot = int(at);
+                                return false;
                             });
 }
 
@@ -663,9 +678,20 @@ int probeConfItems(const char *sizePath, const char *path, std::string_view key,
             }
         return walkResult(walk);
     }
-    out.gathered = false;
     Walk walk = probeWalk(out.line, key, slot);
-    out.line = out.line.substr(0, walk.length);
+    if (walk.stopped) {
+        // Found: a caller then needs the items, and their walk counts the
+        // whole line.
+        try {
+            gatherItems(out, &walk);
+        } catch (const std::bad_alloc &) {
+            *slot = -1;
+            return gatherFailed(out);
+        }
+    } else {
+        out.gathered = false;
+        out.line = out.line.substr(0, walk.length);
+    }
     int result = walkResult(walk);
     if (result < 0) *slot = -1;
     return result;

@@ -343,6 +343,7 @@ TEST_F(ConfWrite, ProbedReadMatchesTheGatheredOneAndIsGatheredOnlyToWrite) {
         EXPECT_EQ(qmx::probeConfItems(conf_.c_str(), conf_.c_str(), key, read, &slot), n);
         EXPECT_EQ(slot, want);
         EXPECT_EQ(read.line, whole.line);
+        EXPECT_EQ(read.gathered, want >= 0);
     }
     // The same rewrite from a probed read as from the gathered one.
     qmx::ConfItem add{"n", "6"};
@@ -351,7 +352,7 @@ TEST_F(ConfWrite, ProbedReadMatchesTheGatheredOneAndIsGatheredOnlyToWrite) {
     spit(conf_, "a=1:k=2:=0:k=3:" + std::string(300, 'q') + "=4:z\nk2=5:");
     qmx::ConfText read;
     int slot;
-    ASSERT_EQ(qmx::probeConfItems(conf_.c_str(), conf_.c_str(), "k", read, &slot), n);
+    ASSERT_EQ(qmx::probeConfItems(conf_.c_str(), conf_.c_str(), "n", read, &slot), n);
     EXPECT_FALSE(read.gathered);
     ASSERT_EQ(qmx::makeConfFileFromRead(store_, read, n, &add, 1, 0), 0);
     EXPECT_EQ(slurp(conf_), eager);
