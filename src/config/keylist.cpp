@@ -188,7 +188,10 @@ __attribute__((target("avx2"))) void marksOfAvx2(const char *p, std::size_t coun
 // The kernel for this processor, chosen once.
 MarkKernel markKernel() noexcept {
 #if defined(QMX_MARKS_AVX2)
-    static const MarkKernel kernel = __builtin_cpu_supports("avx2") ? &marksOfAvx2 : &marksOf;
+    static const MarkKernel kernel = [] {
+        __builtin_cpu_init();  // also when first asked before the constructors ran
+        return __builtin_cpu_supports("avx2") ? &marksOfAvx2 : &marksOf;
+    }();
     return kernel;
 #else
     return &marksOf;
