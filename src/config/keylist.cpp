@@ -19,30 +19,24 @@
 #include <unordered_map>
 #include <utility>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-#if defined(__x86_64__) && defined(__GNUC__)
-#include <immintrin.h>
-#define QMX_MARKS_AVX2 1
-#endif
+#include "config/block_marks.h"
+#include "config/config.h"
+#include "frame/fileio.h"
+#include "frame/frame.h"
 
 // The walks over a line's bytes are built for the x86-64 baseline and for
 // the x86-64-v2 and -v3 levels, and the loader picks the best the processor
 // has: the same code, with popcnt for the bit counts, BMI's bit scans and
 // the VEX forms of the compares.  Everything a walk calls is inlined into
-// it (kWalk), so each build of it runs with its level's instructions
-// throughout.
+// it (QMX_INLINE), so each build of it runs with its level's instructions
+// throughout.  (The marks themselves come from a kernel chosen at run time:
+// see block_marks.h.)
 #if defined(__x86_64__) && defined(__GNUC__) && defined(__ELF__)
 #define QMX_WALK_LEVELS __attribute__((target_clones("arch=x86-64-v3", "arch=x86-64-v2", "default")))
 #else
 #define QMX_WALK_LEVELS
 #endif
 #define QMX_INLINE __attribute__((always_inline)) inline
-
-#include "config/config.h"
-#include "frame/fileio.h"
-#include "frame/frame.h"
 
 namespace qmx {
 
@@ -107,95 +101,6 @@ std::string_view firstLine(const char *text, std::size_t len) noexcept {
     const void *nl = std::memchr(text, '\n', len);
     std::size_t end = nl != nullptr ? std::size_t(static_cast<const char *>(nl) - text) : len;
     return {text, strnlen(text, end)};
-}
-
-// The ":" and "=" marks of a line, 64 bytes a block, one bit a byte: the
-// items are then found with bit operations, without a branch per byte.
-constexpr std::size_t kBlock = 64;
-struct Marks {
-    uint64_t colons = 0, eqs = 0;
-    uint64_t tags = 0;  // a filtered walk's: the bytes equal to its tag
-    uint64_t ends = 0;  // newlines and NULs: the first ends the line
-};
-
-#if defined(__SSE2__)
-// The bytes of a block equal to `c`, sixteen bytes a compare.
-QMX_INLINE uint64_t maskOf(const char *p, char c) noexcept {
-    const __m128i cc = _mm_set1_epi8(c);
-    auto mask = [&](int k) __attribute__((always_inline)) {
-        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 16 * k));
-        return uint64_t(uint16_t(_mm_movemask_epi8(_mm_cmpeq_epi8(v, cc)))) << (16 * k);
-    };
-    return mask(0) | mask(1) | mask(2) | mask(3);
-}
-#else
-// Eight bytes a word: the high bit of every byte of `w` that equals `c`,
-// exactly (no borrow from one byte into the next), gathered into 8 bits.
-QMX_INLINE uint64_t byteMask(const char *p, char c) noexcept {
-    constexpr uint64_t kOnes = 0x0101010101010101ULL, kLow7 = 0x7f7f7f7f7f7f7f7fULL;
-    uint64_t w = 0;
-    for (int k = 0; k < 8; ++k) w |= uint64_t(uint8_t(p[k])) << (8 * k);
-    uint64_t x = w ^ (kOnes * uint8_t(c));
-    uint64_t high = ~(((x & kLow7) + kLow7) | x | kLow7);
-    // Byte k's high bit to bit k.
-    return ((high >> 7) * 0x0102040810204080ULL) >> 56;
-}
-// The bytes of a block equal to `c`.
-QMX_INLINE uint64_t maskOf(const char *p, char c) noexcept {
-    uint64_t m = 0;
-    for (int k = 0; k < 8; ++k) m |= byteMask(p + 8 * k, c) << (8 * k);
-    return m;
-}
-#endif
-
-// The marks of `count` whole blocks from `p`, one Marks a block into `out`;
-// the tags only when `tag` is not 0.
-using MarkKernel = void (*)(const char *p, std::size_t count, char tag, Marks *out) noexcept;
-
-void marksOf(const char *p, std::size_t count, char tag, Marks *out) noexcept {
-    for (std::size_t j = 0; j < count; ++j, p += kBlock) {
-        out[j].colons = maskOf(p, ':');
-        out[j].eqs = maskOf(p, '=');
-        out[j].tags = tag != 0 ? maskOf(p, tag) : 0;
-        out[j].ends = maskOf(p, '\n') | maskOf(p, '\0');
-    }
-}
-
-#if defined(QMX_MARKS_AVX2)
-// marksOf with 32-byte compares, on processors that have them.  (Written
-// without helpers: code called from here is not built for AVX2.)
-__attribute__((target("avx2"))) void marksOfAvx2(const char *p, std::size_t count, char tag, Marks *out) noexcept {
-    const __m256i colon = _mm256_set1_epi8(':'), eq = _mm256_set1_epi8('='), tg = _mm256_set1_epi8(tag);
-    const __m256i nl = _mm256_set1_epi8('\n'), nul = _mm256_setzero_si256();
-    for (std::size_t j = 0; j < count; ++j, p += kBlock) {
-        const __m256i lo = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p));
-        const __m256i hi = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p + 32));
-        out[j].colons = uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(lo, colon)))) |
-                        uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(hi, colon)))) << 32;
-        out[j].eqs = uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(lo, eq)))) |
-                     uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(hi, eq)))) << 32;
-        out[j].tags = tag != 0 ? uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(lo, tg)))) |
-                                     uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(hi, tg)))) << 32
-                               : 0;
-        out[j].ends =
-            uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_or_si256(_mm256_cmpeq_epi8(lo, nl), _mm256_cmpeq_epi8(lo, nul))))) |
-            uint64_t(uint32_t(_mm256_movemask_epi8(_mm256_or_si256(_mm256_cmpeq_epi8(hi, nl), _mm256_cmpeq_epi8(hi, nul)))))
-                << 32;
-    }
-}
-#endif
-
-// The kernel for this processor, chosen once.
-MarkKernel markKernel() noexcept {
-#if defined(QMX_MARKS_AVX2)
-    static const MarkKernel kernel = [] {
-        __builtin_cpu_init();  // also when first asked before the constructors ran
-        return __builtin_cpu_supports("avx2") ? &marksOfAvx2 : &marksOf;
-    }();
-    return kernel;
-#else
-    return &marksOf;
-#endif
 }
 
 // The bits set in `x`: one instruction where the walk's level has it, a
@@ -277,10 +182,11 @@ struct Tag {
 // Walks the items of the first line of `text` (see forEachBlock; the walk
 // tells the line's length) in slot order as the reader fills its slots:
 // `f(slot, key, value)` with the key and the value cut to what their fields
-// hold, for at most `limit` slots; an `f` that returns false stops the walk
-// there (slots and cut then stand for the part walked).  An item without "=" ends the walk.  The
+// hold, for at most `limit` slots.  An item without "=" ends the walk.  The
 // same pass counts the line's slots, so a reader learns the count (and can
-// refuse the line) without a second pass over the text.
+// refuse the line) without a second pass over the text.  An `f` that
+// returns false stops the walk there (Walk::stopped; its slots and cut then
+// stand for the part walked).
 //
 // The walk steps from ":" to ":" through the block's marks and takes an
 // item's first "=" from them, so that no branch depends on which of the two
@@ -415,6 +321,7 @@ int walkResult(const Walk &walk) noexcept {
     return int(walk.slots);
 }
 
+// The item slots (":" marks) of the first line of `line`.
 QMX_WALK_LEVELS long slotsOf(std::string_view line) noexcept {
     long slots = 0;
     forEachBlock(line, '\0', [&](std::size_t, Marks m) __attribute__((always_inline)) {

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "config/block_marks.h"
 #include "config_fixture.h"
 
 using namespace cfgtest;
@@ -171,6 +172,42 @@ TEST_F(KeyListRead, RandomLinesMatchAByteAtATimeReading) {
         ASSERT_EQ(qmx::visitConfItems(conf_.c_str(), conf_.c_str(), prefix, visit, &visited), slots) << line;
         ASSERT_EQ(visited, wantVisited) << prefix << " in " << line;
         ASSERT_EQ(traced("qmxldd.conf item truncated"), cut) << line;
+    }
+}
+
+// Every mark kernel this processor can run marks each byte of a block as it
+// is, also from an address that is not aligned.
+TEST(BlockMarks, EveryKernelMarksEachByte) {
+    std::vector<qmx::MarkKernel> kernels{&qmx::marksOf};
+#if defined(QMX_MARKS_AVX2)
+    if (__builtin_cpu_supports("avx2")) kernels.push_back(&qmx::marksOfAvx2);
+#endif
+    const char alphabet[] = {':', '=', '\n', '\0', 'n', 'a', '\x80', '\xff'};
+    std::mt19937 rng(11);
+    constexpr int kBlocks = 4;
+    char text[kBlocks * 64 + 1];
+    for (int round = 0; round < 300; ++round) {
+        for (char &c : text) c = alphabet[rng() % sizeof alphabet];
+        const char tag = round % 3 == 0 ? '\0' : alphabet[4 + round % 4];
+        const char *at = text + round % 2;
+        qmx::Marks want[kBlocks];
+        for (int i = 0; i < kBlocks * 64; ++i) {
+            qmx::Marks &m = want[i / 64];
+            const uint64_t bit = uint64_t(1) << (i % 64);
+            const char c = at[i];
+            if (c == ':') m.colons |= bit;
+            if (c == '=') m.eqs |= bit;
+            if (tag != '\0' && c == tag) m.tags |= bit;
+            if (c == '\n' || c == '\0') m.ends |= bit;
+        }
+        for (std::size_t k = 0; k < kernels.size(); ++k) {
+            qmx::Marks got[kBlocks];
+            kernels[k](at, kBlocks, tag, got);
+            for (int b = 0; b < kBlocks; ++b)
+                ASSERT_TRUE(got[b].colons == want[b].colons && got[b].eqs == want[b].eqs &&
+                            got[b].tags == want[b].tags && got[b].ends == want[b].ends)
+                    << "kernel " << k << " round " << round << " block " << b;
+        }
     }
 }
 
