@@ -63,16 +63,7 @@ char *readBlock(size_t bytes) {
 // Reads up to `want` bytes at `off`; returns the count read or -1.
 long readAt(int fd, char *buf, size_t want, off_t off) {
     size_t got = 0;
-    while (got < want) {
-        ssize_t r = pread(fd, buf + got, want - got, off + off_t(got));
-        if (r < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        if (r == 0) break;
-        got += size_t(r);
-    }
-    return long(got);
+    return qmx::readAllAt(fd, buf, want, &got, off) ? long(got) : -1;
 }
 
 void freeTable(Type_tbl *tbl) {

@@ -165,10 +165,10 @@ bool readAllInto(int fd, std::size_t size, Text &text) {
 
 }  // namespace
 
-bool readAllAt(int fd, char *buf, std::size_t size, std::size_t *got) noexcept {
+bool readAllAt(int fd, char *buf, std::size_t size, std::size_t *got, off_t at) noexcept {
     *got = 0;
     while (*got < size) {
-        ssize_t r = pread(fd, buf + *got, size - *got, off_t(*got));
+        ssize_t r = pread(fd, buf + *got, size - *got, at + off_t(*got));
         if (r < 0) {
             if (errno == EINTR) continue;
             return false;

@@ -47,8 +47,9 @@ bool writeAllAt(int fd, std::string_view text) noexcept;
 // `text`.  false with errno set.  May throw std::bad_alloc.
 bool readAllAt(int fd, std::size_t size, std::string &text);
 bool readAllAt(int fd, std::size_t size, BigText &text);
-// The same into `buf` (room for `size` bytes); *got tells how many were read.
-bool readAllAt(int fd, char *buf, std::size_t size, std::size_t *got) noexcept;
+// The same into `buf` (room for `size` bytes), from `at` on; *got tells how
+// many were read.
+bool readAllAt(int fd, char *buf, std::size_t size, std::size_t *got, off_t at = 0) noexcept;
 
 // Opening a scratch file with a fixed name in a folder every user may write
 // to ("/tmp/conf_modules1.hba" and its siblings).  Another user can plant
