@@ -634,9 +634,10 @@ int QMX_WriteBindInfo(void) {
     long sizeSum = stat(kConfPath, &st) == 0 ? long(st.st_size) + 1 : 0;
     try {
         KeyIndex index(items);
-        // Room for as many new items as the bound leaves (a binding item is
-        // at least 16 bytes), not one per record: a file near or past the
-        // bound takes few before the writer refuses.
+        // Room for about as many new items as the bound leaves (a binding
+        // item takes some 15 bytes or more; the list grows past that), not
+        // one per record: a file near or past the bound takes few before the
+        // writer refuses.
         qmx::ConfItems added;
         added.reserve(std::size_t(std::min(long(records), std::max((qmx::kConfSizeLimit - sizeSum) / 16 + 1, 1L))));
         TextStore texts;
