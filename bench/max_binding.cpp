@@ -86,8 +86,6 @@ std::string bindingFile(int shift) {
     return s;
 }
 
-// The bare file I/O of a read: one read of the whole file.
-bool readWhole(const char *path) { return bareReadFile(path); }
 
 // The folder of the configuration file flushed (a file created or removed
 // there stays so after a crash).
@@ -193,7 +191,7 @@ void BM_AutoSetPersistentBinding(benchmark::State &state) {
                 }
                 close(fd);
             }
-            return readWhole(kConfFile);
+            return bareReadFile(kConfFile);
         });
     state.counters["records"] = double(bind_cnt);
     state.counters["lu_maps"] = double(luMaps);
@@ -243,10 +241,10 @@ void BM_WriteBindInfo(benchmark::State &state) {
             // written and flushed there first, the file then written and
             // flushed, the journal removed.  Those bytes and flushes are
             // part of the work.
-            if (!readWhole(kConfFile)) return false;
+            if (!bareReadFile(kConfFile)) return false;
             if (fresh) return true;
             return journalWhole(kConfFile, file.text()) && writeWhole(kConfFile, file.text()) &&
-                   ::unlink(journal.c_str()) == 0 && syncEtc() && readWhole(kConfFile);
+                   ::unlink(journal.c_str()) == 0 && syncEtc() && bareReadFile(kConfFile);
         });
     state.counters["records"] = double(records);
     state.counters["file_bytes"] = double(file.text().size());
@@ -287,7 +285,7 @@ void BM_ReadKeyListOfBindingFile(benchmark::State &state) {
             std::free(list);
             return n > 0;
         },
-        [&] { return readWhole(kConfFile) && bareList(n); });
+        [&] { return bareReadFile(kConfFile) && bareList(n); });
     state.counters["items"] = double(n);
 }
 BENCHMARK(BM_ReadKeyListOfBindingFile)->Unit(benchmark::kMillisecond);
@@ -308,7 +306,7 @@ void BM_ReadQmxlddConf(benchmark::State &state) {
                 std::fprintf(stderr, "read_qmxldd_conf %d, %d records\n", rc, bind_cnt);
             return rc == 0 && bind_cnt == kConvertedItems;
         },
-        [&] { return readWhole(kConfFile) && traceLinesBare(kConvertedItems + 2); });
+        [&] { return bareReadFile(kConfFile) && traceLinesBare(kConvertedItems + 2); });
     state.counters["records"] = double(bind_cnt);
 }
 BENCHMARK(BM_ReadQmxlddConf)->Unit(benchmark::kMillisecond);
@@ -324,7 +322,7 @@ void BM_GetLUPriorityCnt(benchmark::State &state) {
             n = QMX_GetLUPriorityCnt();
             return n == kAdapters * kTargetsPerAdapter;
         },
-        [&] { return readWhole(kConfFile) && traceLinesBare(kConvertedItems + 8); });
+        [&] { return bareReadFile(kConfFile) && traceLinesBare(kConvertedItems + 8); });
     state.counters["paths"] = double(n);
 }
 BENCHMARK(BM_GetLUPriorityCnt)->Unit(benchmark::kMillisecond);

@@ -179,6 +179,13 @@ struct Tag {
     unsigned at = 0;
 };
 
+// Whether a walk can tag the keys that begin with `prefix` (its last byte is
+// no mark and lies within a block's reach of the ":").
+bool canTag(std::string_view prefix) noexcept {
+    return !prefix.empty() && prefix.size() < 64 && prefix.back() != ':' && prefix.back() != '=' &&
+           prefix.back() != '\0';
+}
+
 // Walks the items of the first line of `text` (see forEachBlock; the walk
 // tells the line's length) in slot order as the reader fills its slots:
 // `f(slot, key, value)` with the key and the value cut to what their fields
@@ -356,7 +363,7 @@ QMX_WALK_LEVELS Walk gatherWalk(std::string_view line, ConfItems &items) {
 }
 
 // The first slot whose key is `key` (in *slot, -1 if none); the walk stops
-// there.  The key is one a tagged walk can look for (see probeConfItems).
+// there.  canTag(key) must hold.
 QMX_WALK_LEVELS Walk probeWalk(std::string_view line, std::string_view key, int *slot) noexcept {
     return walkBlocks<true>(line, kMaxKeySlots, Tag{key.back(), unsigned(key.size())},
                             [&](std::size_t at, std::string_view k, std::string_view) __attribute__((always_inline)) {
@@ -376,10 +383,8 @@ QMX_WALK_LEVELS Walk visitWalk(std::string_view line, std::string_view prefix, I
             key.starts_with(prefix))
             visit(ctx, key, value);
     };
-    // The prefix's last byte tags the keys to look at, when it is no mark.
-    bool tagged = !prefix.empty() && prefix.size() < 64 && prefix.back() != ':' && prefix.back() != '=' &&
-                  prefix.back() != '\0';
-    return tagged ? walkBlocks<true>(line, kMaxKeySlots, Tag{prefix.back(), unsigned(prefix.size())}, take)
+    // The prefix's last byte tags the keys to look at, where it can.
+    return canTag(prefix) ? walkBlocks<true>(line, kMaxKeySlots, Tag{prefix.back(), unsigned(prefix.size())}, take)
                   : walkItems(line, kMaxKeySlots, take);
 }
 
@@ -543,8 +548,7 @@ int readConfLine(const char *sizePath, const char *path, ConfText &out) noexcept
     out.line = {};
     out.gathered = true;
     bool opened = false;
-    int got = readText(sizePath, path, out.text, &out.line, &opened);
-    return got;
+    return readText(sizePath, path, out.text, &out.line, &opened);
 }
 
 int gatherFailed(ConfText &out) noexcept {
@@ -573,34 +577,27 @@ int probeConfItems(const char *sizePath, const char *path, std::string_view key,
     *slot = -1;
     int got = readConfLine(sizePath, path, out);
     if (got <= 0) return got;
-    // A key the tagged walk cannot look for is looked for in the gathered items.
-    if (key.empty() || key.size() >= 64 || key.back() == ':' || key.back() == '=' || key.back() == '\0') {
-        Walk walk;
-        try {
-            gatherItems(out, &walk);
-        } catch (const std::bad_alloc &) {
-            return gatherFailed(out);
-        }
-        for (std::size_t i = 0; i < out.items.size(); ++i)
-            if (out.items[i].key == key) {
-                *slot = int(i);
-                break;
-            }
-        return walkResult(walk);
-    }
-    Walk walk = probeWalk(out.line, key, slot);
-    if (walk.stopped) {
-        // Found: a caller then needs the items, and their walk counts the
-        // whole line.
+    // A key the tagged walk cannot look for is looked for in the gathered
+    // items.  A key found means a caller needs the items: they are gathered,
+    // and their walk counts the whole line.
+    const bool tagged = canTag(key);
+    Walk walk;
+    if (tagged) walk = probeWalk(out.line, key, slot);
+    if (tagged && !walk.stopped) {
+        out.gathered = false;
+        out.line = out.line.substr(0, walk.length);
+    } else {
         try {
             gatherItems(out, &walk);
         } catch (const std::bad_alloc &) {
             *slot = -1;
             return gatherFailed(out);
         }
-    } else {
-        out.gathered = false;
-        out.line = out.line.substr(0, walk.length);
+        for (std::size_t i = 0; !tagged && i < out.items.size(); ++i)
+            if (out.items[i].key == key) {
+                *slot = int(i);
+                break;
+            }
     }
     int result = walkResult(walk);
     if (result < 0) *slot = -1;

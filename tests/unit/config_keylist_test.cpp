@@ -172,6 +172,16 @@ TEST_F(KeyListRead, RandomLinesMatchAByteAtATimeReading) {
         ASSERT_EQ(qmx::visitConfItems(conf_.c_str(), conf_.c_str(), prefix, visit, &visited), slots) << line;
         ASSERT_EQ(visited, wantVisited) << prefix << " in " << line;
         ASSERT_EQ(traced("qmxldd.conf item truncated"), cut) << line;
+        // A probe for the prefix as a whole key stops at its first slot (the
+        // empty key is also that of the slots left empty).
+        int wantSlot = -1;
+        for (std::size_t i = 0; wantSlot < 0 && i < want.size(); ++i)
+            if (want[i].starts_with(prefix + "=")) wantSlot = int(i);
+        if (wantSlot < 0 && prefix.empty() && want.size() < std::size_t(slots)) wantSlot = int(want.size());
+        qmx::ConfText probed;
+        int slot = -2;
+        ASSERT_EQ(qmx::probeConfItems(conf_.c_str(), conf_.c_str(), prefix, probed, &slot), slots) << line;
+        ASSERT_EQ(slot, wantSlot) << prefix << " in " << line;
     }
 }
 
