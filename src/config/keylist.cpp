@@ -113,10 +113,12 @@ QMX_INLINE long bitCount(uint64_t x) noexcept { return long(__builtin_popcountll
 // holds it is handed over with no marks from there on), or with the text.
 // The marks are made a run of blocks at a time, and finding the line's end
 // takes no pass of its own.  `g` returning false stops the walk (kStopped).
+// `run(base, marks, count)` is offered each run of whole blocks first: true
+// means it took the whole run, and `g` sees none of its blocks.
 constexpr std::size_t kStopped = std::size_t(-1);
-template <class G>
-QMX_INLINE std::size_t forEachBlock(std::string_view text, char tag, G &&g) {
-    constexpr std::size_t kRun = 64;
+constexpr std::size_t kRun = 64;
+template <class G, class R>
+QMX_INLINE std::size_t forEachBlock(std::string_view text, char tag, G &&g, R &&run) {
     const MarkKernel kernel = markKernel();
     Marks marks[kRun];
     auto last = [&](std::size_t base, Marks m) __attribute__((always_inline)) {
@@ -131,6 +133,10 @@ QMX_INLINE std::size_t forEachBlock(std::string_view text, char tag, G &&g) {
     for (std::size_t b = 0; b < whole;) {
         const std::size_t count = std::min(kRun, whole - b);
         kernel(p + b * kBlock, count, tag, marks);
+        if (run(b * kBlock, static_cast<const Marks *>(marks), count)) {
+            b += count;
+            continue;
+        }
         for (std::size_t j = 0; j < count; ++j) {
             if (marks[j].ends != 0) [[unlikely]]
                 return last((b + j) * kBlock, marks[j]);
@@ -146,6 +152,12 @@ QMX_INLINE std::size_t forEachBlock(std::string_view text, char tag, G &&g) {
         return last(i, marks[0]);
     }
     return n;
+}
+
+template <class G>
+QMX_INLINE std::size_t forEachBlock(std::string_view text, char tag, G &&g) {
+    return forEachBlock(text, tag, std::forward<G>(g),
+                        [](std::size_t, const Marks *, std::size_t) __attribute__((always_inline)) { return false; });
 }
 
 // a + b + carry, and the carry out of the top bit.  With `a` the bytes that
@@ -204,8 +216,13 @@ bool canTag(std::string_view prefix) noexcept {
 // an item long enough to be cut, or a tagged key.  Whether each ":" closes
 // an item with an "=" and whether its key is tagged come from the marks by
 // addition (addCarry), for the whole block at once.
-template <bool kTagged, class F>
-QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F &&f) {
+//
+// A walk for one whole key (kExact: `key`, tagged by its last byte) first
+// tries each run of blocks as a whole (see below); the blocks go one by one
+// only in a run that holds the key or anything the item walk must look at.
+template <bool kTagged, bool kExact = false, class F>
+QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F &&f, std::string_view key = {}) {
+    static_assert(kTagged || !kExact);
     // Kept in locals apart from the item handler's reach, so that they stay
     // in registers while it writes.
     bool cut = false, walking = limit > 0, stopped = false;
@@ -238,8 +255,74 @@ QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F 
     // shorter than their fields).
     constexpr std::size_t kShortItem = std::min(kKeyRoom, kValueRoom) + 1;
     // The line's start counts as a ":" before its first byte.
-    uint64_t lastColons = uint64_t(1) << 63;
+    uint64_t lastColons = uint64_t(1) << 63, lastTags = 0;
     bool openTagged = false;  // the open item's key is tagged
+    // A run taken whole by a key walk: every block holds a ":" (so no item
+    // is long enough to be cut), every item has its "=", the run does not
+    // fill the last slot nor end the line, and no item's key is the key.
+    // The key's items are found without stepping through the items: an item
+    // whose key is the key has the key's last byte `tag.at` bytes past its
+    // ":" and its "=" one byte further, and the few items so marked are
+    // compared whole.  Any doubt leaves the run to the item walk, and so
+    // does an open item whose key is tagged.
+    auto wholeRun = [&](std::size_t base, const Marks *ms, std::size_t count) __attribute__((always_inline)) {
+        if constexpr (!kExact) {
+            return false;
+        } else {
+            const unsigned at = tag.at;
+            // (An open item with a tagged key may be the key's: its ":"
+            // comes in this run.)
+            if (!walking || openTagged || at > 62) return false;
+            uint64_t prevColons = lastColons, prevTags = lastTags, ends = 0, noEq = 0;
+            bool noColon = false, eqOpen = eq != kNone;
+            std::size_t closed = 0, marked = 0;
+            uint8_t markedAt[kRun];
+            for (std::size_t j = 0; j < count; ++j) {
+                const uint64_t c = ms[j].colons, e = ms[j].eqs, t = ms[j].tags;
+                ends |= ms[j].ends;
+                noColon |= c == 0;
+                closed += std::size_t(bitCount(c));
+                bool carry;
+                noEq |= c & ~addCarry(~c, e, eqOpen, &carry);
+                // With a ":" in the block, its open item has an "=" when
+                // one comes after the last ":" (no byte is both).
+                eqOpen = e > c;
+                const uint64_t keyEnds =
+                    ((c << (at + 1)) | (prevColons >> (63 - at))) & e & ((t << 1) | (prevTags >> 63));
+                markedAt[marked] = uint8_t(j);
+                marked += keyEnds != 0;
+                prevColons = c;
+                prevTags = t;
+            }
+            if (ends != 0 || noColon || noEq != 0 || slot + closed >= limit ||
+                base + std::size_t(std::countr_zero(ms[0].colons)) - start > kShortItem)
+                return false;
+            for (std::size_t i = 0; i < marked; ++i) {
+                const std::size_t j = markedAt[i];
+                const uint64_t pc = j > 0 ? ms[j - 1].colons : lastColons, pt = j > 0 ? ms[j - 1].tags : lastTags;
+                uint64_t keyEnds = ((ms[j].colons << (at + 1)) | (pc >> (63 - at))) & ms[j].eqs &
+                                   ((ms[j].tags << 1) | (pt >> 63));
+                for (; keyEnds != 0; keyEnds &= keyEnds - 1) {
+                    const std::size_t q = base + j * kBlock + std::size_t(std::countr_zero(keyEnds));
+                    if (std::memcmp(p + q - at, key.data(), at) == 0) return false;
+                }
+            }
+            // The run's last ":" closed its items; the open one starts after it.
+            const Marks &m = ms[count - 1];
+            const std::size_t lastBase = base + (count - 1) * kBlock;
+            const int last = 63 - std::countl_zero(m.colons);
+            const uint64_t after = m.eqs & ~((uint64_t(2) << last) - 1);
+            const uint64_t pc = count > 1 ? ms[count - 2].colons : lastColons;
+            openTagged = (((m.colons << at) | (pc >> (64 - at))) & m.tags) > m.colons;
+            start = lastBase + std::size_t(last) + 1;
+            eq = after != 0 ? lastBase + std::size_t(std::countr_zero(after)) : kNone;
+            slot += closed;
+            slots += long(closed);
+            lastColons = m.colons;
+            lastTags = m.tags;
+            return true;
+        }
+    };
     const std::size_t length = forEachBlock(
         text, kTagged ? tag.last : '\0',
         [&](std::size_t base, Marks m) __attribute__((always_inline)) {
@@ -250,6 +333,7 @@ QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F 
                 // The tag's byte `tag.at` bytes past a ":".
                 const uint64_t tagged = ((colons << tag.at) | (lastColons >> (64 - tag.at))) & m.tags;
                 lastColons = colons;
+                lastTags = m.tags;
                 // (The "=" chain's carry out is not kept: `eq` below holds
                 // the open item's "=".)
                 bool eqCarry;
@@ -299,7 +383,8 @@ QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F 
             }
             if (eq == kNone && m.eqs != 0) eq = base + std::size_t(std::countr_zero(m.eqs));
             return true;
-        });
+        },
+        wholeRun);
     return Walk{cut, slots, length, stopped};
 }
 
@@ -365,12 +450,14 @@ QMX_WALK_LEVELS Walk gatherWalk(std::string_view line, ConfItems &items) {
 // The first slot whose key is `key` (in *slot, -1 if none); the walk stops
 // there.  canTag(key) must hold.
 QMX_WALK_LEVELS Walk probeWalk(std::string_view line, std::string_view key, int *slot) noexcept {
-    return walkBlocks<true>(line, kMaxKeySlots, Tag{key.back(), unsigned(key.size())},
-                            [&](std::size_t at, std::string_view k, std::string_view) __attribute__((always_inline)) {
-                                if (k != key) return true;
-                                *slot = int(at);
-                                return false;
-                            });
+    return walkBlocks<true, true>(
+        line, kMaxKeySlots, Tag{key.back(), unsigned(key.size())},
+        [&](std::size_t at, std::string_view k, std::string_view) __attribute__((always_inline)) {
+            if (k != key) return true;
+            *slot = int(at);
+            return false;
+        },
+        key);
 }
 
 // Hands `visit` the items whose key begins with `prefix`.

@@ -1,5 +1,7 @@
 // Key list reader, port number of a key and adapter number of a WWN.
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -21,6 +23,12 @@ protected:
     void TearDown() override {
         std::free(list_);
         ConfTree::TearDown();
+    }
+    // The trace from here on only.
+    void freshTrace() {
+        QMX_CloseApiTraceFile();
+        unlink(tracePath_.c_str());
+        QMX_OpenApiTraceFile();
     }
     util_para *list_ = nullptr;
 };
@@ -127,18 +135,36 @@ TEST_F(KeyListRead, RandomLinesMatchAByteAtATimeReading) {
     // without "=", keys and values cut to their fields.  The item visitor
     // must hand over exactly the items whose key has its prefix (some of
     // them longer than a block's step), and trace a cut item as the reader.
-    // A rare newline or NUL ends the line early.
+    // A rare newline or NUL ends the line early.  One line in four is made
+    // of items, as files are, and runs to several runs of blocks: a walk
+    // that takes runs whole must find a key in any of them, and count on
+    // across them.
     constexpr std::size_t kKey = sizeof(util_para::keyword) - 1, kValue = sizeof(util_para::value) - 1;
-    const char *const prefixes[] = {"a", "ab", "abc_a", "b_", "a_", "", "abc_abc_abc_abc_abc_a"};
+    const char *const prefixes[] = {"a", "ab", "abc_a", "b_", "a_", "", "abc_abc_abc_abc_abc_a", "abc_"};
     std::mt19937 rng(7);
+    auto oneOf = [&](const char *chars, std::size_t n) {
+        std::string s;
+        while (n-- > 0) s += chars[rng() % std::strlen(chars)];
+        return s;
+    };
     for (int t = 0; t < 3000; ++t) {
         std::string text;
         const unsigned colonOdds = 2 + rng() % 300, eqOdds = 2 + rng() % 200;
-        for (std::size_t i = 0, n = rng() % 1200; i < n; ++i)
-            text += rng() % 2000 == 0 ? "\n\0"[rng() % 2]
-                    : rng() % colonOdds == 0 ? ':'
-                    : rng() % eqOdds == 0    ? '='
-                                             : "abc_"[rng() % 4];
+        if (t % 4 == 3) {
+            const unsigned oddOdds = 100 + rng() % 3000;
+            for (std::size_t i = 0, n = rng() % 900; i < n; ++i) {
+                text += oneOf("abc_", 1 + rng() % 8);
+                const unsigned odd = rng() % oddOdds;
+                text += odd == 0 ? oneOf("abc_", 130) : odd == 1 ? "" : odd == 2 ? "\n" : "=";
+                text += oneOf("abc_=", rng() % 40) + ":";
+            }
+        } else {
+            for (std::size_t i = 0, n = rng() % 1200; i < n; ++i)
+                text += rng() % 2000 == 0 ? "\n\0"[rng() % 2]
+                        : rng() % colonOdds == 0 ? ':'
+                        : rng() % eqOdds == 0    ? '='
+                                                 : "abc_"[rng() % 4];
+        }
         const std::string line = text.substr(0, text.find_first_of(std::string("\n\0", 2)));
         const std::string prefix = prefixes[t % std::size(prefixes)];
         std::vector<std::string> want, wantVisited;
@@ -162,9 +188,7 @@ TEST_F(KeyListRead, RandomLinesMatchAByteAtATimeReading) {
         }
         std::free(list);
         spit(conf_, text);
-        QMX_CloseApiTraceFile();
-        unlink(tracePath_.c_str());
-        QMX_OpenApiTraceFile();
+        freshTrace();
         std::vector<std::string> visited;
         auto visit = [](void *ctx, std::string_view key, std::string_view value) {
             static_cast<std::vector<std::string> *>(ctx)->push_back(std::string(key) + "=" + std::string(value));
@@ -180,8 +204,37 @@ TEST_F(KeyListRead, RandomLinesMatchAByteAtATimeReading) {
         if (wantSlot < 0 && prefix.empty() && want.size() < std::size_t(slots)) wantSlot = int(want.size());
         qmx::ConfText probed;
         int slot = -2;
+        freshTrace();
         ASSERT_EQ(qmx::probeConfItems(conf_.c_str(), conf_.c_str(), prefix, probed, &slot), slots) << line;
         ASSERT_EQ(slot, wantSlot) << prefix << " in " << line;
+        ASSERT_EQ(traced("qmxldd.conf item truncated"), cut) << line;
+    }
+}
+
+TEST_F(KeyListRead, KeyProbeAcrossTheEdgeOfARunOfBlocks) {
+    // Short items of other keys up to an item that ends at each place around
+    // the end of the walk's first run of blocks (4096 bytes): the key's
+    // item (its ":", its last byte or its "=" on either side), or an item
+    // too long for its fields, which begins in the run before.
+    auto items = [](std::size_t bytes) {  // short items, `bytes` in all
+        const std::size_t first = 4 + bytes % 4;
+        std::string text = "b=" + std::string(first - 3, 'c') + ":";
+        for (std::size_t i = 0; i < (bytes - first) / 4; ++i) text += "b=c:";
+        return text;
+    };
+    for (std::size_t end = 4056; end < 4136; ++end) {
+        for (const bool cut : {false, true}) {
+            const std::string item = cut ? "b=" + std::string(140, 'c') : "abc_=v";
+            std::string text = items(end - item.size()) + item + ":" + items(160);
+            spit(conf_, text);
+            freshTrace();
+            qmx::ConfText probed;
+            int slot = -2;
+            const int slots = int(std::count(text.begin(), text.end(), ':'));
+            ASSERT_EQ(qmx::probeConfItems(conf_.c_str(), conf_.c_str(), "abc_", probed, &slot), slots);
+            EXPECT_EQ(slot, cut ? -1 : int(std::count(text.begin(), text.begin() + long(end), ':'))) << end;
+            EXPECT_EQ(traced("qmxldd.conf item truncated"), cut) << end;
+        }
     }
 }
 
