@@ -437,13 +437,14 @@ void buildText(Item *key_list, int key_list_max, Item *add_list, int add_list_ma
     writeBindingTables(out);
     // Old binding items are dropped (the tables replace them); every other
     // item that is left is kept, an emptied one included, so callers mark
-    // removed items as used before a binding write.
+    // removed items as used before a binding write.  (All target items have
+    // "tid" near their start: it is looked for first.)
     for (int i = 0; i < kn; ++i) {
         Item &p = key_list[i];
         if (p.used != 0) continue;
         string_view key = keyOf(p);
         bool binding = key.starts_with("qmxl") &&
-                       (key.find("wwpn") != string_view::npos || key.find("tid") != string_view::npos);
+                       (key.find("tid") != string_view::npos || key.find("wwpn") != string_view::npos);
         if (!binding) putItem(out, key, valueOf(p));
     }
 }
@@ -522,11 +523,15 @@ int makeFile(const ConfStore &store, Item *key_list, int key_list_max, Item *add
         // The old text, to put back when the rewrite fails half-way (a
         // failed write or cut would otherwise leave new text over old, or
         // the reserved space as a tail of zero bytes).
-        BigText old;
-        if (!readAllAt(fd, std::size_t(st.st_size), old)) {
+        // (Read into a buffer that is not cleared first: a text would be.)
+        ReadBuffer oldBuf;
+        std::size_t oldSize = 0;
+        if (!oldBuf.reserve(std::size_t(st.st_size))) throw std::bad_alloc();
+        if (!readAllAt(fd, oldBuf.data(), std::size_t(st.st_size), &oldSize)) {
             sysError("read", errno);
             return abend();
         }
+        const std::string_view old(oldBuf.data(), oldSize);
         // Rewritten in place, keeping the inode.  First the journal (see
         // journal.cpp): from the moment it is on disk a crash leaves a
         // rewrite that the next reader finishes; a failure before leaves the

@@ -152,19 +152,6 @@ bool writeAllAt(int fd, std::string_view text) noexcept {
     return true;
 }
 
-namespace {
-
-template <class Text>
-bool readAllInto(int fd, std::size_t size, Text &text) {
-    text.resize(size);
-    std::size_t got = 0;
-    bool ok = readAllAt(fd, text.data(), size, &got);
-    text.resize(got);
-    return ok;
-}
-
-}  // namespace
-
 bool readAllAt(int fd, char *buf, std::size_t size, std::size_t *got, off_t at) noexcept {
     *got = 0;
     while (*got < size) {
@@ -179,8 +166,13 @@ bool readAllAt(int fd, char *buf, std::size_t size, std::size_t *got, off_t at) 
     return true;
 }
 
-bool readAllAt(int fd, std::size_t size, std::string &text) { return readAllInto(fd, size, text); }
-bool readAllAt(int fd, std::size_t size, BigText &text) { return readAllInto(fd, size, text); }
+bool readAllAt(int fd, std::size_t size, std::string &text) {
+    text.resize(size);
+    std::size_t got = 0;
+    bool ok = readAllAt(fd, text.data(), size, &got);
+    text.resize(got);
+    return ok;
+}
 
 bool replaceFile(const char *path, std::string_view data, FileError *err, mode_t newMode) noexcept {
     FileError dummy;

@@ -7,8 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "frame/bigblock.h"
-
 namespace qmx {
 
 // The system call that failed and its errno, for QMX_OutputSysLog-style reports.
@@ -46,7 +44,6 @@ bool writeAllAt(int fd, std::string_view text) noexcept;
 // Reads the first `size` bytes of `fd` (fewer when the file is shorter) into
 // `text`.  false with errno set.  May throw std::bad_alloc.
 bool readAllAt(int fd, std::size_t size, std::string &text);
-bool readAllAt(int fd, std::size_t size, BigText &text);
 // The same into `buf` (room for `size` bytes), from `at` on; *got tells how
 // many were read.
 bool readAllAt(int fd, char *buf, std::size_t size, std::size_t *got, off_t at = 0) noexcept;
