@@ -9,7 +9,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -202,6 +204,26 @@ void rememberMarker(FILE *fp, long marker) {
     ringMemo = {true, st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim, marker};
 }
 
+// "YYYY/MM/DD hh:mm:ss " of the local time `now` (21 blanks when it cannot
+// be told), made once a second.
+std::string_view stampOf(std::time_t now) {
+    thread_local std::time_t last = std::time_t(-1);
+    thread_local char text[80];
+    thread_local std::size_t len = 0;
+    if (len == 0 || now != last) {
+        struct tm tmv;
+        int n;
+        if (now != std::time_t(-1) && localtime_r(&now, &tmv) != nullptr)
+            n = std::snprintf(text, sizeof text, "%04d/%02d/%02d %02d:%02d:%02d ", tmv.tm_year + 1900,
+                              tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec);
+        else
+            n = std::snprintf(text, sizeof text, "%21s", "");
+        len = std::size_t(std::clamp(n, 0, int(sizeof text) - 1));
+        last = now;
+    }
+    return {text, len};
+}
+
 void wrapIfFull(FILE *fp) {
     if (QMX_G_TraceLineCnt > kRingLines - 1) {
         QMX_G_TraceLineCnt = 0;
@@ -278,16 +300,7 @@ FILE *QMX_WriteApiTraceFile(char *message) {
         two = true;
     }
 
-    char stamp[80];
-    std::time_t now = std::time(nullptr);
-    struct tm tmv;
-    if (now != std::time_t(-1) && localtime_r(&now, &tmv) != nullptr) {
-        std::snprintf(stamp, sizeof stamp, "%04d/%02d/%02d %02d:%02d:%02d ",
-                      tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour,
-                      tmv.tm_min, tmv.tm_sec);
-    } else {
-        std::snprintf(stamp, sizeof stamp, "%21s", "");
-    }
+    const std::string_view stamp = stampOf(std::time(nullptr));
     if (std::strstr(first, "EndLog") != nullptr || std::strstr(second, "EndLog") != nullptr)
         session.clean = false;  // a later scan would stop at this line
     for (char *p = first; *p; ++p)
@@ -295,10 +308,20 @@ FILE *QMX_WriteApiTraceFile(char *message) {
     for (char *p = second; *p; ++p)
         if (*p == '\n') *p = ' ';
 
+    // The stamp, the process id and the text (put together without a
+    // format: most calls write a line an item).
     char line[kLineWidth + 64];
-    int n = std::snprintf(line, sizeof line, "%s%d %s", stamp, int(tracePid()), first);
-    if (n < 0) n = 0;
-    std::size_t used = std::size_t(n) < sizeof line ? std::size_t(n) : sizeof line - 1;
+    std::size_t used = 0;
+    auto put = [&](std::string_view s) {
+        std::size_t n = std::min(s.size(), sizeof line - 1 - used);
+        std::memcpy(line + used, s.data(), n);
+        used += n;
+    };
+    char pid[16];
+    put(stamp);
+    put(std::string_view(pid, std::size_t(std::to_chars(pid, pid + sizeof pid, int(tracePid())).ptr - pid)));
+    put(" ");
+    put(first);
     char out[2 * (kLineWidth + 1)];
     fixedLine(out, line, used);
     ++QMX_G_TraceLineCnt;

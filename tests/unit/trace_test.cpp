@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <string>
 #include <string_view>
@@ -66,6 +67,32 @@ TEST_F(TraceRing, NewFileHoldsStartEndAndMarker) {
     EXPECT_EQ(l[0][4], '/');
     EXPECT_EQ(l[0][19], ' ');
     EXPECT_EQ(l[0].substr(20, std::to_string(getpid()).size()), std::to_string(getpid()));
+}
+
+TEST_F(TraceRing, StampIsTheLocalTimeOfEachWrite) {
+    // Also once the second has turned since the last line.
+    auto stampAt = [](std::time_t t) {
+        struct tm tmv;
+        char b[32];
+        localtime_r(&t, &tmv);
+        std::strftime(b, sizeof b, "%Y/%m/%d %H:%M:%S ", &tmv);
+        return std::string(b);
+    };
+    QMX_OpenApiTraceFile();
+    std::time_t spans[2][2];
+    for (auto &span : spans) {
+        span[0] = std::time(nullptr);
+        write("x");
+        span[1] = std::time(nullptr);
+        while (&span == &spans[0] && std::time(nullptr) == span[1]) usleep(10000);
+    }
+    QMX_CloseApiTraceFile();
+    auto l = lines();
+    ASSERT_EQ(l.size(), 3u);
+    for (int i = 0; i < 2; ++i) {
+        const std::string got = l[std::size_t(i)].substr(0, 20);
+        EXPECT_TRUE(got == stampAt(spans[i][0]) || got == stampAt(spans[i][1])) << got;
+    }
 }
 
 TEST_F(TraceRing, WrapsAfter4000LinesAndMarkerFollowsNewest) {
