@@ -133,11 +133,12 @@ bool bareModuleRefresh() {
         if (uname(&un) != 0) return Paths{};
         const std::string base = std::string("/lib/modules/") + un.release + "/";
         const std::string dep = slurp(base + "modules.dep");
-        const std::size_t at = dep.find("qmxldd_conf.ko:");
+        const std::string_view module = "qmxldd_conf.ko";
+        const std::size_t at = dep.find(std::string(module) + ":");
         if (at == std::string::npos) return Paths{};
         const std::size_t line = dep.rfind('\n', at);
         const std::size_t from = line == std::string::npos ? 0 : line + 1;
-        return Paths{base + "modules.dep", base + dep.substr(from, at + 14 - from)};
+        return Paths{base + "modules.dep", base + dep.substr(from, at + module.size() - from)};
     }();
     const std::size_t area = std::size_t(kTableAreaSize);
     if (!bareReadFile(paths.list.c_str())) return false;

@@ -173,6 +173,12 @@ QMX_INLINE uint64_t addCarry(uint64_t a, uint64_t b, bool carryIn, bool *carryOu
     return sum;
 }
 
+// The marks `n` bytes (1 to 63) before each byte of a block: `cur` shifted
+// up, with the top of the block before (`prev`) shifted in.
+QMX_INLINE uint64_t marksBefore(uint64_t cur, uint64_t prev, unsigned n) noexcept {
+    return (cur << n) | (prev >> (64 - n));
+}
+
 // The result of a walk: whether any text was cut, and the line's item slots
 // (its ":" marks, all of them, also those after the walk ended).
 struct Walk {
@@ -277,6 +283,7 @@ QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F 
             bool noColon = false, eqOpen = eq != kNone;
             std::size_t closed = 0, marked = 0;
             uint8_t markedAt[kRun];
+            uint64_t markedEnds[kRun];
             for (std::size_t j = 0; j < count; ++j) {
                 const uint64_t c = ms[j].colons, e = ms[j].eqs, t = ms[j].tags;
                 ends |= ms[j].ends;
@@ -287,9 +294,9 @@ QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F 
                 // With a ":" in the block, its open item has an "=" when
                 // one comes after the last ":" (no byte is both).
                 eqOpen = e > c;
-                const uint64_t keyEnds =
-                    ((c << (at + 1)) | (prevColons >> (63 - at))) & e & ((t << 1) | (prevTags >> 63));
+                const uint64_t keyEnds = marksBefore(c, prevColons, at + 1) & marksBefore(t, prevTags, 1) & e;
                 markedAt[marked] = uint8_t(j);
+                markedEnds[marked] = keyEnds;
                 marked += keyEnds != 0;
                 prevColons = c;
                 prevTags = t;
@@ -298,12 +305,8 @@ QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F 
                 base + std::size_t(std::countr_zero(ms[0].colons)) - start > kShortItem)
                 return false;
             for (std::size_t i = 0; i < marked; ++i) {
-                const std::size_t j = markedAt[i];
-                const uint64_t pc = j > 0 ? ms[j - 1].colons : lastColons, pt = j > 0 ? ms[j - 1].tags : lastTags;
-                uint64_t keyEnds = ((ms[j].colons << (at + 1)) | (pc >> (63 - at))) & ms[j].eqs &
-                                   ((ms[j].tags << 1) | (pt >> 63));
-                for (; keyEnds != 0; keyEnds &= keyEnds - 1) {
-                    const std::size_t q = base + j * kBlock + std::size_t(std::countr_zero(keyEnds));
+                for (uint64_t keyEnds = markedEnds[i]; keyEnds != 0; keyEnds &= keyEnds - 1) {
+                    const std::size_t q = base + markedAt[i] * kBlock + std::size_t(std::countr_zero(keyEnds));
                     if (std::memcmp(p + q - at, key.data(), at) == 0) return false;
                 }
             }
@@ -313,7 +316,7 @@ QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F 
             const int last = 63 - std::countl_zero(m.colons);
             const uint64_t after = m.eqs & ~((uint64_t(2) << last) - 1);
             const uint64_t pc = count > 1 ? ms[count - 2].colons : lastColons;
-            openTagged = (((m.colons << at) | (pc >> (64 - at))) & m.tags) > m.colons;
+            openTagged = (marksBefore(m.colons, pc, at) & m.tags) > m.colons;
             start = lastBase + std::size_t(last) + 1;
             eq = after != 0 ? lastBase + std::size_t(std::countr_zero(after)) : kNone;
             slot += closed;
@@ -331,7 +334,7 @@ QMX_INLINE Walk walkBlocks(std::string_view text, std::size_t limit, Tag tag, F 
             if constexpr (kTagged) {
                 const uint64_t colons = m.colons;
                 // The tag's byte `tag.at` bytes past a ":".
-                const uint64_t tagged = ((colons << tag.at) | (lastColons >> (64 - tag.at))) & m.tags;
+                const uint64_t tagged = marksBefore(colons, lastColons, tag.at) & m.tags;
                 lastColons = colons;
                 lastTags = m.tags;
                 // (The "=" chain's carry out is not kept: `eq` below holds

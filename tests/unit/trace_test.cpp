@@ -75,12 +75,12 @@ TEST_F(TraceRing, StampIsTheLocalTimeOfEachWriteThenThePid) {
         return std::string(b);
     };
     QMX_OpenApiTraceFile();
-    std::time_t spans[2][2];
-    for (auto &span : spans) {
-        span[0] = std::time(nullptr);
+    std::time_t spans[2][2];  // the clock before and after each write
+    for (int i = 0; i < 2; ++i) {
+        while (i == 1 && std::time(nullptr) == spans[0][1]) usleep(10000);  // the next second
+        spans[i][0] = std::time(nullptr);
         write("x");
-        span[1] = std::time(nullptr);
-        while (&span == &spans[0] && std::time(nullptr) == span[1]) usleep(10000);
+        spans[i][1] = std::time(nullptr);
     }
     QMX_CloseApiTraceFile();
     auto l = lines();
